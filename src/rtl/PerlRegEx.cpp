@@ -1,0 +1,244 @@
+#define PCRE2_CODE_UNIT_WIDTH 16
+#include <pcre2.h>
+
+#include <quma/PerlRegEx.h>
+
+namespace quma {
+
+namespace {
+
+uint32_t CompileFlags(TPerlRegExOptions o) {
+  uint32_t f = PCRE2_UTF | PCRE2_NO_UTF_CHECK;
+  if (o.Contains(preCaseLess)) f |= PCRE2_CASELESS;
+  if (o.Contains(preMultiLine)) f |= PCRE2_MULTILINE;
+  if (o.Contains(preSingleLine)) f |= PCRE2_DOTALL;
+  if (o.Contains(preExtended)) f |= PCRE2_EXTENDED;
+  if (o.Contains(preAnchored)) f |= PCRE2_ANCHORED;
+  if (o.Contains(preUnGreedy)) f |= PCRE2_UNGREEDY;
+  if (o.Contains(preNoAutoCapture)) f |= PCRE2_NO_AUTO_CAPTURE;
+  return f;
+}
+
+// One reusable match block per thread, grown to the largest pattern seen.
+struct TMatchData {
+  pcre2_match_data* Data = nullptr;
+  uint32_t Pairs = 0;
+  ~TMatchData() { pcre2_match_data_free(Data); }
+  pcre2_match_data* Get(uint32_t pairs) {
+    if (pairs > Pairs) {
+      pcre2_match_data_free(Data);
+      Data = pcre2_match_data_create(pairs, nullptr);
+      Pairs = pairs;
+    }
+    return Data;
+  }
+};
+thread_local TMatchData tlsMatchData;
+
+}  // namespace
+
+struct TRegex::TImpl {
+  pcre2_code* Code = nullptr;
+  UnicodeString Pattern;
+  TPerlRegExOptions Options;
+  uint32_t CaptureCount = 0;
+  ~TImpl() { pcre2_code_free(Code); }
+};
+
+TRegex::TRegex(std::string_view pattern, TPerlRegExOptions options) : TRegex(Utf8ToUtf16(pattern), options) {}
+
+TRegex::TRegex(UnicodeStringView pattern, TPerlRegExOptions options) : FImpl(std::make_unique<TImpl>()) {
+  FImpl->Pattern.assign(pattern);
+  FImpl->Options = options;
+  int err = 0;
+  PCRE2_SIZE errOffset = 0;
+  // The subject is checked for valid UTF-16 by the caller's strings; lone surrogates are
+  // tolerated rather than rejected, so PCRE2 must not validate (PCRE2_MATCH_INVALID_UTF).
+  const uint32_t flags = (CompileFlags(options) & ~PCRE2_NO_UTF_CHECK) | PCRE2_MATCH_INVALID_UTF;
+  FImpl->Code = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern.data()), pattern.size(), flags, &err, &errOffset, nullptr);
+  if (!FImpl->Code) {
+    PCRE2_UCHAR buf[256];
+    pcre2_get_error_message(err, buf, 256);
+    throw ERegularExpressionError(Format(u"Error in regular expression at offset %d: %s", static_cast<Int64>(errOffset),
+                                         UnicodeStringView(reinterpret_cast<const char16_t*>(buf))));
+  }
+  pcre2_jit_compile(FImpl->Code, PCRE2_JIT_COMPLETE);  // best effort; the interpreter serves otherwise
+  pcre2_pattern_info(FImpl->Code, PCRE2_INFO_CAPTURECOUNT, &FImpl->CaptureCount);
+}
+
+TRegex::TRegex(TRegex&&) noexcept = default;
+TRegex& TRegex::operator=(TRegex&&) noexcept = default;
+TRegex::~TRegex() = default;
+
+Integer TRegex::GroupCount() const noexcept { return static_cast<Integer>(FImpl->CaptureCount); }
+const UnicodeString& TRegex::Pattern() const noexcept { return FImpl->Pattern; }
+TPerlRegExOptions TRegex::Options() const noexcept { return FImpl->Options; }
+
+bool TRegex::Match(UnicodeStringView subject, TRegexMatch& m, std::size_t startOffset) const {
+  const uint32_t pairs = FImpl->CaptureCount + 1;
+  pcre2_match_data* md = tlsMatchData.Get(pairs);
+  if (startOffset > subject.size()) return false;
+  const int rc = pcre2_match(FImpl->Code, reinterpret_cast<PCRE2_SPTR>(subject.data()), subject.size(), startOffset, 0, md, nullptr);
+  if (rc < 0) return false;
+  const PCRE2_SIZE* ov = pcre2_get_ovector_pointer(md);
+  m.FSubject = subject;
+  m.FOffsets.resize(2 * pairs);
+  for (uint32_t i = 0; i < pairs; ++i) {
+    const bool set = i < static_cast<uint32_t>(rc) && ov[2 * i] != PCRE2_UNSET;
+    m.FOffsets[2 * i] = set ? ov[2 * i] : TRegexMatch::npos;
+    m.FOffsets[2 * i + 1] = set ? ov[2 * i + 1] : TRegexMatch::npos;
+  }
+  return true;
+}
+
+bool TRegex::IsMatch(UnicodeStringView subject) const {
+  TRegexMatch m;
+  return Match(subject, m);
+}
+
+// ---- TPerlRegEx ----
+
+TPerlRegEx::TPerlRegEx() = default;
+TPerlRegEx::~TPerlRegEx() = default;
+
+void TPerlRegEx::SetRegEx(UnicodeString value) {
+  if (value == FRegEx) return;
+  FRegEx = std::move(value);
+  FRegex.reset();
+  FFound = false;
+}
+
+void TPerlRegEx::SetOptions(TPerlRegExOptions value) {
+  if (value == FOptions) return;
+  FOptions = value;
+  FRegex.reset();
+  FFound = false;
+}
+
+void TPerlRegEx::SetSubject(UnicodeString value) {
+  FSubject = std::move(value);
+  FFound = false;
+  FMatch = TRegexMatch();
+}
+
+void TPerlRegEx::Compile() { FRegex = std::make_unique<TRegex>(FRegEx, FOptions); }
+
+void TPerlRegEx::EnsureCompiled() {
+  if (!FRegex) Compile();
+}
+
+bool TPerlRegEx::MatchFrom(std::size_t offset) {
+  EnsureCompiled();
+  FFound = FRegex->Match(FSubject, FMatch, offset);
+  return FFound;
+}
+
+bool TPerlRegEx::Match() { return MatchFrom(0); }
+
+bool TPerlRegEx::MatchAgain() {
+  if (!FFound) return false;
+  std::size_t next = FMatch.GroupOffset(0) + FMatch.GroupLength(0);
+  if (FMatch.GroupLength(0) == 0) {
+    // An empty match: step past it so the search makes progress.
+    if (next >= FSubject.size()) {
+      FFound = false;
+      return false;
+    }
+    ++next;
+  }
+  return MatchFrom(next);
+}
+
+Integer TPerlRegEx::GroupCount() const { return FRegex ? FRegex->GroupCount() : 0; }
+
+UnicodeString TPerlRegEx::Groups(Integer index) const {
+  if (!FFound) return {};
+  return UnicodeString(FMatch.Group(index));
+}
+
+Integer TPerlRegEx::GroupOffsets(Integer index) const {
+  if (!FFound || !FMatch.GroupMatched(index)) return 0;
+  return static_cast<Integer>(FMatch.GroupOffset(index)) + 1;
+}
+
+Integer TPerlRegEx::GroupLengths(Integer index) const {
+  return FFound ? static_cast<Integer>(FMatch.GroupLength(index)) : 0;
+}
+
+UnicodeString TPerlRegEx::SubjectLeft() const {
+  if (!FFound) return {};
+  return FSubject.substr(0, FMatch.GroupOffset(0));
+}
+
+UnicodeString TPerlRegEx::SubjectRight() const {
+  if (!FFound) return {};
+  return FSubject.substr(FMatch.GroupOffset(0) + FMatch.GroupLength(0));
+}
+
+UnicodeString TPerlRegEx::ComputeReplacement() const {
+  UnicodeString out;
+  const UnicodeString& r = FReplacement;
+  for (std::size_t i = 0; i < r.size(); ++i) {
+    const WideChar c = r[i];
+    if ((c == u'\\' || c == u'$') && i + 1 < r.size()) {
+      const WideChar d = r[i + 1];
+      if (d >= u'0' && d <= u'9') {
+        out += FMatch.Group(d - u'0');
+        ++i;
+        continue;
+      }
+      if (c == u'\\' && d == u'\\') {
+        out.push_back(u'\\');
+        ++i;
+        continue;
+      }
+    }
+    out.push_back(c);
+  }
+  return out;
+}
+
+Integer TPerlRegEx::ReplaceAll() {
+  EnsureCompiled();
+  UnicodeString result;
+  Integer count = 0;
+  std::size_t copied = 0, from = 0;
+  TRegexMatch m;
+  while (from <= FSubject.size() && FRegex->Match(FSubject, m, from)) {
+    FMatch = m;
+    FFound = true;
+    const std::size_t start = m.GroupOffset(0), len = m.GroupLength(0);
+    result.append(FSubject, copied, start - copied);
+    result += ComputeReplacement();
+    copied = start + len;
+    ++count;
+    from = len == 0 ? start + 1 : start + len;
+    if (len == 0 && start < FSubject.size()) {
+      result.push_back(FSubject[start]);
+      copied = start + 1;
+    }
+  }
+  if (count == 0) return 0;
+  if (copied < FSubject.size()) result.append(FSubject, copied, UnicodeString::npos);
+  FSubject = std::move(result);
+  FFound = false;
+  FMatch = TRegexMatch();
+  return count;
+}
+
+UnicodeString TPerlRegEx::EscapeRegExChars(UnicodeStringView s) {
+  static constexpr UnicodeStringView kSpecial = u"\\^$.|?*+()[]{}";
+  UnicodeString out;
+  out.reserve(s.size());
+  for (WideChar c : s) {
+    if (c == 0) {
+      out += u"\\x00";
+      continue;
+    }
+    if (kSpecial.find(c) != UnicodeStringView::npos) out.push_back(u'\\');
+    out.push_back(c);
+  }
+  return out;
+}
+
+}  // namespace quma
