@@ -1,0 +1,68 @@
+// Cost of calling a bound callback (TNotifyEvent) against a std::function holding the same
+// binding and a direct member-function-pointer call, in one run.
+#include <benchmark/benchmark.h>
+
+#include <functional>
+
+#include <quma/Method.h>
+#include <quma/Object.h>
+
+using namespace quma;
+
+namespace {
+
+class TReceiver : public TObject {
+  QUMA_CLASS(TReceiver, TObject)
+ public:
+  long Count = 0;
+  // Not inlinable into the caller: every variant pays for one real call of the handler.
+  [[gnu::noinline]] void Handle(TObject* Sender) {
+    Count += Sender != nullptr;
+    benchmark::ClobberMemory();
+  }
+};
+
+void BM_NotifyEvent(benchmark::State& state) {
+  auto receiver = MakeObject<TReceiver>();
+  TNotifyEvent ev = Bind<&TReceiver::Handle>(receiver.get());
+  benchmark::DoNotOptimize(ev);
+  for (auto _ : state) {
+    TNotifyEvent call = ev;
+    benchmark::DoNotOptimize(call);
+    call(receiver.get());
+  }
+  benchmark::DoNotOptimize(receiver->Count);
+}
+BENCHMARK(BM_NotifyEvent);
+
+void BM_StdFunction(benchmark::State& state) {
+  auto receiver = MakeObject<TReceiver>();
+  TReceiver* r = receiver.get();
+  std::function<void(TObject*)> fn = [r](TObject* s) { r->Handle(s); };
+  benchmark::DoNotOptimize(fn);
+  for (auto _ : state) {
+    std::function<void(TObject*)>* call = &fn;
+    benchmark::DoNotOptimize(call);
+    (*call)(r);
+  }
+  benchmark::DoNotOptimize(receiver->Count);
+}
+BENCHMARK(BM_StdFunction);
+
+void BM_MemberFunctionPointer(benchmark::State& state) {
+  auto receiver = MakeObject<TReceiver>();
+  TReceiver* r = receiver.get();
+  void (TReceiver::*pm)(TObject*) = &TReceiver::Handle;
+  benchmark::DoNotOptimize(pm);
+  for (auto _ : state) {
+    auto call = pm;
+    benchmark::DoNotOptimize(call);
+    (r->*call)(r);
+  }
+  benchmark::DoNotOptimize(receiver->Count);
+}
+BENCHMARK(BM_MemberFunctionPointer);
+
+}  // namespace
+
+BENCHMARK_MAIN();

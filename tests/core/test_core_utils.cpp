@@ -1,0 +1,169 @@
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <map>
+
+#include <quma/CoreTypes.h>
+#include <quma/CoreUtils.h>
+
+using namespace quma;
+
+TEST(Counters, WrapAroundInEveryWidth) {
+  std::uint8_t u8 = 0;
+  EXPECT_EQ(PostDec(u8), 0);
+  EXPECT_EQ(u8, 255);
+  EXPECT_EQ(PreInc(u8), 0);
+
+  std::int8_t s8 = 127;
+  EXPECT_EQ(PreInc(s8), -128);
+  std::int16_t s16 = std::numeric_limits<std::int16_t>::min();
+  EXPECT_EQ(PreDec(s16), 32767);
+  std::uint16_t u16 = 65535;
+  EXPECT_EQ(PostInc(u16), 65535);
+  EXPECT_EQ(u16, 0);
+
+  Integer s32 = std::numeric_limits<Integer>::max();
+  EXPECT_EQ(PreInc(s32), std::numeric_limits<Integer>::min());
+  Cardinal u32 = 0;
+  EXPECT_EQ(PreDec(u32), 0xFFFFFFFFu);
+
+  Int64 s64 = 0;
+  EXPECT_EQ(PreDec(s64), -1);
+  UInt64 u64 = 0;
+  EXPECT_EQ(PreDec(u64), ~UInt64{0});
+}
+
+TEST(Counters, DeltaIsTruncatedOrSignExtended) {
+  std::uint8_t u8 = 10;
+  EXPECT_EQ(PreInc(u8, 0x105), 15);  // 0x105 truncated to 8 bits is 5
+  std::int16_t s16 = 0;
+  EXPECT_EQ(PreInc(s16, 0x10001), 1);
+  UInt64 u64 = 5;
+  EXPECT_EQ(PreDec(u64, -1), 6u);  // a delta of -1 sign-extends, so subtracting it adds one
+  Int64 s64 = 0;
+  EXPECT_EQ(PreDec(s64, std::numeric_limits<Integer>::min()), Int64{1} << 31);
+  Integer n = 7;
+  EXPECT_EQ(PostInc(n, 3), 7);
+  EXPECT_EQ(PostDec(n, 3), 10);
+  EXPECT_EQ(n, 7);
+}
+
+TEST(CoreUtils, CountOfCharInString) {
+  EXPECT_EQ(CountOfCharInString(u'a', u""), 0);
+  EXPECT_EQ(CountOfCharInString(u'a', u"banana"), 3);
+  EXPECT_EQ(CountOfCharInString(u'\xE9', u"\xE9t\xE9"), 2);
+}
+
+TEST(CoreUtils, ByteOrderIsCachedAndConsistent) {
+  const bool big = CurrentPlatformIsBigEndian();
+  EXPECT_EQ(CurrentPlatformIsLittleEndian(), !big);
+  EXPECT_EQ(CurrentPlatformIsBigEndian(), big);
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+  EXPECT_FALSE(big);
+#endif
+}
+
+namespace {
+class THolder : public TObject {
+  QUMA_CLASS(THolder, TObject)
+ public:
+  void Handle(TObject*) {}
+};
+}  // namespace
+
+TEST(CoreUtils, IsAssignedLooksAtTheObjectHalfOnly) {
+  TObjectPtr<THolder> holder = MakeObject<THolder>();
+  TNotifyEvent bound = Bind<&THolder::Handle>(holder.get());
+  EXPECT_TRUE(IsAssigned(&bound));
+  TNotifyEvent codeOnly = Bind<&THolder::Handle>(static_cast<THolder*>(nullptr));
+  EXPECT_TRUE(static_cast<bool>(codeOnly));  // the code half is set...
+  EXPECT_FALSE(IsAssigned(&codeOnly));      // ...but without an object it counts as unassigned
+  TNotifyEvent empty;
+  EXPECT_FALSE(IsAssigned(empty));
+  EXPECT_FALSE(IsAssigned(static_cast<const TNotifyEvent*>(nullptr)));
+}
+
+namespace {
+class TFakeKeys final : public IKeyStateProvider {
+ public:
+  std::map<Integer, SmallInt> State;
+  std::vector<Integer> Asked;
+  SmallInt GetAsyncKeyState(Integer vk) override {
+    Asked.push_back(vk);
+    auto it = State.find(vk);
+    return it == State.end() ? 0 : it->second;
+  }
+};
+
+struct ProviderScope {
+  std::shared_ptr<IKeyStateProvider> Previous;
+  explicit ProviderScope(std::shared_ptr<IKeyStateProvider> p) : Previous(SetKeyStateProvider(std::move(p))) {}
+  ~ProviderScope() { SetKeyStateProvider(nullptr); }
+};
+}  // namespace
+
+TEST(IsKeyDown, HighByteMeansDown) {
+  auto keys = std::make_shared<TFakeKeys>();
+  ProviderScope scope(keys);
+  keys->State['A'] = static_cast<SmallInt>(0x8000);
+  keys->State['B'] = 0x0100;  // any bit of the high byte
+  keys->State['C'] = 0x0001;  // "pressed since last call" bit only: not down
+  EXPECT_TRUE(IsKeyDown('A'));
+  EXPECT_TRUE(IsKeyDown('B'));
+  EXPECT_FALSE(IsKeyDown('C'));
+  EXPECT_FALSE(IsKeyDown('D'));
+}
+
+TEST(IsKeyDown, GenericModifiersFallBackToTheRightHandKey) {
+  auto keys = std::make_shared<TFakeKeys>();
+  ProviderScope scope(keys);
+  keys->State[VK_RSHIFT] = static_cast<SmallInt>(0x8000);
+  keys->State[VK_RCONTROL] = static_cast<SmallInt>(0x8000);
+  keys->State[VK_RMENU] = static_cast<SmallInt>(0x8000);
+  EXPECT_TRUE(IsKeyDown(VK_SHIFT));
+  EXPECT_TRUE(IsKeyDown(VK_CONTROL));
+  EXPECT_TRUE(IsKeyDown(VK_MENU));
+  keys->Asked.clear();
+  EXPECT_FALSE(IsKeyDown('Z'));
+  EXPECT_EQ(keys->Asked, std::vector<Integer>{'Z'});  // other keys are asked once
+}
+
+TEST(IsKeyDown, DefaultProviderAnswersWithoutDevices) {
+  // Whatever the machine's input devices, the real source must answer without failing; keys that
+  // have no Linux equivalent read as up.
+  SetKeyStateProvider(nullptr);
+  EXPECT_FALSE(IsKeyDown(0xFF));
+  (void)IsKeyDown(VK_SHIFT);
+}
+
+TEST(LocatedException, CarriesLocationApartFromMessage) {
+  try {
+    throw EQUMACodeLocatedException(u"QUMA.Unit", u"TFoo.Bar", 42, u"went wrong");
+  } catch (const Exception& e) {
+    EXPECT_EQ(e.Message(), u"went wrong");
+    EXPECT_STREQ(e.what(), "went wrong");
+    const auto& located = dynamic_cast<const EQUMACodeLocatedException&>(e);
+    EXPECT_EQ(located.UnitName(), u"QUMA.Unit");
+    EXPECT_EQ(located.RoutineName(), u"TFoo.Bar");
+    EXPECT_EQ(located.LineNumber(), 42);
+  }
+  try {
+    QUMA_RAISE_LOCATED("from the macro");
+  } catch (const EQUMACodeLocatedException& e) {
+    EXPECT_EQ(e.Message(), u"from the macro");
+    EXPECT_NE(e.UnitName().find(u"test_core_utils.cpp"), UnicodeString::npos);
+    EXPECT_GT(e.LineNumber(), 0);
+  }
+}
+
+TEST(CoreTypes, PairsKeepArgumentOrder) {
+  const auto cn = QUMACodeNamePair(u"GB", u"United Kingdom");
+  EXPECT_EQ(cn.Code, u"GB");
+  EXPECT_EQ(cn.Name, u"United Kingdom");
+  const auto kv = QUMAKeyValuePair(u"k", u"v");
+  EXPECT_EQ(kv._szKey, u"k");
+  EXPECT_EQ(kv._szValue, u"v");
+  EXPECT_EQ(static_cast<int>(trUnknown), 2);
+  constexpr TGUID expected{0x1D3AF930, 0xF9AC, 0x4F55, {0xB3, 0xB4, 0x2C, 0x09, 0xE6, 0x69, 0xC1, 0x5C}};
+  EXPECT_EQ(IQUMASelfReturning::IID, expected);
+}

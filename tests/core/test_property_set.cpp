@@ -1,0 +1,246 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include <quma/CoreTypes.h>
+#include <quma/PropertySet.h>
+
+using namespace quma;
+
+namespace {
+
+// A property set with one property and a trace of its hooks.
+class TSample : public TQUMAPropertySet {
+  QUMA_CLASS(TSample, TQUMAPropertySet)
+ public:
+  using TQUMAPropertySet::TQUMAPropertySet;
+  std::vector<std::string>* Trace = nullptr;
+  Integer Value() const { return FValue; }
+  void SetValue(Integer v) {
+    FValue = v;
+    _Change();
+  }
+  void Assign(TPersistent* Source) override {
+    if (auto* s = dynamic_cast<TSample*>(Source)) {
+      FValue = s->FValue;
+      return;
+    }
+    TQUMAPropertySet::Assign(Source);
+  }
+  bool EqualTo(const TQUMAPropertySet* Other) const override {
+    auto* o = dynamic_cast<const TSample*>(Other);
+    return o && o->FValue == FValue;
+  }
+
+ protected:
+  void _BeforeChange() override { Log("before"); }
+  void _DoChange() override { Log("do"); }
+  void _AfterChange() override { Log("after"); }
+
+ private:
+  void Log(const char* s) {
+    if (Trace) Trace->push_back(s);
+  }
+  Integer FValue = 0;
+};
+
+class TListener : public TObject {
+  QUMA_CLASS(TListener, TObject)
+ public:
+  std::vector<std::string>* Trace = nullptr;
+  int Calls = 0;
+  TObject* LastSender = nullptr;
+  void Changed(TObject* Sender) {
+    ++Calls;
+    LastSender = Sender;
+    if (Trace) Trace->push_back("listener");
+  }
+};
+
+struct Fixture : ::testing::Test {
+  TObjectPtr<TSample> set = MakeObject<TSample>();
+  TObjectPtr<TListener> listener = MakeObject<TListener>();
+  std::vector<std::string> trace;
+  void SetUp() override {
+    set->Trace = &trace;
+    listener->Trace = &trace;
+    set->SetOnChange(Bind<&TListener::Changed>(listener.get()));
+  }
+};
+
+using PropertySetBatching = Fixture;
+
+TEST_F(PropertySetBatching, UnbatchedChangeDeliversHooksThenListener) {
+  set->SetValue(1);
+  EXPECT_EQ(trace, (std::vector<std::string>{"before", "do", "after", "listener"}));
+  EXPECT_EQ(listener->LastSender, set.get());
+}
+
+TEST_F(PropertySetBatching, ManyChangesInOneBatchDeliverOnce) {
+  set->BeginUpdate();
+  set->SetValue(1);
+  set->SetValue(2);
+  set->SetValue(3);
+  EXPECT_EQ(listener->Calls, 0);
+  EXPECT_TRUE(set->InUpdate());
+  set->EndUpdate();
+  EXPECT_EQ(listener->Calls, 1);
+  EXPECT_EQ(trace, (std::vector<std::string>{"before", "do", "after", "listener"}));
+  EXPECT_FALSE(set->InUpdate());
+}
+
+TEST_F(PropertySetBatching, NestedBatchesDeliverAtTheOutermostEnd) {
+  set->BeginUpdate();
+  set->BeginUpdate();
+  EXPECT_EQ(set->UpdateCount(), 2);
+  set->SetValue(5);
+  set->SetValue(6);
+  EXPECT_EQ(set->UpdateCount(), 2);  // the depth, not the number of changes
+  set->EndUpdate();
+  EXPECT_EQ(listener->Calls, 0);
+  set->EndUpdate();
+  EXPECT_EQ(listener->Calls, 1);
+}
+
+TEST_F(PropertySetBatching, EmptyBatchAndUnmatchedEndDeliverNothing) {
+  set->BeginUpdate();
+  set->EndUpdate();
+  set->EndUpdate();
+  set->EndUpdate();
+  EXPECT_EQ(set->UpdateCount(), 0);
+  EXPECT_EQ(listener->Calls, 0);
+  set->BeginUpdate();  // the depth never went negative: one Begin opens a batch again
+  set->SetValue(1);
+  EXPECT_EQ(listener->Calls, 0);
+  set->EndUpdate();
+  EXPECT_EQ(listener->Calls, 1);
+}
+
+TEST_F(PropertySetBatching, ScopeGuardClosesTheBatch) {
+  {
+    auto scope = set->Update();
+    set->SetValue(1);
+    set->SetValue(2);
+    EXPECT_EQ(listener->Calls, 0);
+  }
+  EXPECT_EQ(listener->Calls, 1);
+  EXPECT_EQ(set->UpdateCount(), 0);
+}
+
+class TThrowingListener : public TObject {
+  QUMA_CLASS(TThrowingListener, TObject)
+ public:
+  void Changed(TObject*) { throw Exception("listener failed"); }
+};
+
+TEST(PropertySetErrors, ListenerExceptionLeavesThePendingCount) {
+  auto set = MakeObject<TSample>();
+  auto listener = MakeObject<TThrowingListener>();
+  set->SetOnChange(Bind<&TThrowingListener::Changed>(listener.get()));
+  set->BeginUpdate();
+  set->SetValue(1);
+  EXPECT_THROW(set->EndUpdate(), Exception);
+  // The count was not reset, so the next closing of an empty batch delivers again.
+  set->SetOnChange(nullptr);
+  set->BeginUpdate();
+  auto trace = std::vector<std::string>();
+  set->Trace = &trace;
+  set->EndUpdate();
+  EXPECT_EQ(trace, (std::vector<std::string>{"before", "do", "after"}));
+}
+
+TEST(PropertySetIdentity, EqualsAndEqualTo) {
+  auto a = MakeObject<TQUMAPropertySet>();
+  auto b = MakeObject<TQUMAPropertySet>();
+  EXPECT_TRUE(a->Equals(a.get()));
+  EXPECT_FALSE(a->Equals(nullptr));
+  EXPECT_FALSE(a->Equals(b.get()));  // the base knows no properties
+
+  auto s1 = MakeObject<TSample>();
+  auto s2 = MakeObject<TSample>();
+  s1->SetValue(3);
+  s2->SetValue(3);
+  EXPECT_TRUE(s1->Equals(s2.get()));
+  s2->SetValue(4);
+  EXPECT_FALSE(s1->Equals(s2.get()));
+  auto unrelated = MakeObject<TListener>();
+  EXPECT_FALSE(s1->Equals(unrelated.get()));
+}
+
+TEST(PropertySetDuplicate, CopiesTheRunTimeClassAndOwner) {
+  auto owner = MakeObject<TSample>();
+  auto src = MakeObject<TSample>(owner.get());
+  src->SetValue(9);
+  TQUMAPropertySet* copy = src->Duplicate();
+  ASSERT_NE(copy, nullptr);
+  EXPECT_EQ(copy->ClassType(), TSample::StaticClass());
+  EXPECT_EQ(copy->Owner(), owner.get());
+  EXPECT_EQ(static_cast<TSample*>(copy)->Value(), 9);
+  EXPECT_TRUE(copy->Equals(src.get()));
+  Free(copy);
+
+  auto other = src->DuplicateAs<TSample>(nullptr);
+  EXPECT_EQ(other->Owner(), nullptr);
+}
+
+TEST(PropertySetDuplicate, BaseClassCannotCopyAndLeaksNothing) {
+  auto base = MakeObject<TQUMAPropertySet>();
+  try {
+    base->Duplicate();
+    FAIL() << "expected EConvertError";
+  } catch (const EConvertError& e) {
+    EXPECT_EQ(e.Message(), u"Cannot assign a TQUMAPropertySet to a TQUMAPropertySet");
+  }
+}
+
+class TCounted : public TQUMAPropertySet {
+  QUMA_CLASS(TCounted, TQUMAPropertySet)
+ public:
+  using TQUMAPropertySet::TQUMAPropertySet;
+  bool* Destroyed = nullptr;
+  ~TCounted() override {
+    if (Destroyed) *Destroyed = true;
+  }
+};
+
+TEST(PropertySetInterface, CountingIsOffByDefault) {
+  auto set = MakeObject<TCounted>();
+  EXPECT_EQ(set->_AddRef(), -1);
+  EXPECT_EQ(set->_Release(), -1);
+  EXPECT_FALSE(set->InterfaceCounted());
+}
+
+TEST(PropertySetInterface, LastReleaseFreesTheObject) {
+  bool destroyed = false;
+  auto* set = New<TCounted>();
+  set->Destroyed = &destroyed;
+  set->SetInterfaceCounted(true);
+  set->SetInterfaceCounted(true);  // no change
+  EXPECT_EQ(set->_AddRef(), 1);
+  EXPECT_EQ(set->_AddRef(), 2);
+  EXPECT_EQ(set->_Release(), 1);
+  EXPECT_FALSE(destroyed);
+  EXPECT_EQ(set->_Release(), 0);
+  EXPECT_TRUE(destroyed);
+}
+
+TEST(PropertySetInterface, QueryInterfaceThroughSmartPointer) {
+  bool destroyed = false;
+  auto* set = New<TCounted>();
+  set->Destroyed = &destroyed;
+  set->SetInterfaceCounted(true);
+  {
+    void* raw = nullptr;
+    ASSERT_EQ(set->QueryInterface(IInterface::IID, &raw), S_OK);
+    auto ref = TInterfacePtr<IInterface>::Adopt(static_cast<IInterface*>(raw));
+    void* none = nullptr;
+    EXPECT_EQ(set->QueryInterface(IQUMASelfReturning::IID, &none), E_NOINTERFACE);
+    EXPECT_EQ(none, nullptr);
+    TInterfacePtr<IInterface> copy = ref;
+    EXPECT_FALSE(destroyed);
+  }
+  EXPECT_TRUE(destroyed);
+}
+
+}  // namespace

@@ -1,0 +1,326 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <quma/Classes.h>
+#include <quma/Generics.h>
+#include <quma/Method.h>
+#include <quma/Monitor.h>
+
+using namespace quma;
+
+namespace {
+
+std::vector<std::string> gTrace;
+
+class TBase : public TObject {
+  QUMA_CLASS(TBase, TObject)
+  QUMA_VIRTUAL_CONSTRUCTOR(int)
+ public:
+  explicit TBase(int v) : Value(v) {}
+  ~TBase() override { gTrace.push_back("~TBase"); }
+  void AfterConstruction() override { gTrace.push_back("after:" + Kind()); }
+  void BeforeDestruction() override { gTrace.push_back("before:" + Kind()); }
+  virtual std::string Kind() const { return "base"; }
+  int Value;
+};
+
+class TDerived : public TBase {
+  QUMA_CLASS(TDerived, TBase)
+ public:
+  using TBase::TBase;
+  ~TDerived() override { gTrace.push_back("~TDerived"); }
+  std::string Kind() const override { return "derived"; }
+};
+
+class TAbstractish : public TBase {
+  QUMA_CLASS(TAbstractish, TBase)
+ public:
+  TAbstractish() : TBase(0) {}  // not creatable with the hierarchy's arguments
+};
+
+}  // namespace
+
+TEST(TwoPhaseLifetime, HooksDispatchToTheMostDerivedClass) {
+  gTrace.clear();
+  TDerived* d = New<TDerived>(3);
+  EXPECT_EQ(gTrace, std::vector<std::string>{"after:derived"});
+  gTrace.clear();
+  Free(d);
+  EXPECT_EQ(gTrace, (std::vector<std::string>{"before:derived", "~TDerived", "~TBase"}));
+  Free(nullptr);  // null-safe
+  TBase* p = New<TBase>(1);
+  FreeAndNil(p);
+  EXPECT_EQ(p, nullptr);
+}
+
+TEST(ClassReferences, VirtualConstructorCreatesTheRunTimeClass) {
+  auto d = MakeObject<TDerived>(7);
+  TClassOf<TBase> cls = d->ClassType();
+  TBase* copy = cls.Create(8);
+  ASSERT_NE(copy, nullptr);
+  EXPECT_EQ(copy->ClassName(), u"TDerived");
+  EXPECT_EQ(copy->Value, 8);
+  EXPECT_EQ(copy->Kind(), "derived");
+  Free(copy);
+  EXPECT_EQ(TClassOf<TBase>(TAbstractish::StaticClass()).Create(1), nullptr);
+}
+
+TEST(ClassReferences, NamesAndInheritance) {
+  auto d = MakeObject<TDerived>(1);
+  EXPECT_EQ(d->ClassName(), u"TDerived");
+  EXPECT_TRUE(d->ClassNameIs(u"tderived"));
+  EXPECT_EQ(d->ClassParent(), TBase::StaticClass());
+  EXPECT_TRUE(d->InheritsFrom(TObject::StaticClass()));
+  EXPECT_TRUE(d->InheritsFrom(TBase::StaticClass()));
+  EXPECT_FALSE(TBase::StaticClass()->InheritsFrom(TDerived::StaticClass()));
+  EXPECT_TRUE(d->Is<TBase>());
+  EXPECT_EQ(d->ToString(), u"TDerived");
+  EXPECT_TRUE(d->Equals(d.get()));
+  EXPECT_EQ(TList<int>::StaticClass()->ClassParent(), TObject::StaticClass());
+}
+
+namespace {
+class TTarget : public TObject {
+  QUMA_CLASS(TTarget, TObject)
+ public:
+  int Calls = 0;
+  void A(TObject*) { ++Calls; }
+  void B(TObject*) { Calls += 10; }
+  int Twice(int x) const { return 2 * x; }
+};
+}  // namespace
+
+TEST(BoundCallbacks, EqualityAndOrderUseBothPointers) {
+  auto t1 = MakeObject<TTarget>();
+  auto t2 = MakeObject<TTarget>();
+  TNotifyEvent a1 = Bind<&TTarget::A>(t1.get());
+  TNotifyEvent a1again = Bind<&TTarget::A>(t1.get());
+  TNotifyEvent b1 = Bind<&TTarget::B>(t1.get());
+  TNotifyEvent a2 = Bind<&TTarget::A>(t2.get());
+  EXPECT_EQ(a1, a1again);
+  EXPECT_NE(a1, b1);  // two methods of one object
+  EXPECT_NE(a1, a2);  // same code on two objects
+  EXPECT_EQ(a1.Code(), a2.Code());
+  EXPECT_EQ(a1.Data(), static_cast<TObject*>(t1.get()));
+  // Ordered by object address first.
+  EXPECT_EQ(a1 < a2, reinterpret_cast<NativeUInt>(t1.get()) < reinterpret_cast<NativeUInt>(t2.get()));
+  EXPECT_EQ((a1 <=> b1) < 0, a1.CodeAddress() < b1.CodeAddress());
+  a1(nullptr);
+  b1(nullptr);
+  EXPECT_EQ(t1->Calls, 11);
+  auto twice = Bind<&TTarget::Twice>(t2.get());
+  EXPECT_EQ(twice(21), 42);
+  // Round trip through the untyped shape.
+  auto raw = MethodCast<void(TObject*, int)>(a2);
+  EXPECT_EQ(MethodCast<void(TObject*)>(raw), a2);
+  EXPECT_FALSE(static_cast<bool>(TNotifyEvent()));
+}
+
+TEST(Monitor, ReentrantOnTheOwningThreadExclusiveOnOthers) {
+  auto obj = MakeObject<TTarget>();
+  TMonitor::Enter(obj.get());
+  TMonitor::Enter(obj.get());
+  std::atomic<bool> otherGot{true};
+  std::thread([&] { otherGot = TMonitor::TryEnter(obj.get()); }).join();
+  EXPECT_FALSE(otherGot);
+  TMonitor::Exit(obj.get());
+  std::thread([&] { otherGot = TMonitor::TryEnter(obj.get()); }).join();
+  EXPECT_FALSE(otherGot);  // still held once
+  TMonitor::Exit(obj.get());
+  std::thread([&] {
+    otherGot = TMonitor::TryEnter(obj.get(), std::chrono::milliseconds(100));
+    if (otherGot) TMonitor::Exit(obj.get());
+  }).join();
+  EXPECT_TRUE(otherGot);
+}
+
+TEST(Monitor, SerialisesCounterUpdates) {
+  auto obj = MakeObject<TTarget>();
+  long counter = 0;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([&] {
+      for (int i = 0; i < 20000; ++i) {
+        TMonitorGuard guard(obj.get());
+        TMonitorGuard nested(obj.get());
+        ++counter;
+      }
+    });
+  for (auto& th : threads) th.join();
+  EXPECT_EQ(counter, 80000);
+  Integer n = 0;
+  EXPECT_EQ(AtomicIncrement(n), 1);
+  EXPECT_EQ(AtomicDecrement(n), 0);
+}
+
+namespace {
+class TRecordingList : public TList<int> {
+  QUMA_CLASS(TRecordingList, TList<int>)
+ public:
+  std::vector<std::pair<int, TCollectionNotification>>* Log;
+  int FreeOn = -1;
+  explicit TRecordingList(std::vector<std::pair<int, TCollectionNotification>>* log) : Log(log) {}
+
+ protected:
+  void Notify(const int& Item, TCollectionNotification Action) override {
+    Log->emplace_back(Item, Action);
+    if (Item == FreeOn) Free(this);  // a handler that frees its own list
+  }
+};
+}  // namespace
+
+TEST(GenericList, NotifiesAfterEachChange) {
+  std::vector<std::pair<int, TCollectionNotification>> log;
+  auto list = MakeObject<TRecordingList>(&log);
+  list->Add(1);
+  list->Add(2);
+  list->Insert(0, 0);
+  EXPECT_EQ(list->ExtractAt(1), 1);
+  EXPECT_EQ(list->Remove(2), 1);
+  EXPECT_EQ(list->Remove(99), -1);
+  list->SetItem(0, 5);
+  using P = std::pair<int, TCollectionNotification>;
+  EXPECT_EQ(log, (std::vector<P>{{1, cnAdded}, {2, cnAdded}, {0, cnAdded}, {1, cnExtracted}, {2, cnRemoved},
+                                 {0, cnRemoved}, {5, cnAdded}}));
+  EXPECT_THROW(list->Delete(3), EArgumentOutOfRangeException);
+  EXPECT_THROW(list->Insert(-1, 0), EArgumentOutOfRangeException);
+  EXPECT_EQ(list->Count(), 1);
+}
+
+TEST(GenericList, HandlerMayFreeTheListDuringClear) {
+  std::vector<std::pair<int, TCollectionNotification>> log;
+  auto* list = New<TRecordingList>(&log);
+  for (int i = 0; i < 5; ++i) list->Add(i);
+  log.clear();
+  list->FreeOn = 2;
+  list->Clear();  // the list dies while notifying item 2; the rest are not notified
+  EXPECT_EQ(log.size(), 3u);
+}
+
+TEST(GenericList, ComparerDrivesSearchAndSort) {
+  auto list = MakeObject<TList<int>>(TComparer<int>::Construct([](const int& a, const int& b) {
+    return (a % 10) - (b % 10);  // equal when the last digit is
+  }));
+  list->Add(13);
+  list->Add(21);
+  EXPECT_EQ(list->IndexOf(3), 0);
+  EXPECT_TRUE(list->Contains(1));
+  list->Sort();
+  EXPECT_EQ(list->First(), 21);
+  Integer at = -1;
+  EXPECT_TRUE(list->BinarySearch(33, at));
+  EXPECT_EQ(at, 1);
+}
+
+namespace {
+class TCountedItem : public TObject {
+  QUMA_CLASS(TCountedItem, TObject)
+ public:
+  explicit TCountedItem(int* alive) : Alive(alive) { ++*Alive; }
+  ~TCountedItem() override { --*Alive; }
+  int* Alive;
+};
+}  // namespace
+
+TEST(GenericContainers, ObjectListDictionaryAndStack) {
+  int alive = 0;
+  {
+    auto owning = MakeObject<TObjectList<TCountedItem>>();
+    owning->Add(New<TCountedItem>(&alive));
+    auto* kept = New<TCountedItem>(&alive);
+    owning->Add(kept);
+    EXPECT_EQ(alive, 2);
+    ASSERT_TRUE(owning->Extract(kept).has_value());  // extraction hands it back
+    EXPECT_EQ(alive, 2);
+    Free(kept);
+  }
+  EXPECT_EQ(alive, 0);
+
+  auto dict = MakeObject<TDictionary<int, std::string>>();
+  dict->Add(1, "one");
+  EXPECT_THROW(dict->Add(1, "uno"), EListError);
+  EXPECT_THROW(dict->Items(2), EListError);
+  std::string v;
+  EXPECT_TRUE(dict->TryGetValue(1, v));
+  EXPECT_EQ(v, "one");
+
+  auto stack = MakeObject<TStack<int>>();
+  stack->Push(1);
+  stack->Push(2);
+  EXPECT_EQ(stack->Pop(), 2);
+  EXPECT_EQ(stack->Peek(), 1);
+  stack->Pop();
+  try {
+    stack->Pop();
+    FAIL();
+  } catch (const EListError& e) {
+    EXPECT_EQ(e.Message(), u"Unbalanced stack or queue operation");
+  }
+}
+
+namespace {
+class TWatcher : public TComponent {
+  QUMA_CLASS(TWatcher, TComponent)
+ public:
+  using TComponent::TComponent;
+  std::vector<std::pair<TComponent*, TOperation>> Seen;
+  void Notification(TComponent* AComponent, TOperation Operation) override {
+    Seen.emplace_back(AComponent, Operation);
+    TComponent::Notification(AComponent, Operation);
+  }
+};
+class TPoint : public TPersistent {
+  QUMA_CLASS(TPoint, TPersistent)
+};
+}  // namespace
+
+TEST(Components, OwnersFreeTheirComponentsAndLinksAreTold) {
+  auto owner = MakeObject<TWatcher>();
+  auto* child = New<TWatcher>(owner.get());
+  EXPECT_EQ(owner->ComponentCount(), 1);
+  EXPECT_EQ(child->Owner(), owner.get());
+  ASSERT_EQ(owner->Seen.size(), 1u);
+  EXPECT_EQ(owner->Seen[0], std::make_pair(static_cast<TComponent*>(child), opInsert));
+
+  auto watcher = MakeObject<TWatcher>();
+  auto* watched = New<TWatcher>();
+  watched->FreeNotification(watcher.get());
+  EXPECT_TRUE(watcher->ComponentState().Contains(csFreeNotification));
+  Free(watched);
+  ASSERT_EQ(watcher->Seen.size(), 1u);
+  EXPECT_EQ(watcher->Seen[0].second, opRemove);
+
+  auto* other = New<TWatcher>();
+  other->FreeNotification(watcher.get());
+  other->RemoveFreeNotification(watcher.get());
+  Free(other);
+  EXPECT_EQ(watcher->Seen.size(), 1u);  // the link was dropped both ways
+
+  owner->SetDesigning(true);
+  EXPECT_TRUE(child->ComponentState().Contains(csDesigning));
+  owner->BeginLoading();
+  EXPECT_TRUE(child->ComponentState().Contains(csLoading));
+  child->Loaded();
+  EXPECT_FALSE(child->ComponentState().Contains(csLoading));
+}
+
+TEST(Persistent, AssignWithoutSupportRaisesTheHostError) {
+  auto a = MakeObject<TPoint>();
+  auto c = MakeObject<TComponent>();
+  try {
+    a->Assign(c.get());
+    FAIL();
+  } catch (const EConvertError& e) {
+    EXPECT_EQ(e.Message(), u"Cannot assign a TComponent to a TPoint");
+  }
+  try {
+    a->Assign(nullptr);
+    FAIL();
+  } catch (const EConvertError& e) {
+    EXPECT_EQ(e.Message(), u"Cannot assign a nil to a TPoint");
+  }
+}
