@@ -1,0 +1,71 @@
+// CRC-32 (the reflected 0xEDB88320 polynomial of zlib and Ethernet) over memory blocks and over
+// single values, so that a caller can fold the fields of a record into one running checksum.
+//
+// The register is not inverted on entry but is inverted on exit:
+//   CRC32(p, n, 0xFFFFFFFF)                     the standard CRC-32 of the n bytes
+//   CRC32(q, m, ~CRC32(p, n, 0xFFFFFFFF))       continues it over q (pass NOT the previous result)
+// Every trailing nCRC defaults to 0xFFFFFFFF, the start of a standard checksum.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include <quma/System.h>
+
+namespace quma {
+
+inline constexpr Cardinal QUMACRC32Start = 0xFFFFFFFFu;
+
+// The x87 80-bit extended layout: 64-bit significand (explicit integer bit), then sign and a
+// 15-bit biased exponent. Exactly ten bytes.
+#pragma pack(push, 1)
+struct TExtended80Rec {
+  UInt64 Mantissa = 0;
+  Word SignExponent = 0;
+
+  static TExtended80Rec FromExtended(long double value) noexcept;
+  long double ToExtended() const noexcept;
+  constexpr Word Exponent() const noexcept { return SignExponent & 0x7FFF; }
+  constexpr bool Sign() const noexcept { return (SignExponent & 0x8000) != 0; }
+};
+#pragma pack(pop)
+static_assert(sizeof(TExtended80Rec) == 10);
+
+// The core: feeds nLength bytes at pData (not checked) into the register nCRC.
+Cardinal CRC32(const void* pData, Cardinal nLength, Cardinal nCRC = QUMACRC32Start) noexcept;
+
+// The contents of a byte range (a convenience beside the documented overloads).
+inline Cardinal CRC32(std::span<const Byte> data, Cardinal nCRC = QUMACRC32Start) noexcept {
+  return CRC32(data.data(), static_cast<Cardinal>(data.size()), nCRC);
+}
+
+// A dynamic array feeds the bytes of the array reference itself, not its elements: on x86-64
+// that is the 8-byte data pointer (nullptr for an empty array), so equal contents at different
+// addresses give different checksums. Use the span overload to checksum the contents.
+Cardinal CRC32(const TBytes& baData, Cardinal nCRC = QUMACRC32Start) noexcept;
+
+// Single values: their bytes in memory order (little-endian numbers, IEEE 754 floats).
+Cardinal CRC32(bool value, Cardinal nCRC = QUMACRC32Start) noexcept;
+Cardinal CRC32(char value, Cardinal nCRC = QUMACRC32Start) noexcept;
+Cardinal CRC32(char16_t value, Cardinal nCRC = QUMACRC32Start) noexcept;
+Cardinal CRC32(std::int8_t value, Cardinal nCRC = QUMACRC32Start) noexcept;
+Cardinal CRC32(std::uint8_t value, Cardinal nCRC = QUMACRC32Start) noexcept;
+Cardinal CRC32(std::int16_t value, Cardinal nCRC = QUMACRC32Start) noexcept;
+Cardinal CRC32(std::uint16_t value, Cardinal nCRC = QUMACRC32Start) noexcept;
+Cardinal CRC32(std::int32_t value, Cardinal nCRC = QUMACRC32Start) noexcept;
+Cardinal CRC32(std::uint32_t value, Cardinal nCRC = QUMACRC32Start) noexcept;
+Cardinal CRC32(long value, Cardinal nCRC = QUMACRC32Start) noexcept;  // Int64 on x86-64 Linux
+Cardinal CRC32(unsigned long value, Cardinal nCRC = QUMACRC32Start) noexcept;
+Cardinal CRC32(long long value, Cardinal nCRC = QUMACRC32Start) noexcept;
+Cardinal CRC32(unsigned long long value, Cardinal nCRC = QUMACRC32Start) noexcept;
+Cardinal CRC32(float value, Cardinal nCRC = QUMACRC32Start) noexcept;
+Cardinal CRC32(double value, Cardinal nCRC = QUMACRC32Start) noexcept;
+// 80-bit extended: the ten bytes of the x87 layout (the padding of long double is not fed).
+Cardinal CRC32(long double value, Cardinal nCRC = QUMACRC32Start) noexcept;
+Cardinal CRC32(const TExtended80Rec& value, Cardinal nCRC = QUMACRC32Start) noexcept;
+
+// The 256-entry table of the polynomial (entry i = reflected CRC of the single byte i).
+const Cardinal* CRC32Table() noexcept;
+
+}  // namespace quma
