@@ -32,6 +32,7 @@ TRecursiveLock& TObject::MonitorLock() const {
 void Free(const TObject* obj) {
   if (!obj) return;
   auto* self = const_cast<TObject*>(obj);
+  if (!self->EnterDestruction()) return;
   self->BeforeDestruction();
   delete self;
 }

@@ -135,6 +135,9 @@ class TObject {
 
  protected:
   virtual ~TObject();
+  // Free asks this first. An object whose destruction is already under way further up the stack
+  // answers false, so that a nested Free does nothing and the outer one releases the memory.
+  virtual bool EnterDestruction() noexcept { return true; }
 
  private:
   friend void Free(const TObject* obj);
