@@ -1,0 +1,151 @@
+// Threads and synchronisation primitives of the runtime base layer.
+//
+// TThread runs Execute on a worker thread. Synchronize(method) runs a method on the main thread
+// while the calling worker blocks; the main thread services such requests by calling
+// CheckSynchronize() from its loop (or WaitForSynchronize, which sleeps until a request arrives).
+// A main thread that never does so never runs them, and a worker that calls Synchronize waits.
+// The main thread is the thread that loaded the library, unless SetMainThread says otherwise.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <exception>
+#include <mutex>
+#include <string_view>
+#include <thread>
+
+#include <quma/Method.h>
+#include <quma/Monitor.h>
+#include <quma/Object.h>
+#include <quma/SysUtils.h>
+
+namespace quma {
+
+using TThreadMethod = TMethod<void()>;
+
+inline constexpr Cardinal INFINITE = 0xFFFFFFFFu;
+
+enum class TWaitResult { wrSignaled, wrTimeout, wrAbandoned, wrError, wrIOCompletion };
+using enum TWaitResult;
+
+QUMA_DECLARE_EXCEPTION(EThread, Exception);
+
+// An event object: manual-reset events stay signalled until ResetEvent, auto-reset events release
+// one waiter and reset themselves.
+class TEvent : public TObject {
+  QUMA_CLASS(TEvent, TObject)
+ public:
+  explicit TEvent(bool ManualReset = true, bool InitialState = false) noexcept
+      : FManualReset(ManualReset), FSignaled(InitialState) {}
+  void SetEvent();
+  void ResetEvent();
+  TWaitResult WaitFor(Cardinal Timeout = INFINITE);
+  bool IsSet() const;
+
+ private:
+  const bool FManualReset;
+  bool FSignaled;
+  mutable std::mutex FLock;
+  std::condition_variable FCond;
+};
+
+// A re-entrant critical section with the host's names.
+class TCriticalSection : public TObject {
+  QUMA_CLASS(TCriticalSection, TObject)
+ public:
+  void Acquire() noexcept { FLock.Enter(); }
+  void Release() noexcept { FLock.Leave(); }
+  void Enter() noexcept { FLock.Enter(); }
+  void Leave() noexcept { FLock.Leave(); }
+  bool TryEnter() noexcept { return FLock.TryEnter(); }
+  void lock() noexcept { FLock.Enter(); }
+  void unlock() noexcept { FLock.Leave(); }
+
+ private:
+  TRecursiveLock FLock;
+};
+
+class TThread : public TObject {
+  QUMA_CLASS(TThread, TObject)
+ public:
+  // A thread not created suspended starts once construction has finished (AfterConstruction).
+  explicit TThread(bool CreateSuspended = false);
+  ~TThread() override;
+  void AfterConstruction() override;
+  // Freeing a running thread from another thread terminates it and waits for it first.
+  void BeforeDestruction() override;
+
+  void Start();
+  // Sets Terminated, then calls TerminatedSet so that a sleeping worker can be woken.
+  void Terminate();
+  bool Terminated() const noexcept { return FTerminated.load(std::memory_order_acquire); }
+  // Waits until Execute has returned; returns ReturnValue. Not for FreeOnTerminate threads.
+  Integer WaitFor();
+  bool Started() const noexcept { return FStarted.load(std::memory_order_acquire); }
+  bool Finished() const noexcept { return FFinished.load(std::memory_order_acquire); }
+  bool FreeOnTerminate() const noexcept { return FFreeOnTerminate; }
+  void SetFreeOnTerminate(bool value) noexcept { FFreeOnTerminate = value; }
+  std::thread::id ThreadID() const noexcept { return FThreadID.load(std::memory_order_acquire); }
+  Integer ReturnValue() const noexcept { return FReturnValue; }
+  // The exception that escaped Execute, if any.
+  std::exception_ptr FatalException() const noexcept { return FFatalException; }
+
+  // Called on the main thread (through Synchronize) after Execute returns.
+  TNotifyEvent OnTerminate;
+
+  // Runs method on the main thread and waits for it; from the main thread itself it runs at once.
+  // An exception raised by the method is raised again in the caller.
+  static void Synchronize(TThread* AThread, TThreadMethod AMethod);
+  // Hands method to the main thread without waiting.
+  static void Queue(TThread* AThread, TThreadMethod AMethod);
+  // Milliseconds since an arbitrary start (system boot), wrapping modulo 2^32.
+  static Cardinal GetTickCount() noexcept;
+  static UInt64 GetTickCount64() noexcept;
+  // Gives the calling thread a name for debuggers (truncated to the platform's 15 characters).
+  static void NameThreadForDebugging(std::string_view name);
+  // The TThread object running the calling thread, or nullptr on other threads.
+  static TThread* CurrentThread() noexcept;
+
+ protected:
+  virtual void Execute() = 0;
+  virtual void TerminatedSet() {}
+  virtual void DoTerminate();
+  void Synchronize(TThreadMethod AMethod) { Synchronize(this, AMethod); }
+  void Queue(TThreadMethod AMethod) { Queue(this, AMethod); }
+  void SetReturnValue(Integer value) noexcept { FReturnValue = value; }
+
+ private:
+  static void ThreadProc(TThread* self);
+
+  std::thread FHandle;
+  std::atomic<std::thread::id> FThreadID{};
+  std::atomic<bool> FTerminated{false};
+  std::atomic<bool> FStarted{false};
+  std::atomic<bool> FFinished{false};
+  std::atomic<bool> FGate{false};
+  bool FCreateSuspended;
+  bool FFreeOnTerminate = false;
+  Integer FReturnValue = 0;
+  std::exception_ptr FFatalException;
+};
+
+// ---- main-thread servicing ----
+
+std::thread::id MainThreadID() noexcept;
+// Declares the calling thread the main thread (the one that services Synchronize).
+void SetMainThread() noexcept;
+bool IsMainThread() noexcept;
+// Runs every pending Synchronize/Queue request; waits up to Timeout ms for one to arrive when none
+// is pending. Call it from the main thread only. Returns true when something ran.
+bool CheckSynchronize(Cardinal Timeout = 0);
+// A hook called (from the requesting thread) whenever a request is queued, for programs whose main
+// loop sleeps elsewhere and must be woken. Pass an empty callback to remove it.
+void SetWakeMainThread(TNotifyEvent hook);
+
+// Test and simulation hook: replaces the tick source of GetTickCount/GetTickCount64 (nullptr
+// restores the monotonic clock).
+using TTickSource = UInt64 (*)();
+void SetTickSource(TTickSource source) noexcept;
+
+}  // namespace quma
