@@ -1,0 +1,256 @@
+#include <quma/FormatSettings.h>
+
+#include <atomic>
+#include <charconv>
+#include <cmath>
+#include <cstdlib>
+#include <string>
+#include <deque>
+#include <memory>
+#include <mutex>
+
+namespace quma {
+
+namespace {
+
+void FillEnglishNames(TFormatSettings& fs) {
+  for (std::size_t i = 0; i < 12; ++i) {
+    fs.ShortMonthNames[i] = UnicodeString(EnglishShortMonthNames[i]);
+    fs.LongMonthNames[i] = UnicodeString(EnglishLongMonthNames[i]);
+  }
+  for (std::size_t i = 0; i < 7; ++i) {
+    fs.ShortDayNames[i] = UnicodeString(EnglishShortDayNames[i]);
+    fs.LongDayNames[i] = UnicodeString(EnglishLongDayNames[i]);
+  }
+}
+
+TFormatSettings MakeGB() {
+  TFormatSettings fs;
+  fs.CurrencyString = u"\u00A3";
+  fs.CurrencyFormat = 0;
+  fs.NegCurrFormat = 1;
+  fs.CurrencyDecimals = 2;
+  fs.ThousandSeparator = u',';
+  fs.DecimalSeparator = u'.';
+  fs.DateSeparator = u'/';
+  fs.TimeSeparator = u':';
+  fs.ListSeparator = u',';
+  fs.ShortDateFormat = u"dd/mm/yyyy";
+  fs.LongDateFormat = u"dd mmmm yyyy";
+  fs.TimeAMString = u"AM";
+  fs.TimePMString = u"PM";
+  fs.ShortTimeFormat = u"hh:nn";
+  fs.LongTimeFormat = u"hh:nn:ss";
+  fs.TwoDigitYearCenturyWindow = 50;
+  FillEnglishNames(fs);
+  return fs;
+}
+
+TFormatSettings MakeUS() {
+  TFormatSettings fs;
+  fs.CurrencyString = u"$";
+  fs.CurrencyFormat = 0;
+  fs.NegCurrFormat = 1;
+  fs.CurrencyDecimals = 2;
+  fs.ThousandSeparator = u',';
+  fs.DecimalSeparator = u'.';
+  fs.DateSeparator = u'/';
+  fs.TimeSeparator = u':';
+  fs.ListSeparator = u',';
+  fs.ShortDateFormat = u"m/d/yyyy";
+  fs.LongDateFormat = u"dddd, mmmm d, yyyy";
+  fs.TimeAMString = u"AM";
+  fs.TimePMString = u"PM";
+  fs.ShortTimeFormat = u"h:nn AMPM";
+  fs.LongTimeFormat = u"h:nn:ss AMPM";
+  fs.TwoDigitYearCenturyWindow = 50;
+  FillEnglishNames(fs);
+  return fs;
+}
+
+bool IsLocale(UnicodeStringView name, UnicodeStringView lang, UnicodeStringView region) {
+  if (name.size() != 5 || (name[2] != u'-' && name[2] != u'_')) return false;
+  return SameText(name.substr(0, 2), lang) && SameText(name.substr(3, 2), region);
+}
+
+// Every record ever installed as the default stays alive, so a reference handed out by
+// DefaultFormatSettings never dangles.
+struct DefaultStore {
+  std::mutex Lock;
+  std::deque<std::unique_ptr<const TFormatSettings>> Records;
+  std::atomic<const TFormatSettings*> Current{nullptr};
+  DefaultStore() {
+    Records.push_back(std::make_unique<const TFormatSettings>(MakeUS()));
+    Current.store(Records.back().get(), std::memory_order_release);
+  }
+};
+
+DefaultStore& Store() {
+  static DefaultStore store;
+  return store;
+}
+
+}  // namespace
+
+TFormatSettings TFormatSettings::Create(UnicodeStringView LocaleName) {
+  if (IsLocale(LocaleName, u"en", u"GB")) return MakeGB();
+  if (IsLocale(LocaleName, u"en", u"US")) return MakeUS();
+  return Invariant();
+}
+
+TFormatSettings TFormatSettings::Invariant() {
+  TFormatSettings fs;
+  fs.CurrencyString = u"\u00A4";
+  fs.CurrencyFormat = 0;
+  fs.NegCurrFormat = 0;
+  fs.CurrencyDecimals = 2;
+  fs.ShortDateFormat = u"mm/dd/yyyy";
+  fs.LongDateFormat = u"dddd, dd mmmm yyyy";
+  fs.TimeAMString = u"AM";
+  fs.TimePMString = u"PM";
+  fs.ShortTimeFormat = u"hh:nn";
+  fs.LongTimeFormat = u"hh:nn:ss";
+  FillEnglishNames(fs);
+  return fs;
+}
+
+const TFormatSettings& DefaultFormatSettings() noexcept { return *Store().Current.load(std::memory_order_acquire); }
+
+void SetDefaultFormatSettings(const TFormatSettings& Settings) {
+  auto& store = Store();
+  auto record = std::make_unique<const TFormatSettings>(Settings);
+  std::lock_guard guard(store.Lock);
+  store.Records.push_back(std::move(record));
+  store.Current.store(store.Records.back().get(), std::memory_order_release);
+}
+
+UnicodeString FloatToStr(double Value) { return FloatToStr(Value, DefaultFormatSettings()); }
+
+UnicodeString FloatToStr(double Value, const TFormatSettings& Settings) {
+  if (std::isnan(Value)) return u"NAN";
+  if (std::isinf(Value)) return Value < 0 ? u"-INF" : u"INF";
+  if (Value == 0) return u"0";
+  // 15 significant digits, then the shortest of fixed and scientific notation by the host rule.
+  char buf[40];
+  auto res = std::to_chars(buf, buf + sizeof buf, Value, std::chars_format::scientific, 14);
+  const char* p = buf;
+  const char* end = res.ptr;
+  bool negative = false;
+  if (*p == '-') {
+    negative = true;
+    ++p;
+  }
+  char digits[16];
+  int n = 0;
+  for (; p < end && *p != 'e'; ++p)
+    if (*p >= '0' && *p <= '9') digits[n++] = *p;
+  int exponent = 0;
+  std::from_chars(p + 1 + (p[1] == '+' ? 1 : 0), end, exponent);
+  while (n > 1 && digits[n - 1] == '0') --n;
+
+  char16_t out[48];
+  int o = 0;
+  if (negative) out[o++] = u'-';
+  if (exponent >= -4 && exponent < 15) {
+    if (exponent < 0) {
+      out[o++] = u'0';
+      out[o++] = Settings.DecimalSeparator;
+      for (int i = -1; i > exponent; --i) out[o++] = u'0';
+      for (int i = 0; i < n; ++i) out[o++] = static_cast<char16_t>(digits[i]);
+    } else {
+      for (int i = 0; i <= exponent; ++i) out[o++] = i < n ? static_cast<char16_t>(digits[i]) : u'0';
+      if (n > exponent + 1) {
+        out[o++] = Settings.DecimalSeparator;
+        for (int i = exponent + 1; i < n; ++i) out[o++] = static_cast<char16_t>(digits[i]);
+      }
+    }
+  } else {
+    out[o++] = static_cast<char16_t>(digits[0]);
+    if (n > 1) {
+      out[o++] = Settings.DecimalSeparator;
+      for (int i = 1; i < n; ++i) out[o++] = static_cast<char16_t>(digits[i]);
+    }
+    out[o++] = u'E';
+    if (exponent < 0) out[o++] = u'-';
+    char eb[8];
+    auto er = std::to_chars(eb, eb + sizeof eb, exponent < 0 ? -exponent : exponent);
+    for (const char* q = eb; q < er.ptr; ++q) out[o++] = static_cast<char16_t>(*q);
+  }
+  return UnicodeString(out, static_cast<std::size_t>(o));
+}
+
+bool TryStrToFloat(UnicodeStringView S, double& Value, const TFormatSettings& Settings) noexcept {
+  std::size_t i = 0, n = S.size();
+  while (i < n && S[i] <= u' ') ++i;
+  while (n > i && S[n - 1] <= u' ') --n;
+  if (i == n || n - i > 400) return false;
+  char buf[410];
+  std::size_t o = 0;
+  if (S[i] == u'+' || S[i] == u'-') {
+    if (S[i] == u'-') buf[o++] = '-';
+    ++i;
+  }
+  std::size_t mantissaDigits = 0;
+  bool point = false;
+  for (; i < n; ++i) {
+    const WideChar c = S[i];
+    if (c >= u'0' && c <= u'9') {
+      buf[o++] = static_cast<char>(c);
+      ++mantissaDigits;
+    } else if (c == Settings.DecimalSeparator && !point) {
+      buf[o++] = '.';
+      point = true;
+    } else {
+      break;
+    }
+  }
+  if (mantissaDigits == 0) return false;
+  if (i < n && (S[i] == u'e' || S[i] == u'E')) {
+    buf[o++] = 'e';
+    ++i;
+    if (i < n && (S[i] == u'+' || S[i] == u'-')) buf[o++] = static_cast<char>(S[i++]);
+    std::size_t expDigits = 0;
+    for (; i < n && S[i] >= u'0' && S[i] <= u'9'; ++i, ++expDigits) buf[o++] = static_cast<char>(S[i]);
+    if (expDigits == 0) return false;
+  }
+  if (i != n) return false;
+  double v = 0;
+  auto res = std::from_chars(buf, buf + o, v, std::chars_format::general);
+  if (res.ec == std::errc::result_out_of_range) {
+    // Underflow reads as zero; overflow is not a value. The magnitude tells them apart.
+    long magnitude = 0;
+    bool seenPoint = false, seenNonZero = false;
+    std::size_t k = buf[0] == '-' ? 1 : 0;
+    for (; k < o && buf[k] != 'e'; ++k) {
+      if (buf[k] == '.') {
+        seenPoint = true;
+      } else if (!seenNonZero) {
+        if (buf[k] != '0') seenNonZero = true;
+        if (seenPoint) --magnitude;
+      } else if (!seenPoint) {
+        ++magnitude;
+      }
+    }
+    if (k < o) magnitude += std::strtol(std::string(buf + k + 1, buf + o).c_str(), nullptr, 10);
+    if (magnitude > 0) return false;
+    v = buf[0] == '-' ? -0.0 : 0.0;
+  } else if (res.ec != std::errc() || res.ptr != buf + o) {
+    return false;
+  }
+  Value = v;
+  return true;
+}
+
+bool TryStrToFloat(UnicodeStringView S, double& Value) noexcept {
+  return TryStrToFloat(S, Value, DefaultFormatSettings());
+}
+
+double StrToFloat(UnicodeStringView S, const TFormatSettings& Settings) {
+  double v;
+  if (!TryStrToFloat(S, v, Settings)) throw EConvertError(Format(SInvalidFloat, S));
+  return v;
+}
+
+double StrToFloat(UnicodeStringView S) { return StrToFloat(S, DefaultFormatSettings()); }
+
+}  // namespace quma
