@@ -1,0 +1,73 @@
+// Additions to the network encodings: a Base32 encoder after RFC 4648 (shared through
+// TQUMANetEncoding::Base32Encoding) and a URL encoder whose query component also escapes "&" and
+// "=".
+//
+//   TQUMANetEncoding::Base32Encoding()->Encode(u"foobar");   // "MZXW6YTBOI======"
+//   TQUMAURLEncoding url;  url.EncodeQuery(u"a=b&c");          // "a%3Db%26c"
+//
+// (The header is named after its classes because NetEncoding.h is the runtime's own unit.)
+#pragma once
+
+#include <atomic>
+#include <string>
+#include <string_view>
+
+#include <quma/NetEncoding.h>
+
+namespace quma {
+
+class TQUMABase32Encoding;
+
+inline constexpr char16_t SBase32InvalidCharacter[] = u"Invalid Base32 Input character: %s at offset %d of buffer";
+
+// Owns the shared Base32 encoder. Abstract: only its class members are used.
+class TQUMANetEncoding : public TNetEncoding {
+  QUMA_CLASS(TQUMANetEncoding, TNetEncoding)
+
+ public:
+  // The shared encoder, created on first use without a lock (the first instance installed by
+  // compare-and-swap wins; a thread that loses frees its own). Safe from several threads at once.
+  static TQUMABase32Encoding* Base32Encoding() { return GetBase32Encoding(); }
+  static TQUMABase32Encoding* GetBase32Encoding();
+
+ protected:
+  TQUMANetEncoding() noexcept = default;
+
+ private:
+  static std::atomic<TQUMABase32Encoding*> FBase32Encoding;
+};
+
+// RFC 4648 Base32. The strings carry bytes one per code unit (the low byte of each unit is
+// used); the UTF-8 forms take the bytes of the std::string as they are. Encoding gives upper-case
+// text padded with "=" to a multiple of eight characters. Decoding accepts either case, stops at
+// the first "=" (anything after it is ignored) and raises EConvertError "Invalid Base32 Input
+// character: %s at offset %d of buffer" for any character outside the alphabet.
+// The byte forms of TNetEncoding reach the same codec through the string forms.
+class TQUMABase32Encoding : public TNetEncoding {
+  QUMA_CLASS(TQUMABase32Encoding, TNetEncoding)
+
+ public:
+  TQUMABase32Encoding() noexcept = default;
+
+ protected:
+  UnicodeString DoEncode(UnicodeStringView Input) override;
+  UnicodeString DoDecode(UnicodeStringView Input) override;
+  std::string DoEncodeUtf8(std::string_view Input) override;
+  std::string DoDecodeUtf8(std::string_view Input) override;
+};
+
+// The runtime's URL encoder with "&" and "=" added to the query component's unsafe set (so that
+// a value cannot split a query into more parameters). The other three sets are the runtime's.
+class TQUMAURLEncoding : public TURLEncoding {
+  QUMA_CLASS(TQUMAURLEncoding, TURLEncoding)
+
+ public:
+  TQUMAURLEncoding() noexcept = default;
+
+  TUnsafeChars _GetUnsafeAuthChars() const override;
+  TUnsafeChars _GetUnsafeFormChars() const override;
+  TUnsafeChars _GetUnsafePathChars() const override;
+  TUnsafeChars _GetUnsafeQueryChars() const override;
+};
+
+}  // namespace quma
