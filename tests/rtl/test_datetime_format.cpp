@@ -1,0 +1,194 @@
+// Date-time values, the date-time formatter, the fixed format settings and float text.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cmath>
+#include <ctime>
+#include <limits>
+#include <random>
+
+#include <quma/DateTime.h>
+#include <quma/FormatSettings.h>
+#include <quma/Strings.h>
+
+using namespace quma;
+
+TEST(DateTimeValue, EncodeDecodeAcrossTheWholeRange) {
+  EXPECT_EQ(EncodeDate(1899, 12, 30), 0.0);
+  EXPECT_EQ(EncodeDate(1900, 1, 1), 2.0);
+  EXPECT_EQ(EncodeDate(1, 1, 1), MinDateTime);
+  EXPECT_EQ(EncodeDate(9999, 12, 31), 2958465.0);
+  EXPECT_EQ(EncodeDateTime(1899, 12, 29, 6, 0, 0, 0), -1.25);
+  EXPECT_EQ(EncodeTime(18, 0, 0, 0), 0.75);
+  std::mt19937 rng(7);
+  std::uniform_int_distribution<int> day(-693593, 2958465), ms(0, MSecsPerDay - 1);
+  for (int i = 0; i < 5000; ++i) {
+    const TDateTimeStamp st{day(rng), ms(rng)};
+    const TDateTime v = StampToDateTime(st);
+    Word y, m, d, h, n, s, z;
+    DecodeDateTime(v, y, m, d, h, n, s, z);
+    ASSERT_EQ(EncodeDateTime(y, m, d, h, n, s, z), v);
+    TDateTimeStamp back;
+    ASSERT_TRUE(TryDateTimeToStamp(v, back));
+    ASSERT_EQ(back.Days, st.Days);
+    ASSERT_EQ(back.MSecs, st.MSecs);
+    // Day of week against the C library.
+    std::tm tm{};
+    const std::time_t t = (st.Days - UnixDateDelta) * Int64{SecsPerDay};
+    gmtime_r(&t, &tm);
+    ASSERT_EQ(DayOfWeek(v), tm.tm_wday + 1);
+    ASSERT_EQ(y, tm.tm_year + 1900);
+  }
+}
+
+TEST(DateTimeValue, ValidationAndErrors) {
+  EXPECT_TRUE(IsValidDate(2000, 2, 29));
+  EXPECT_FALSE(IsValidDate(1900, 2, 29));
+  EXPECT_FALSE(IsValidDate(0, 1, 1));
+  EXPECT_FALSE(IsValidDate(10000, 1, 1));
+  EXPECT_FALSE(IsValidTime(24, 0, 0, 0));
+  EXPECT_TRUE(IsValidTime(23, 59, 59, 999));
+  TDateTime v = 123;
+  EXPECT_FALSE(TryEncodeDateTime(2023, 2, 29, 0, 0, 0, 0, v));
+  EXPECT_EQ(v, 123);
+  try {
+    EncodeDateTime(2024, 2, 30, 10, 0, 0, 0);
+    FAIL();
+  } catch (const EConvertError& e) {
+    EXPECT_STREQ(e.what(), "'2024/2/30 10:0:0.0' is not a valid date and time");
+  }
+  EXPECT_THROW(EncodeDate(2024, 13, 1), EConvertError);
+  EXPECT_THROW(EncodeTime(0, 60, 0, 0), EConvertError);
+  Word y, m, d;
+  EXPECT_THROW(DecodeDate(std::numeric_limits<double>::quiet_NaN(), y, m, d), EConvertError);
+  EXPECT_THROW(DecodeDate(MinDateTime - 1, y, m, d), EConvertError);
+  EXPECT_THROW(DayOfWeek(MaxDateTime + 1), EConvertError);
+}
+
+TEST(DateTimeValue, SystemClockConversions) {
+  using namespace std::chrono;
+  const sys_time<milliseconds> epoch{};
+  EXPECT_EQ(SysTimeToDateTime(epoch), UnixDateDelta);
+  EXPECT_EQ(DateTimeToSysTime(EncodeDate(1, 1, 1)).time_since_epoch().count(), -62135596800000);
+  const TDateTime v = EncodeDateTime(2024, 2, 29, 12, 34, 56, 789);
+  EXPECT_EQ(TimePointToDateTime(DateTimeToTimePoint(v)), v);
+  EXPECT_EQ(TimePointToDateTime(sys_seconds(seconds(-1))), StampToDateTime({UnixDateDelta - 1, MSecsPerDay - 1000}));
+  EXPECT_THROW(DateTimeToTimePoint(EncodeDate(1000, 1, 1)), EConvertError);
+  EXPECT_NEAR(NowUTC(), TimePointToDateTime(system_clock::now()), 1.0 / SecsPerDay);
+}
+
+TEST(DateTimeFormatter, PatternLetters) {
+  const TFormatSettings gb = TFormatSettings::Create(u"en-GB");
+  const TFormatSettings us = TFormatSettings::Create(u"en_us");
+  const TDateTime v = EncodeDateTime(2024, 3, 5, 14, 7, 9, 45);
+  EXPECT_EQ(FormatDateTime(u"d dd ddd dddd", v, gb), u"5 05 Tue Tuesday");
+  EXPECT_EQ(FormatDateTime(u"m mm mmm mmmm yy yyyy", v, gb), u"3 03 Mar March 24 2024");
+  EXPECT_EQ(FormatDateTime(u"h:n:s.z hh:nn:ss.zzz", v, gb), u"14:7:9.45 14:07:09.045");
+  EXPECT_EQ(FormatDateTime(u"hh:mm", v, gb), u"14:07");  // minutes right after an hour
+  EXPECT_EQ(FormatDateTime(u"ddddd", v, gb), u"05/03/2024");
+  EXPECT_EQ(FormatDateTime(u"ddddd", v, us), u"3/5/2024");
+  EXPECT_EQ(FormatDateTime(u"dddddd", v, us), u"Tuesday, March 5, 2024");
+  EXPECT_EQ(FormatDateTime(u"tt", v, us), u"2:07:09 PM");
+  EXPECT_EQ(FormatDateTime(u"h am/pm A/P", v, gb), u"2 pm P");
+  EXPECT_EQ(FormatDateTime(u"c", v, gb), u"05/03/2024 14:07:09");
+  EXPECT_EQ(FormatDateTime(u"", EncodeDate(2024, 3, 5), gb), u"05/03/2024");
+  EXPECT_EQ(FormatDateTime(u"'dd' \"mm\" yyyy", v, gb), u"dd mm 2024");
+  EXPECT_EQ(FormatDateTime(u"DD-MMM-YYYY", v, gb), u"05-Mar-2024");
+  TFormatSettings de = gb;
+  de.DateSeparator = u'.';
+  EXPECT_EQ(FormatDateTime(u"dd/mm/yyyy", v, de), u"05.03.2024");
+  EXPECT_EQ(FormatDateTime(u"yyyy", EncodeDate(33, 1, 1), gb), u"0033");
+}
+
+TEST(FormatSettingsTables, FixedAndIndependentOfTheMachine) {
+  const TFormatSettings gb = TFormatSettings::Create(u"en-GB");
+  EXPECT_EQ(gb.ShortMonthNames[0], u"Jan");
+  EXPECT_EQ(gb.ShortMonthNames[11], u"Dec");
+  EXPECT_EQ(gb.ShortDayNames[0], u"Sun");
+  EXPECT_EQ(gb.LongDayNames[6], u"Saturday");
+  EXPECT_EQ(gb.DecimalSeparator, u'.');
+  EXPECT_EQ(gb.ThousandSeparator, u',');
+  EXPECT_EQ(gb.CurrencyString, u"\u00A3");
+  const TFormatSettings us = TFormatSettings::Create(u"EN-US");
+  EXPECT_EQ(us.CurrencyString, u"$");
+  EXPECT_EQ(us.ShortDateFormat, u"m/d/yyyy");
+  const TFormatSettings other = TFormatSettings::Create(u"xx-YY");
+  EXPECT_EQ(other.DecimalSeparator, u'.');
+  EXPECT_EQ(other.ShortMonthNames[4], u"May");
+}
+
+TEST(FormatSettingsTables, DefaultCanBeReplaced) {
+  const TFormatSettings saved = DefaultFormatSettings();
+  TFormatSettings comma = saved;
+  comma.DecimalSeparator = u',';
+  comma.ThousandSeparator = u'.';
+  const TFormatSettings& before = DefaultFormatSettings();
+  SetDefaultFormatSettings(comma);
+  EXPECT_EQ(FloatToStr(2.5), u"2,5");
+  EXPECT_EQ(StrToFloat(u"2,5"), 2.5);
+  EXPECT_EQ(before.DecimalSeparator, u'.');  // earlier records stay readable
+  SetDefaultFormatSettings(saved);
+  EXPECT_EQ(FloatToStr(2.5), u"2.5");
+}
+
+TEST(FloatText, GeneralFormatWithFifteenDigits) {
+  const TFormatSettings gb = TFormatSettings::Create(u"en-GB");
+  const struct {
+    double Value;
+    const char16_t* Text;
+  } cases[] = {{0, u"0"},
+               {1, u"1"},
+               {-2.5, u"-2.5"},
+               {10.5, u"10.5"},
+               {100, u"100"},
+               {1.0 / 3, u"0.333333333333333"},
+               {2.0 / 3, u"0.666666666666667"},
+               {0.1f, u"0.100000001490116"},
+               {0.0001, u"0.0001"},
+               {0.00001, u"1E-5"},
+               {-1.5e-7, u"-1.5E-7"},
+               {1e14, u"100000000000000"},
+               {123456789012345, u"123456789012345"},
+               {1e15, u"1E15"},
+               {1234567890123456, u"1.23456789012346E15"},
+               {1e20, u"1E20"},
+               {1.7976931348623157e308, u"1.79769313486232E308"},
+               {std::numeric_limits<double>::quiet_NaN(), u"NAN"},
+               {-HUGE_VAL, u"-INF"}};
+  for (const auto& c : cases) EXPECT_EQ(FloatToStr(c.Value, gb), c.Text) << Utf16ToUtf8(c.Text);
+  TFormatSettings comma = gb;
+  comma.DecimalSeparator = u',';
+  EXPECT_EQ(FloatToStr(-1.25e-9, comma), u"-1,25E-9");
+}
+
+TEST(FloatText, ReadingHonoursTheSettings) {
+  const TFormatSettings gb = TFormatSettings::Create(u"en-GB");
+  EXPECT_EQ(StrToFloat(u" 10.5 ", gb), 10.5);
+  EXPECT_EQ(StrToFloat(u"-.5", gb), -0.5);
+  EXPECT_EQ(StrToFloat(u"5.", gb), 5.0);
+  EXPECT_EQ(StrToFloat(u"+1.5E-7", gb), 1.5e-7);
+  EXPECT_EQ(StrToFloat(u"1e-400", gb), 0.0);
+  TFormatSettings comma = gb;
+  comma.DecimalSeparator = u',';
+  EXPECT_EQ(StrToFloat(u"2,75", comma), 2.75);
+  for (const char16_t* bad : {u"", u" ", u"abc", u"1.5.5", u"1,5", u"1e", u"e5", u".", u"1e400", u"--1", u"1 2", u"0x10"}) {
+    try {
+      StrToFloat(bad, gb);
+      ADD_FAILURE() << Utf16ToUtf8(bad);
+    } catch (const EConvertError& e) {
+      EXPECT_EQ(e.Message(), u"'" + UnicodeString(bad) + u"' is not a valid floating point value");
+    }
+  }
+  double v = 7;
+  EXPECT_FALSE(TryStrToFloat(u"x", v, gb));
+  EXPECT_EQ(v, 7);
+  // Whatever is written reads back to a value that writes the same text.
+  std::mt19937_64 rng(3);
+  std::uniform_real_distribution<double> mantissa(-10, 10);
+  std::uniform_int_distribution<int> exponent(-30, 30);
+  for (int i = 0; i < 2000; ++i) {
+    const double x = std::ldexp(mantissa(rng), exponent(rng));
+    const UnicodeString text = FloatToStr(x, gb);
+    ASSERT_EQ(FloatToStr(StrToFloat(text, gb), gb), text);
+  }
+}

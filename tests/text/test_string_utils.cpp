@@ -1,0 +1,222 @@
+// String utilities through their public functions.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+
+#include <quma/Soundex.h>
+#include <quma/StringList.h>
+#include <quma/StringUtils.h>
+#include <quma/Strings.h>
+
+using namespace quma;
+
+namespace {
+
+template <class F>
+std::string Utf8ErrorOf(F&& f) {
+  try {
+    f();
+  } catch (const EQUMAUTF8EncodingError& e) {
+    return e.what();
+  }
+  return "no exception";
+}
+
+int Sign(int v) { return v < 0 ? -1 : v > 0 ? 1 : 0; }
+
+}  // namespace
+
+TEST(UTF8CompareStr, OrdersByCodePointThenByStoredLength) {
+  EXPECT_EQ(UTF8CompareStr("ab", "abc"), -1);
+  EXPECT_EQ(UTF8CompareStr("abc", "ab"), 1);
+  EXPECT_EQ(UTF8CompareStr("abc", "abc"), 0);
+  EXPECT_EQ(UTF8CompareStr("", ""), 0);
+  EXPECT_EQ(UTF8CompareStr("b", "abc"), 1);
+  // U+00E9 (2 bytes) sorts after "z"; U+20AC (3 bytes) after U+00E9; U+1F600 (4 bytes) after both.
+  EXPECT_EQ(UTF8CompareStr("z", "\xC3\xA9"), -1);
+  EXPECT_EQ(UTF8CompareStr("\xE2\x82\xAC", "\xC3\xA9"), 1);
+  EXPECT_EQ(UTF8CompareStr("\xF0\x9F\x98\x80", "\xE2\x82\xAC"), 1);
+  // Equal code points written with different byte counts: the longer text is greater.
+  EXPECT_EQ(UTF8CompareStr("\xC1\x81", "A"), 1);  // an overlong "A"
+  // Long ASCII runs with the difference far inside, on both sides of the 8-byte steps.
+  std::string a(1000, 'x'), b = a;
+  for (std::size_t pos : {0u, 7u, 8u, 9u, 500u, 999u}) {
+    b = a;
+    b[pos] = 'y';
+    EXPECT_EQ(UTF8CompareStr(a, b), -1) << pos;
+    EXPECT_EQ(UTF8CompareStr(b, a), 1) << pos;
+  }
+}
+
+TEST(UTF8CompareStr, MixedFormsCompareCodeUnitsAndStoredLengths) {
+  EXPECT_EQ(UTF8CompareStr("abc", u"abc"), 0);
+  EXPECT_EQ(UTF8CompareStr(u"abc", "abd"), -1);
+  EXPECT_EQ(UTF8CompareStr("abd", u"abc"), 1);
+  // The same text, but 2 UTF-8 bytes against 1 UTF-16 unit.
+  EXPECT_EQ(UTF8CompareStr("\xC3\xA9", u"\u00E9"), 1);
+  EXPECT_EQ(UTF8CompareStr(u"\u00E9", "\xC3\xA9"), -1);
+  // No surrogate pairing: U+1F600 against its high surrogate 0xD83D.
+  EXPECT_EQ(UTF8CompareStr("\xF0\x9F\x98\x80", u"\U0001F600"), 1);
+  // Agrees with the UTF-8 form on random ASCII text.
+  std::mt19937 rng(5);
+  std::uniform_int_distribution<int> len(0, 20), ch('a', 'd');
+  for (int i = 0; i < 500; ++i) {
+    std::string x, y;
+    for (int k = len(rng); k > 0; --k) x.push_back(static_cast<char>(ch(rng)));
+    for (int k = len(rng); k > 0; --k) y.push_back(static_cast<char>(ch(rng)));
+    const int expected = Sign(x.compare(y));
+    ASSERT_EQ(UTF8CompareStr(x, y), expected);
+    ASSERT_EQ(UTF8CompareStr(x, Utf8ToUtf16(y)), expected);
+    ASSERT_EQ(UTF8CompareStr(Utf8ToUtf16(x), y), expected);
+  }
+}
+
+TEST(UTF8CompareStr, MalformedInput) {
+  EXPECT_EQ(Utf8ErrorOf([] { UTF8CompareStr("a\xC3", "ab"); }), "expected byte not found");
+  EXPECT_EQ(Utf8ErrorOf([] { UTF8CompareStr("ab", "a\xE2\x82"); }), "expected byte not found");
+  EXPECT_EQ(Utf8ErrorOf([] { UTF8CompareStr("\xC3" "A", "x"); }), "expected continuation byte not found");
+  EXPECT_EQ(Utf8ErrorOf([] { UTF8CompareStr("\xF0\x9F\x98" "A", u"x"); }), "expected continuation byte not found");
+  EXPECT_EQ(Utf8ErrorOf([] { UTF8CompareStr(u"x", "\xE2" "AB"); }), "expected continuation byte not found");
+  // Lead bytes that start nothing read as code point 0, without error.
+  EXPECT_EQ(UTF8CompareStr("\x80", std::string_view("\0", 1)), 0);
+  EXPECT_EQ(UTF8CompareStr("\xFF", "\x01"), -1);
+  EXPECT_EQ(UTF8CompareStr("\x80", u"\u0001"), -1);
+  // Bad input after a difference is never read.
+  EXPECT_EQ(UTF8CompareStr("a\xC3", "b"), -1);
+  try {
+    UTF8CompareStr("\xC3", "x");
+  } catch (const Exception& e) {
+    EXPECT_EQ(e.ClassName(), u"EQUMAUTF8EncodingError");
+  }
+}
+
+TEST(Soundex, CodesAndConfidence) {
+  EXPECT_EQ(Soundex(u"Robert"), u"R163");
+  EXPECT_EQ(Soundex(u"Rupert"), u"R163");
+  EXPECT_EQ(Soundex(u"Ashcraft"), u"A261");  // H does not separate S and C
+  EXPECT_EQ(Soundex(u"Tymczak"), u"T522");
+  EXPECT_EQ(Soundex(u"Pfister"), u"P236");  // P and F share a digit
+  EXPECT_EQ(Soundex(u"lee", 6), u"L00000");
+  EXPECT_EQ(Soundex(u"Washington", 10), u"W252350000");
+  EXPECT_EQ(Soundex(u""), u"");
+  EXPECT_DOUBLE_EQ(SoundexConfidenceCompare(u"Robert", u"Robert"), 1.0);
+  EXPECT_DOUBLE_EQ(SoundexConfidenceCompare(u"Robert", u"Rupert"), 1.0);
+  // R163 against R16: three of four positions.
+  EXPECT_DOUBLE_EQ(SoundexConfidenceCompare(u"Robert", u"Rob"), 0.5);
+  EXPECT_DOUBLE_EQ(SoundexConfidenceCompare(u"Robert", u"Robbe"), 0.5);
+  EXPECT_DOUBLE_EQ(SoundexConfidenceCompare(u"Smith", u"Jones"), 1.0 / 3);  // S53 and J52 share the 5
+  EXPECT_DOUBLE_EQ(SoundexConfidenceCompare(u"Lloyd", u"Quirk"), 0.0);
+  EXPECT_DOUBLE_EQ(SoundexConfidenceCompare(u"Smith", u""), 0.0);
+  EXPECT_TRUE(std::isnan(SoundexConfidenceCompare(u"", u"")));
+  EXPECT_TRUE(std::isnan(SoundexConfidenceCompare(u"0", u"00")));  // codes "0" and "00" strip to nothing
+}
+
+TEST(FindRepeatedEmbeddedString, SplitsIntoAStringList) {
+  TObjectPtr<TStringList> list = MakeObject<TStringList>();
+  list->Add(u"old");
+  EXPECT_FALSE(FindRepeatedEmbeddedString(u"abc", u",", *list, true));
+  EXPECT_FALSE(FindRepeatedEmbeddedString(u"abc", u"", *list, true));
+  ASSERT_EQ(list->Count(), 1);
+  EXPECT_TRUE(FindRepeatedEmbeddedString(u"a,b,", u",", *list, true));
+  ASSERT_EQ(list->Count(), 3);
+  EXPECT_EQ(list->Strings(0), u"a");
+  EXPECT_EQ(list->Strings(1), u"b");
+  EXPECT_EQ(list->Strings(2), u"");
+  EXPECT_TRUE(FindRepeatedEmbeddedString(u",,x", u",", *list, true));
+  ASSERT_EQ(list->Count(), 3);
+  EXPECT_EQ(list->Strings(2), u"x");
+}
+
+TEST(FindRepeatedEmbeddedString, CaseAndLongSeparators) {
+  std::vector<UnicodeString> parts{u"keep"};
+  EXPECT_FALSE(FindRepeatedEmbeddedString(u"oneANDtwo", u"and", parts, true));
+  EXPECT_EQ(parts, std::vector<UnicodeString>{u"keep"});
+  EXPECT_TRUE(FindRepeatedEmbeddedString(u"oneANDtwoAndthree", u"and", parts, false));
+  EXPECT_EQ(parts, (std::vector<UnicodeString>{u"one", u"two", u"three"}));
+  EXPECT_TRUE(FindRepeatedEmbeddedString(u"<>", u"<>", parts, true));
+  EXPECT_EQ(parts, (std::vector<UnicodeString>{u"", u""}));
+  EXPECT_TRUE(FindRepeatedEmbeddedString(u"aaaa", u"aa", parts, true));
+  EXPECT_EQ(parts, (std::vector<UnicodeString>{u"", u"", u""}));
+}
+
+TEST(TextPos, AsciiCaseInsensitiveFromAnOffset) {
+  EXPECT_EQ(TextPos(u"B", u"abc", 1), 2);
+  EXPECT_EQ(TextPos(u"B", u"abc", 3), 0);
+  EXPECT_EQ(TextPos(u"bc", u"ABC", 2), 2);
+  EXPECT_EQ(TextPos(u"abc", u"ABC"), 1);
+  EXPECT_EQ(TextPos(u"", u"abc", 1), 0);
+  EXPECT_EQ(TextPos(u"a", u"abc", 0), 0);
+  EXPECT_EQ(TextPos(u"a", u"abc", 4), 0);
+  EXPECT_EQ(TextPos(u"a", u"abc", 100), 0);
+  EXPECT_EQ(TextPos(u"abcd", u"abc", 1), 0);
+  EXPECT_EQ(TextPos(u"\u00E9", u"x\u00C9\u00E9", 1), 3);  // only ASCII letters fold
+  EXPECT_EQ(TextPos(u"aab", u"aaab", 1), 2);
+}
+
+TEST(Tokens, FirstLastAndGet) {
+  EXPECT_EQ(FirstToken(u"a,b;c", u",;"), u"a");
+  EXPECT_EQ(FirstToken(u"a,b;c", std::vector<WideChar>{u';'}), u"a,b");
+  EXPECT_EQ(FirstToken(u",b", u","), u"");
+  EXPECT_EQ(FirstToken(u"abc", {u',', u';'}), u"abc");
+  EXPECT_EQ(LastToken(u"a,b;c", u",;"), u"c");
+  EXPECT_EQ(LastToken(u"a,b;c", {u','}), u"b;c");
+  EXPECT_EQ(LastToken(u"a,", u","), u"");
+  EXPECT_EQ(LastToken(u"abc", u""), u"abc");
+
+  UnicodeString text = u"x;y";
+  EXPECT_EQ(GetToken(text, u";", u""), u"x");
+  EXPECT_EQ(text, u"y");
+  text = u"xy";
+  EXPECT_EQ(GetToken(text, u";", u""), u"xy");
+  EXPECT_EQ(text, u"");
+  text = u"a b,c";
+  EXPECT_EQ(GetToken(text, u",", u" "), u"a");
+  EXPECT_EQ(GetToken(text, u",", u" "), u"b");
+  EXPECT_EQ(GetToken(text, u",", u" "), u"c");
+  EXPECT_EQ(text, u"");
+}
+
+TEST(Tokens, ConcatenateWithSeparator) {
+  UnicodeString s;
+  ConcatenateWithSeparator(s, u", ", u"");
+  EXPECT_EQ(s, u"");
+  ConcatenateWithSeparator(s, u", ", u"a");
+  EXPECT_EQ(s, u"a");
+  ConcatenateWithSeparator(s, u", ", u"b");
+  EXPECT_EQ(s, u"a, b");
+  ConcatenateWithSeparator(s, u", ", u"");
+  EXPECT_EQ(s, u"a, b");
+}
+
+TEST(RectText, WritesAndReadsWithFixedSettings) {
+  EXPECT_EQ(RectToString({0, 0, 10.5f, 20}), u"(0,0,10.5,20)");
+  EXPECT_EQ(RectToString({-1.25f, 1e20f, 0.1f, 123456}), u"(-1.25,1.00000002004088E20,0.100000001490116,123456)");
+  for (const TRectF r : {TRectF{0, 0, 10.5f, 20}, TRectF{-1.25f, 3, 1000000, -0.5f}, TRectF{0.1f, 0.2f, 0.3f, 1e-6f}}) {
+    const TRectF back = StringToRect(RectToString(r));
+    // Fifteen digits bring every float back exactly.
+    EXPECT_EQ(back, r) << Utf16ToUtf8(RectToString(r));
+  }
+  EXPECT_EQ(StringToRect(u"( 1 ,2,3,4)"), (TRectF{1, 2, 3, 4}));
+  EXPECT_EQ(StringToRect(u"(1,2,3,4"), (TRectF{1, 2, 3, 4}));
+  EXPECT_EQ(StringToRect(u"(1,2,3,4,5)"), (TRectF{1, 2, 3, 4}));  // what follows the fourth number is not read
+  for (const char16_t* bad : {u"", u"hello", u"(1,2,3)", u"(1,2,x,4)", u"(1;2;3;4)", u"1,2,3,4", u"()"})
+    EXPECT_EQ(StringToRect(bad), TRectF{}) << Utf16ToUtf8(bad);
+  // The fixed settings keep a point whatever the process default says.
+  TFormatSettings comma = DefaultFormatSettings();
+  const TFormatSettings saved = comma;
+  comma.DecimalSeparator = u',';
+  SetDefaultFormatSettings(comma);
+  EXPECT_EQ(RectToString({0.5f, 0, 0, 0}), u"(0.5,0,0,0)");
+  EXPECT_EQ(StringToRect(u"(0.5,0,0,0)"), (TRectF{0.5f, 0, 0, 0}));
+  SetDefaultFormatSettings(saved);
+}
+
+TEST(FixedFormatSettings, BothUseThePointAndTheComma) {
+  EXPECT_EQ(GBFormatSettings.DecimalSeparator, u'.');
+  EXPECT_EQ(USFormatSettings.DecimalSeparator, u'.');
+  EXPECT_EQ(GBFormatSettings.ThousandSeparator, u',');
+  EXPECT_EQ(GBFormatSettings.CurrencyString, u"\u00A3");
+  EXPECT_EQ(USFormatSettings.CurrencyString, u"$");
+  EXPECT_EQ(FloatToStr(1234.5, USFormatSettings), u"1234.5");
+}
