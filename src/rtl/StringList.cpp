@@ -169,8 +169,7 @@ void TStringList::InsertItem(Integer Index, const UnicodeString& S, TObject* AOb
 void TStringList::Delete(Integer Index) {
   CheckIndex(Index);
   Changing();
-  TObject* obj = FList[static_cast<std::size_t>(Index)].FObject;
-  FList.erase(FList.begin() + Index);
+  TObject* obj = RemoveItem(Index);
   if (FOwnsObjects) Free(obj);
   Changed();
 }
@@ -178,11 +177,26 @@ void TStringList::Delete(Integer Index) {
 void TStringList::Clear() {
   if (FList.empty()) return;
   Changing();
+  const std::vector<TObject*> objects = RemoveAllItems();
+  if (FOwnsObjects)
+    for (TObject* obj : objects) Free(obj);
+  Changed();
+}
+
+TObject* TStringList::RemoveItem(Integer Index) {
+  CheckIndex(Index);
+  TObject* obj = FList[static_cast<std::size_t>(Index)].FObject;
+  FList.erase(FList.begin() + Index);
+  return obj;
+}
+
+std::vector<TObject*> TStringList::RemoveAllItems() {
   std::vector<TStringItem> items = std::move(FList);
   FList.clear();
-  if (FOwnsObjects)
-    for (TStringItem& item : items) Free(item.FObject);
-  Changed();
+  std::vector<TObject*> objects;
+  objects.reserve(items.size());
+  for (TStringItem& item : items) objects.push_back(item.FObject);
+  return objects;
 }
 
 void TStringList::Exchange(Integer Index1, Integer Index2) {

@@ -126,6 +126,10 @@ class TStringList : public TStrings {
   void CheckIndex(Integer Index) const {
     if (Index < 0 || Index >= Count()) Error(Index);
   }
+  // Storage primitives for descendants that decide themselves what happens to the objects: they
+  // take entries out without change events and without freeing anything.
+  TObject* RemoveItem(Integer Index);
+  std::vector<TObject*> RemoveAllItems();
 
  private:
   struct TStringItem {

@@ -1,0 +1,716 @@
+// Reference-tracked objects and the containers that hold them.
+//
+// A TQUMAReferencedPersistent knows who holds it and how:
+//   - consumers (notify references) are told through NotificationRef when it goes away;
+//   - lockers (memory locks, counted per locker) keep it alive; with FreeWhenUnreferenced set it
+//     frees itself when the last lock goes (unless an OnEnterTwilight handler keeps it);
+//   - silent references are pointer variables it sets to null when it dies;
+//   - free indicators are booleans it sets to true when it dies.
+// Holders may be other referenced persistents, host components (linked through a
+// TQUMAPersistentWrapper) or any object that supplies a TQUMAReferencedNotification callback.
+//
+//   auto* doc = New<TDocument>(nullptr);
+//   doc->AddMemLockReference(view);       // view keeps doc alive
+//   TQUMAGuardedPtr<TDocument> weak(doc); // nulls itself when doc dies
+//   doc->RemoveMemLockReference(view);    // last lock: doc frees itself; weak is now null
+//
+// The containers take references for their items on behalf of a referencing object:
+// TQUMAReferencedList<T>, TQUMAReferencedPersistentSafeBox and
+// TQUMAOpportunisticReferencingStringList. See docs/object_model.md for the whole protocol,
+// including how QUMAIsFreed answers for objects whose memory is already gone.
+//
+// Nothing here is thread-safe: an object and everything that references it belong to one thread
+// at a time (only the live-object registry behind QUMAIsFreed is shared and locked).
+#pragma once
+
+#include <list>
+#include <memory>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include <quma/Classes.h>
+#include <quma/Generics.h>
+#include <quma/Method.h>
+#include <quma/Monitor.h>
+#include <quma/Object.h>
+#include <quma/StringList.h>
+#include <quma/SubscribedEvent.h>
+#include <quma/SubscribedGenerics.h>
+#include <quma/System.h>
+
+namespace quma {
+
+class TQUMAReferencedPersistent;
+class TQUMAPersistentWrapper;
+template <class T>
+class TQUMAReferencedList;
+
+// A variable holding a referenced persistent, as a silent reference names it.
+using PQUMAReferencedPersistent = TQUMAReferencedPersistent**;
+using TQUMAReferencedPersistentClass = TClassOf<TQUMAReferencedPersistent>;
+
+enum class TQUMAReferencedPersistentState : Byte {
+  _rpFreeOnUnref,
+  _rpFreeing,
+  _rpReadyToFree,
+  _rpFreed,
+  _rpCompOwnerLoaded,
+  _rpCompOwnerDesigning,
+  _rpCompOwnerDesignChecked,
+  _rpInTwilight
+};
+using enum TQUMAReferencedPersistentState;
+using TQUMAReferencedPersistentStates = TSet<TQUMAReferencedPersistentState, 8>;
+
+// The shape of every reference notification: Other is going (remove) or was linked (insert).
+using TQUMAReferencedNotification = TMethod<void(TQUMAReferencedPersistent* Other, TOperation op)>;
+// Asked before an unreferenced object frees itself; setting blStopNightFalling keeps it.
+using TQUMATwilightFalling = TMethod<void(TObject* Sender, bool& blStopNightFalling)>;
+using TComponentNotification = TMethod<void(TComponent* AComponent, TOperation op)>;
+
+// Which reference a container takes on its items.
+enum class TQUMAReferenceAction { _raMemLock, _raNotify };
+using enum TQUMAReferenceAction;
+
+// Vocabulary for referenced dictionaries (declared for callers; nothing here uses it).
+enum class TQUMADictionaryReferences { drReferencesKeys, drReferencesValues, drOwnsKeys, drOwnsValues };
+using enum TQUMADictionaryReferences;
+enum class TQUMARefDictionaryAction { _rda_OwnsUnrefKeys, _rda_OwnsUnrefValues };
+using enum TQUMARefDictionaryAction;
+using TQUMARefDictionaryActions = TSet<TQUMARefDictionaryAction>;
+
+// True when p is null or names no live referenced persistent, or when the object has released
+// its bookkeeping (it is inside its destructor). Safe for pointers whose memory is already gone:
+// the address is looked up in the registry of live objects before anything is read.
+bool QUMAIsFreed(const TQUMAReferencedPersistent* p) noexcept;
+// QUMAIsFreed, or the object's destruction has begun.
+bool QUMAIsFreeing(const TQUMAReferencedPersistent* p) noexcept;
+// The object seen as a referenced persistent when it is a live one (no read of dead memory).
+TQUMAReferencedPersistent* QUMAAsReferenced(TObject* p) noexcept;
+
+namespace detail {
+// Callback holders in the order they first asked (the order in which they are told).
+class TNotifyHolders {
+ public:
+  bool Empty() const noexcept { return FIndex.empty(); }
+  std::size_t Count() const noexcept { return FIndex.size(); }
+  void Set(TObject* key, const TQUMAReferencedNotification& fn);
+  const TQUMAReferencedNotification* Find(const TObject* key) const noexcept;
+  bool Remove(const TObject* key);
+  std::vector<TObject*> Keys() const;
+
+ private:
+  using TEntries = std::list<std::pair<TObject*, TQUMAReferencedNotification>>;
+  TEntries FEntries;
+  std::unordered_map<const TObject*, TEntries::iterator> FIndex;
+};
+
+// Lets a loop notice that a handler freed the container it walks (the container kills every
+// flag of its chain when it dies). Linked out of line: the compiler cannot follow the chain and
+// would take the link for a dangling pointer.
+class TLifeFlag {
+ public:
+  explicit TLifeFlag(TLifeFlag*& slot) noexcept { Link(slot); }
+  TLifeFlag(const TLifeFlag&) = delete;
+  TLifeFlag& operator=(const TLifeFlag&) = delete;
+  ~TLifeFlag() {
+    if (Alive) *FSlot = FPrevious;
+  }
+  static void KillAll(TLifeFlag* head) noexcept {
+    for (; head; head = head->FPrevious) head->Alive = false;
+  }
+  bool Alive = true;
+
+ private:
+  [[gnu::noinline]] void Link(TLifeFlag*& slot) noexcept {
+    FSlot = &slot;
+    FPrevious = slot;
+    slot = this;
+  }
+  TLifeFlag** FSlot = nullptr;
+  TLifeFlag* FPrevious = nullptr;
+};
+
+// How a locker learns of the object's death, fixed when it first locks.
+enum class TLockerKind : Byte { lkOther, lkReferenced, lkComponent };
+struct TLockEntry {
+  Integer Count;
+  TLockerKind Kind;
+};
+}  // namespace detail
+
+class TQUMAReferencedPersistent : public TPersistent, public IInterface {
+  QUMA_CLASS(TQUMAReferencedPersistent, TPersistent)
+  QUMA_VIRTUAL_CONSTRUCTOR(TPersistent*)
+ public:
+  explicit TQUMAReferencedPersistent(TPersistent* AOwner = nullptr);
+  void BeforeDestruction() override;
+
+  // ---- properties ----
+  Integer LockCount(const TObject* pForObject) const { return _GetLockCount(pForObject); }
+  bool FreeWhenUnreferenced() const { return _GetFreeWhenUnreferenced(); }
+  void SetFreeWhenUnreferenced(bool Value) { _SetFreeWhenUnreferenced(Value); }
+  TQUMATwilightFalling OnEnterTwilight() const { return _GetOnEnterTwilight(); }
+  void SetOnEnterTwilight(TQUMATwilightFalling Value) { _SetOnEnterTwilight(Value); }
+  TNotifyEvent OnLeaveTwilight() const { return _GetOnLeaveTwilight(); }
+  void SetOnLeaveTwilight(TNotifyEvent Value) { _SetOnLeaveTwilight(Value); }
+  TPersistent* Owner() const { return _GetOwner(); }
+  void SetOwner(TPersistent* Value) { _SetOwner(Value); }
+  TComponent* OwningComponent() const { return _GetOwningComponent(); }
+  Integer MemLockReferenceCount() const { return _GetMemLockReferenceCount(); }
+  Integer NotifyReferenceCount() const { return _GetNotifyReferenceCount(); }
+  Integer TotalReferenceCount() const { return _GetTotalReferenceCount(); }
+  TQUMAPersistentWrapper* Wrapper() { return _GetWrapper(); }
+  // Whether the bookkeeping is released / destruction has begun. Also true for an object whose
+  // memory is gone; under a checker that validates every member call (UBSan's vptr check) ask
+  // QUMAIsFreed(p) instead, which never touches the object.
+  bool _GetFreed() const noexcept { return QUMAIsFreed(this); }
+  bool _GetFreeing() const noexcept { return QUMAIsFreeing(this); }
+  bool _Freed() const noexcept { return _GetFreed(); }
+  bool _Freeing() const noexcept { return _GetFreeing(); }
+  TQUMAReferencedPersistentStates RPState() const noexcept { return _RPState; }
+  Cardinal CreateSequence() const noexcept { return _nCreateSequence; }
+
+  // ---- virtual operations, in slot order ----
+  virtual bool _GetFreeWhenUnreferenced() const;
+  virtual Integer _GetLockCount(const TObject* pForObject) const;
+  virtual TQUMATwilightFalling _GetOnEnterTwilight() const;
+  virtual TNotifyEvent _GetOnLeaveTwilight() const;
+  virtual TPersistent* _GetOwner() const;
+  // The first host component up the owner chain, starting at the owner.
+  virtual TComponent* _GetOwningComponent() const;
+  // Number of lockers (not of locks).
+  virtual Integer _GetMemLockReferenceCount() const;
+  virtual Integer _GetNotifyReferenceCount() const;
+  virtual TQUMAReferencedPersistent* _GetSelf();
+  virtual Integer _GetTotalReferenceCount() const;
+  // The proxy component for host components, created on first use.
+  virtual TQUMAPersistentWrapper* _GetWrapper();
+  // A host component linked through the wrapper is going: drops one of its locks.
+  virtual void Notification(TComponent* AComponent, TOperation Operation);
+  // Other is going (remove): forget it as owner and consumer, and drop all of its locks.
+  virtual void NotificationRef(TQUMAReferencedPersistent* Other, TOperation op);
+  virtual void _SetFreeWhenUnreferenced(bool Value);
+  virtual void _SetOnEnterTwilight(TQUMATwilightFalling Value);
+  virtual void _SetOnLeaveTwilight(TNotifyEvent Value);
+  // Moves the notify reference from the old referenced-persistent owner to the new one.
+  virtual void _SetOwner(TPersistent* Value);
+  virtual void AddMemLockReference(TObject* Consumer);
+  virtual void AddMemLockReference(TObject* Consumer, TQUMAReferencedNotification Notification);
+  virtual void AddNotifyReference(TQUMAReferencedPersistent* Consumer);
+  virtual void AddNotifyReference(TComponent* Consumer);
+  virtual void AddNotifyReference(TObject* Consumer, TQUMAReferencedNotification Notification);
+  // Cached once, both answers.
+  virtual bool ComponentOwnerIsDesigning();
+  // Never cached.
+  virtual bool ComponentOwnerIsDestroying() const;
+  // Only the negative answer is cached.
+  virtual bool ComponentOwnerIsLoading();
+  // Frees the object when it may free itself and nobody locks it; true when it did.
+  virtual bool FreeIfUnreferenced();
+  HRESULT QueryInterface(const TGUID& IID, void** Obj) override;
+  // The first referenced persistent up the owner chain of pCandidate, starting at its owner.
+  virtual TQUMAReferencedPersistent* ReferencedPersistentOwner(const TPersistent* pCandidate) const;
+  virtual void RegisterFreeIndicator(bool& blIndicator);
+  virtual void RegisterSilentReference(PQUMAReferencedPersistent pReference);
+  // Drops one lock of Consumer (all bookkeeping of it with the last one), then frees the object
+  // if it is unreferenced; *blDeleted tells whether it did.
+  virtual void RemoveMemLockReference(TObject* Consumer, bool* blDeleted = nullptr);
+  virtual void RemoveNotifyReference(TQUMAReferencedPersistent* Consumer);
+  virtual void RemoveNotifyReference(TComponent* Consumer);
+  virtual void RemoveNotifyReference(TObject* Consumer, TQUMAReferencedNotification Notification);
+  virtual void UnregisterFreeIndicator(bool& blIndicator);
+  virtual void UnregisterSilentReference(PQUMAReferencedPersistent pReference);
+
+  bool IsLockedBy(const TObject* Other) const;
+  // Interface references never govern the lifetime.
+  Integer _AddRef() override { return -1; }
+  Integer _Release() override { return -1; }
+  bool GetInterface(const TGUID& IID, void** Obj) override;
+
+ protected:
+  ~TQUMAReferencedPersistent() override;
+  TPersistent* GetOwner() const override { return _GetOwner(); }
+  bool EnterDestruction() noexcept override;
+
+  // Whether Consumer is among the consumers (constant time).
+  bool HasConsumer(const TQUMAReferencedPersistent* Consumer) const;
+  // The callback a holder stored, or null.
+  const TQUMAReferencedNotification* CustomNotification(const TObject* Holder) const;
+
+  Cardinal _nCreateSequence;
+  std::unique_ptr<std::vector<TObject*>> _pLockers;
+  TQUMAReferencedList<TQUMAReferencedPersistent>* _pConsumers = nullptr;
+  std::unique_ptr<detail::TNotifyHolders> _dctCustomNotify;
+  std::unique_ptr<std::unordered_map<const TObject*, detail::TLockEntry>> _pMultiLock;
+  std::unique_ptr<std::vector<bool*>> _pFreeIndicators;
+  std::unique_ptr<std::vector<PQUMAReferencedPersistent>> _pRegPointers;
+  TPersistent* _pOwner = nullptr;
+  TQUMAPersistentWrapper* _pWrapper = nullptr;
+  TQUMAReferencedPersistentStates _RPState;
+  bool _blFreed = false;
+  TQUMATwilightFalling _fnEnterTwilight;
+  TNotifyEvent _fnLeaveTwilight;
+
+ private:
+  friend bool QUMAIsFreed(const TQUMAReferencedPersistent* p) noexcept;
+  friend bool QUMAIsFreeing(const TQUMAReferencedPersistent* p) noexcept;
+
+  void StoreOwner(TPersistent* Value);
+  void RunDestructionPhaseOne();
+  void EraseLockerAt(std::size_t index);
+  bool LeaveTwilight();  // false when the leave handler freed the object
+
+  TQUMAReferencedPersistent* _pOwnerRef = nullptr;  // the owner when it is a referenced persistent
+  bool _blInDestruction = false;
+};
+
+// ---- free functions: clear the variable first, then act on the object it held ----
+
+template <class T>
+  requires std::is_base_of_v<TQUMAReferencedPersistent, T>
+void DiscardAndNil(T*& p) {
+  T* obj = std::exchange(p, nullptr);
+  if (obj) obj->FreeIfUnreferenced();
+}
+template <class T>
+  requires std::is_base_of_v<TQUMAReferencedPersistent, T>
+void RemoveNotifyAndNil(T*& p, TQUMAReferencedPersistent* Consumer) {
+  if (!p || !Consumer) return;
+  T* obj = std::exchange(p, nullptr);
+  obj->RemoveNotifyReference(Consumer);
+}
+template <class T>
+  requires std::is_base_of_v<TQUMAReferencedPersistent, T>
+void RemoveNotifyAndNil(T*& p, TComponent* Consumer) {
+  if (!p || !Consumer) return;
+  T* obj = std::exchange(p, nullptr);
+  obj->RemoveNotifyReference(Consumer);
+}
+template <class T>
+  requires std::is_base_of_v<TQUMAReferencedPersistent, T>
+void RemoveNotifyAndNil(T*& p, TObject* Consumer, TQUMAReferencedNotification Notification) {
+  if (!p || !Consumer) return;
+  T* obj = std::exchange(p, nullptr);
+  obj->RemoveNotifyReference(Consumer, Notification);
+}
+// Drops one lock of Consumer, which may free the object.
+template <class T>
+  requires std::is_base_of_v<TQUMAReferencedPersistent, T>
+void UnlockAndNil(T*& p, TObject* Consumer) {
+  if (!p || !Consumer) return;
+  T* obj = std::exchange(p, nullptr);
+  obj->RemoveMemLockReference(Consumer, nullptr);
+}
+
+// ---- scope helpers over silent references and memory locks ----
+
+// A pointer that nulls itself when the object dies (a silent reference that registers and
+// unregisters itself). It owns nothing and keeps nothing alive.
+template <class T>
+class TQUMAGuardedPtr {
+ public:
+  static_assert(std::is_base_of_v<TQUMAReferencedPersistent, T>);
+
+  TQUMAGuardedPtr() noexcept = default;
+  TQUMAGuardedPtr(T* p) { Attach(p); }  // NOLINT: implicit like a raw pointer
+  TQUMAGuardedPtr(const TQUMAGuardedPtr& o) { Attach(o.Get()); }
+  TQUMAGuardedPtr(TQUMAGuardedPtr&& o) {
+    Attach(o.Get());
+    o.Reset();
+  }
+  TQUMAGuardedPtr& operator=(const TQUMAGuardedPtr& o) {
+    if (this != &o) Reset(o.Get());
+    return *this;
+  }
+  TQUMAGuardedPtr& operator=(TQUMAGuardedPtr&& o) {
+    if (this != &o) {
+      Reset(o.Get());
+      o.Reset();
+    }
+    return *this;
+  }
+  TQUMAGuardedPtr& operator=(T* p) {
+    Reset(p);
+    return *this;
+  }
+  ~TQUMAGuardedPtr() { Detach(); }
+
+  void Reset(T* p = nullptr) {
+    if (p == Get()) return;
+    Detach();
+    Attach(p);
+  }
+  T* Get() const noexcept { return static_cast<T*>(FObject); }
+  T* operator->() const noexcept { return Get(); }
+  T& operator*() const noexcept { return *Get(); }
+  explicit operator bool() const noexcept { return FObject != nullptr; }
+  friend bool operator==(const TQUMAGuardedPtr& a, const T* b) noexcept { return a.Get() == b; }
+
+ private:
+  void Attach(T* p) {
+    if (!p || QUMAIsFreed(p)) return;
+    FObject = p;
+    FObject->RegisterSilentReference(&FObject);
+  }
+  void Detach() {
+    if (TQUMAReferencedPersistent* p = std::exchange(FObject, nullptr)) p->UnregisterSilentReference(&FObject);
+  }
+
+  TQUMAReferencedPersistent* FObject = nullptr;
+};
+
+// Holds one memory lock for Holder while in scope; the release may free the object. The object
+// may also die by other hands meanwhile (an explicit Free); the guard then releases nothing.
+template <class T>
+class [[nodiscard]] TQUMAMemLockGuard {
+ public:
+  static_assert(std::is_base_of_v<TQUMAReferencedPersistent, T>);
+
+  TQUMAMemLockGuard(T* p, TObject* Holder) : FObject(p), FHolder(Holder) {
+    if (FObject && FHolder) FObject->AddMemLockReference(FHolder);
+  }
+  TQUMAMemLockGuard(TQUMAMemLockGuard&& o)
+      : FObject(std::move(o.FObject)), FHolder(std::exchange(o.FHolder, nullptr)) {}
+  TQUMAMemLockGuard(const TQUMAMemLockGuard&) = delete;
+  TQUMAMemLockGuard& operator=(const TQUMAMemLockGuard&) = delete;
+  TQUMAMemLockGuard& operator=(TQUMAMemLockGuard&&) = delete;
+  ~TQUMAMemLockGuard() { Release(); }
+
+  // Drops the lock now; true when that freed the object.
+  bool Release() {
+    T* p = FObject.Get();
+    FObject.Reset();
+    if (!p || !FHolder) return false;
+    bool deleted = false;
+    p->RemoveMemLockReference(std::exchange(FHolder, nullptr), &deleted);
+    return deleted;
+  }
+  T* Get() const noexcept { return FObject.Get(); }
+  T* operator->() const noexcept { return FObject.Get(); }
+
+ private:
+  TQUMAGuardedPtr<T> FObject;
+  TObject* FHolder;
+};
+
+// ---- TQUMAReferencedList<T> ----
+
+// A subscribed list of referenced persistents that references each item on behalf of its
+// referencing object: a memory lock (default) or a notify reference. With no referencing object
+// the list itself is the holder, through a callback, and an item that dies elsewhere drops out
+// of the list by itself.
+template <class T>
+class TQUMAReferencedList : public TQUMASubscribedList<T*> {
+  QUMA_CLASS(TQUMAReferencedList, TQUMASubscribedList<T*>)
+ public:
+  static_assert(std::is_base_of_v<TQUMAReferencedPersistent, T>);
+  using TCollectionNotifyEvent = typename TQUMASubscribedList<T*>::TCollectionNotifyEvent;
+
+  TQUMAReferencedList() = default;
+  explicit TQUMAReferencedList(TObject* ReferencingObject) : _pRefObject(ReferencingObject) {}
+
+  // Removes the items from the last to the first while the list is whole, so that each
+  // removal drops its reference.
+  void BeforeDestruction() override {
+    Clear();
+    inherited::BeforeDestruction();
+  }
+
+  // The holder of the references: the referencing object, or the list itself.
+  TObject* ReferencingObject() const { return _GetReferencingObject(); }
+  void SetReferencingObject(TObject* Value) { _SetReferencingObject(Value); }
+  TQUMAReferenceAction ReferenceAction() const noexcept { return _RefAction; }
+  // On a non-empty list the references move: the new kind is taken before the old is dropped.
+  void SetReferenceAction(TQUMAReferenceAction Value) {
+    if (Value == _RefAction) return;
+    const TQUMAReferenceAction old = _RefAction;
+    _RefAction = Value;
+    MoveReferences(_GetReferencingObject(), old);
+  }
+
+  // Deletes the items one by one from the last to the first.
+  void Clear() {
+    detail::TLifeFlag alive(FAlive);
+    while (alive.Alive && this->Count() > 0) this->Delete(this->Count() - 1);
+  }
+  // Constant-time membership and occurrence count (an index kept beside the items).
+  bool ContainsItem(const T* Item) const { return ItemCount(Item) > 0; }
+  Integer ItemCount(const T* Item) const {
+    const auto it = FIndex.find(static_cast<const TQUMAReferencedPersistent*>(Item));
+    return it == FIndex.end() ? 0 : it->second;
+  }
+  // Removes the first occurrence; returns its former index or -1. Finds it without a full
+  // scan when the item occurs once.
+  Integer RemoveItem(const T* Item) {
+    const Integer index = FirstIndexFrom(static_cast<const TQUMAReferencedPersistent*>(Item), 0);
+    if (index >= 0) this->Delete(index);
+    return index;
+  }
+
+  virtual TObject* _GetReferencingObject() const {
+    return _pRefObject ? _pRefObject : const_cast<TQUMAReferencedList*>(this);
+  }
+  // An item that the list references through its callback is going: delete every occurrence.
+  virtual void _NotificationRef(TQUMAReferencedPersistent* Other, TOperation op) {
+    if (op != opRemove || !Other) return;
+    TMonitor::Enter(this);
+    auto* const holder = this->_GetNotifications();
+    detail::TLifeFlag alive(FAlive);
+    Integer i = 0;
+    while (this->_GetNotifications() == holder) {
+      i = FirstIndexFrom(Other, i);
+      if (i < 0) break;
+      this->Delete(i);
+      if (!alive.Alive) return;  // a removal handler freed the list, monitor and all
+    }
+    if (this->_GetNotifications() == holder) TMonitor::Exit(this);
+  }
+  virtual void _SetReferencingObject(TObject* Value) {
+    if (this->Count() == 0) {
+      _pRefObject = Value;
+      return;
+    }
+    const TObject* current = _GetReferencingObject();
+    if (!Value || Value == current) return;
+    TObject* old = _GetReferencingObject();
+    _pRefObject = Value;
+    MoveReferences(old, _RefAction);
+  }
+  virtual void SubscribeToChangeNotification(const TCollectionNotifyEvent& fnCallback) {
+    if (auto* n = this->_GetNotifications()) n->Subscribe(fnCallback);
+  }
+  virtual void UnsubscribeFromChangeNotification(const TCollectionNotifyEvent& fnCallback) {
+    if (auto* n = this->_GetNotifications()) n->Unsubscribe(fnCallback);
+  }
+
+ protected:
+  ~TQUMAReferencedList() override {
+    detail::TLifeFlag::KillAll(FAlive);
+    FAlive = nullptr;
+    Clear();  // whatever a handler added after BeforeDestruction
+  }
+
+  void _BeforeAddNotify(T* const& Item) override {
+    inherited::_BeforeAddNotify(Item);
+    TakeReference(Item, _GetReferencingObject(), _RefAction);
+  }
+  void _AfterRemoveNotify(T* const& Item) override {
+    inherited::_AfterRemoveNotify(Item);
+    DropReference(Item, _GetReferencingObject(), _RefAction);
+  }
+  // Keeps the index in step with every change before anybody hears of it.
+  void Notify(T* const& Item, TCollectionNotification Action) override {
+    const auto* key = static_cast<const TQUMAReferencedPersistent*>(Item);
+    if (Action == cnAdded) {
+      ++FIndex[key];
+    } else if (Action == cnRemoved || Action == cnExtracted) {
+      auto it = FIndex.find(key);
+      if (it != FIndex.end() && --it->second <= 0) FIndex.erase(it);
+    }
+    inherited::Notify(Item, Action);
+  }
+
+  TQUMAReferencedNotification Callback() noexcept { return Bind<&TQUMAReferencedList::_NotificationRef>(this); }
+
+  void TakeReference(T* Item, TObject* Holder, TQUMAReferenceAction Action) {
+    TQUMAReferencedPersistent* item = Item;
+    if (!item || QUMAIsFreed(item)) return;
+    if (Action == _raMemLock) {
+      if (Holder != this)
+        item->AddMemLockReference(Holder);
+      else
+        item->AddMemLockReference(this, Callback());
+    } else if (Holder == this) {
+      item->AddNotifyReference(this, Callback());
+    } else if (TQUMAReferencedPersistent* r = QUMAAsReferenced(Holder)) {
+      item->AddNotifyReference(r);
+    } else if (auto* c = dynamic_cast<TComponent*>(Holder)) {
+      item->AddNotifyReference(c);
+    }
+  }
+  void DropReference(T* Item, TObject* Holder, TQUMAReferenceAction Action) {
+    TQUMAReferencedPersistent* item = Item;
+    if (!item || QUMAIsFreed(item)) return;
+    if (Action == _raMemLock) {
+      item->RemoveMemLockReference(Holder, nullptr);
+    } else if (Holder == this) {
+      item->RemoveNotifyReference(this, Callback());
+    } else if (TQUMAReferencedPersistent* r = QUMAAsReferenced(Holder)) {
+      item->RemoveNotifyReference(r);
+    } else if (auto* c = dynamic_cast<TComponent*>(Holder)) {
+      item->RemoveNotifyReference(c);
+    }
+  }
+
+  TObject* _pRefObject = nullptr;
+  TQUMAReferenceAction _RefAction = _raMemLock;
+
+ private:
+  // The first index >= from holding Item, or -1. An item that occurs once is searched from both
+  // ends at once, so items near either end are found at once.
+  Integer FirstIndexFrom(const TQUMAReferencedPersistent* Item, Integer from) const {
+    const auto it = FIndex.find(Item);
+    if (it == FIndex.end()) return -1;
+    const auto& items = this->ToVector();
+    Integer lo = std::max(from, 0);
+    Integer hi = static_cast<Integer>(items.size()) - 1;
+    if (it->second == 1) {
+      for (; lo <= hi; ++lo, --hi) {
+        if (static_cast<const TQUMAReferencedPersistent*>(items[lo]) == Item) return lo;
+        if (static_cast<const TQUMAReferencedPersistent*>(items[hi]) == Item) return hi;
+      }
+      return -1;
+    }
+    for (; lo <= hi; ++lo)
+      if (static_cast<const TQUMAReferencedPersistent*>(items[lo]) == Item) return lo;
+    return -1;
+  }
+  // Every item takes the reference for the current holder and action before it loses the one
+  // for OldHolder/OldAction, so that no item passes through an unreferenced moment.
+  void MoveReferences(TObject* OldHolder, TQUMAReferenceAction OldAction) {
+    const std::vector<T*> items = this->ToVector();
+    TObject* holder = _GetReferencingObject();
+    for (T* item : items) {
+      TakeReference(item, holder, _RefAction);
+      DropReference(item, OldHolder, OldAction);
+    }
+  }
+
+  std::unordered_map<const TQUMAReferencedPersistent*, Integer> FIndex;
+  detail::TLifeFlag* FAlive = nullptr;
+};
+
+// ---- TQUMAPersistentWrapper ----
+
+// The component that stands for a referenced persistent in the host free-notification
+// mechanism: components link to it, and learn through its destruction that the payload went.
+class TQUMAPersistentWrapper : public TComponent {
+  QUMA_CLASS(TQUMAPersistentWrapper, TComponent)
+ public:
+  explicit TQUMAPersistentWrapper(TComponent* AOwner) : TQUMAPersistentWrapper(AOwner, nullptr) {}
+  TQUMAPersistentWrapper(TComponent* AOwner, TPersistent* APayload);
+  ~TQUMAPersistentWrapper() override;
+
+  TComponent* FreeNotifee(Integer nIndex) const { return _GetFreeNotifee(nIndex); }
+  Integer FreeNotificationCount() const noexcept { return FreeNotifyCount(); }
+  TComponentNotification OnNotify() const noexcept { return _fnOnNotify; }
+  void SetOnNotify(TComponentNotification Value) noexcept { _fnOnNotify = Value; }
+  TPersistent* Payload() const noexcept { return _pPayload; }
+  void SetPayload(TPersistent* Value) noexcept { _pPayload = Value; }
+  using TComponent::RemoveFreeNotifications;
+
+  // Tells OnNotify first, then the host's own handling (unless OnNotify freed the wrapper).
+  void Notification(TComponent* AComponent, TOperation Operation) override;
+
+ protected:
+  virtual TComponent* _GetFreeNotifee(Integer nIndex) const { return FreeNotifyItem(nIndex); }
+
+  TPersistent* _pPayload;
+  TComponentNotification _fnOnNotify;
+
+ private:
+  std::shared_ptr<bool> FLife = std::make_shared<bool>(true);  // expires with the wrapper
+};
+
+// ---- TQUMAReferencedPersistentSafeBox ----
+
+// Keeps referenced persistents alive while they are in it (a memory lock each, on behalf of the
+// box). A kept object freed by other hands leaves the box and fires OnObjectRemoved.
+class TQUMAReferencedPersistentSafeBox : public TQUMAReferencedPersistent {
+  QUMA_CLASS(TQUMAReferencedPersistentSafeBox, TQUMAReferencedPersistent)
+ public:
+  explicit TQUMAReferencedPersistentSafeBox(TPersistent* AOwner = nullptr)
+      : TQUMAReferencedPersistentSafeBox(AOwner, false) {}
+  TQUMAReferencedPersistentSafeBox(TPersistent* AOwner, bool blFreeObjectsOnDestroy);
+  void AfterConstruction() override;
+
+  void Add(TQUMAReferencedPersistent* pObject);
+  void Remove(TQUMAReferencedPersistent* pObject);
+  void Clear();
+  // Takes every object out and frees it (once, also when losing the box's lock freed it).
+  void FreeAllObjects();
+  Integer Count() const { return _pKeptObjects ? _pKeptObjects->Count() : 0; }
+  TQUMAReferencedPersistent* Items(Integer Index) const { return (*_pKeptObjects)[Index]; }
+  bool Contains(const TQUMAReferencedPersistent* pObject) const {
+    return _pKeptObjects && _pKeptObjects->ContainsItem(pObject);
+  }
+  bool FreeOnDestroy() const noexcept { return _blFreeOnDestroy; }
+  TNotifyEvent OnObjectRemoved() const noexcept { return _fnObjectRemoved; }
+  void SetOnObjectRemoved(TNotifyEvent Value) noexcept { _fnObjectRemoved = Value; }
+
+  void NotificationRef(TQUMAReferencedPersistent* Other, TOperation op) override;
+
+ protected:
+  ~TQUMAReferencedPersistentSafeBox() override;
+
+  TQUMAReferencedList<TQUMAReferencedPersistent>* _pKeptObjects = nullptr;
+  TNotifyEvent _fnObjectRemoved;
+  bool _blFreeOnDestroy;
+};
+
+// ---- TQUMAOpportunisticReferencingStringList ----
+
+// A string list that references the objects of its entries that are referenced persistents
+// (as a referenced list does), and can own the others.
+class TQUMAOpportunisticReferencingStringList : public TStringList {
+  QUMA_CLASS(TQUMAOpportunisticReferencingStringList, TStringList)
+ public:
+  TQUMAOpportunisticReferencingStringList() = default;
+  explicit TQUMAOpportunisticReferencingStringList(TObject* ReferencingObject, bool OwnsObjects = false)
+      : TStringList(OwnsObjects), _pRefObject(ReferencingObject) {}
+  ~TQUMAOpportunisticReferencingStringList() override;
+
+  Integer CountOfObject(const TObject* AObject) const { return _GetCountOfObject(AObject); }
+  bool OwnsNonReferencedObjects() const { return _GetOwnsNonReferencedObjects(); }
+  void SetOwnsNonReferencedObjects(bool Value) { _SetOwnsNonReferencedObjects(Value); }
+  TQUMAReferenceAction ReferenceAction() const noexcept { return _RefAction; }
+  // Only while the list is empty (the references of existing entries keep their kind).
+  void SetReferenceAction(TQUMAReferenceAction Value) noexcept {
+    if (Count() == 0) _RefAction = Value;
+  }
+  TObject* ReferencingObject() const { return _GetReferencingObject(); }
+  void SetReferencingObject(TObject* Value) { _SetReferencingObject(Value); }
+
+  // Index checks and ownership as the host list; see the class comment in the .cpp.
+  void PutObject(Integer Index, TObject* AObject) override;
+  void Clear() override;
+  void Delete(Integer Index) override;
+
+  // ---- virtual operations, in slot order ----
+  virtual Integer _GetCountOfObject(const TObject* AObject) const;
+  virtual bool _GetOwnsNonReferencedObjects() const { return _blOwnsNonRefd; }
+  virtual TObject* _GetReferencingObject() const;
+  virtual void _NotificationRef(TQUMAReferencedPersistent* Other, TOperation op);
+  virtual void _SetOwnsNonReferencedObjects(bool Value) { _blOwnsNonRefd = Value; }
+  virtual void _SetReferencingObject(TObject* Value);
+
+ protected:
+  void InsertItem(Integer Index, const UnicodeString& S, TObject* AObject) override;
+
+  TObject* _pRefObject = nullptr;
+  TQUMAReferenceAction _RefAction = _raMemLock;
+  bool _blOwnsNonRefd = false;
+
+ private:
+  TQUMAReferencedNotification Callback() noexcept;
+  // The referenced persistent an entry holds; answers also for one that died meanwhile (the
+  // list remembers which of its objects are referenced persistents).
+  TQUMAReferencedPersistent* Referenced(TObject* AObject) const;
+  void Remember(TQUMAReferencedPersistent* p);
+  void Forget(const TObject* p);
+  void TakeReference(TQUMAReferencedPersistent* p, TObject* Holder);
+  // Drops the reference; true when that freed the object (or it was already gone).
+  bool DropReference(TQUMAReferencedPersistent* p, TObject* Holder);
+  // Clear and the destructor: references dropped, owned objects freed, last to first.
+  void ReleaseObjects(const std::vector<TObject*>& objects);
+
+  struct TReferencedEntry {
+    TQUMAReferencedPersistent* Object;
+    Integer Count;  // entries holding it
+  };
+  std::unordered_map<const TObject*, TReferencedEntry> FReferenced;
+};
+
+}  // namespace quma
