@@ -164,10 +164,11 @@ class TURLEncoding : public TNetEncoding {
   virtual TUnsafeChars _GetUnsafePathChars() const;
   virtual TUnsafeChars _GetUnsafeQueryChars() const;
 
-  // The default sets (RFC 3986 for auth, path and query; the HTML form encoding for forms).
-  static constexpr TUnsafeChars UnsafeAuthChars{' ', '"', '#', '%', '/', ':', '<', '>', '?', '@',
+  // The default sets: RFC 3986 for auth, path and query, the HTML form encoding for forms. Each
+  // holds "%" and "+" (the decoder reads "+" as a blank), so that decoding undoes every encoding.
+  static constexpr TUnsafeChars UnsafeAuthChars{' ', '"', '#', '%', '+', '/', ':', '<', '>', '?', '@',
                                                 '[', '\\', ']', '^', '`', '{', '|', '}'};
-  static constexpr TUnsafeChars UnsafePathChars{' ', '"', '#', '%', '<', '>', '?', '[', '\\', ']', '^', '`',
+  static constexpr TUnsafeChars UnsafePathChars{' ', '"', '#', '%', '+', '<', '>', '?', '[', '\\', ']', '^', '`',
                                                 '{', '|', '}'};
   static constexpr TUnsafeChars UnsafeQueryChars{' ', '"', '#', '%', '+', '<', '>', '[', '\\', ']', '^', '`',
                                                  '{', '|', '}'};

@@ -1,0 +1,61 @@
+#include <quma/Variants.h>
+
+#include <gtest/gtest.h>
+
+namespace quma {
+namespace {
+
+TEST(Variants, TypeCodesAndTypedAccess) {
+  EXPECT_EQ(VarType(Variant()), varEmpty);
+  EXPECT_TRUE(VarIsEmpty(Variant()));
+  EXPECT_TRUE(VarIsNull(Variant::Null()));
+  EXPECT_EQ(VarType(Variant(Integer{3})), varInteger);
+  EXPECT_EQ(VarType(Variant(std::int16_t{3})), varSmallint);
+  EXPECT_EQ(VarType(Variant(Int64{3})), varInt64);
+  EXPECT_EQ(VarType(Variant(true)), varBoolean);
+  EXPECT_EQ(VarType(Variant(2.5)), varDouble);
+  EXPECT_EQ(VarType(Variant(u"text")), varUString);
+  EXPECT_EQ(VarType(Variant::OleStr(u"text")), varOleStr);
+  EXPECT_EQ(VarType(Variant::AnsiString("text")), varString);
+  EXPECT_EQ(Variant::FromUtf8("caf\xc3\xa9").AsUnicode(), u"caf\u00e9");
+  EXPECT_EQ(Variant(Integer{-7}).AsInt64(), -7);
+  EXPECT_EQ(Variant::AnsiString("\xff\x01").AsAnsi(), "\xff\x01");
+  EXPECT_THROW((void)Variant(u"x").AsAnsi(), EVariantTypeCastError);
+  EXPECT_THROW((void)Variant().AsInt64(), EVariantTypeCastError);
+  EXPECT_EQ(Variant(u"a"), Variant(u"a"));
+  EXPECT_FALSE(Variant(u"a") == Variant::OleStr(u"a"));  // same text, different type
+}
+
+TEST(Variants, ByteArraysWithBounds) {
+  Variant a = VarArrayCreate(-2, 3, varByte);
+  EXPECT_EQ(VarType(a), varArray | varByte);
+  EXPECT_TRUE(VarIsArray(a));
+  EXPECT_EQ(VarArrayDimCount(a), 1);
+  EXPECT_EQ(VarArrayLowBound(a, 1), -2);
+  EXPECT_EQ(VarArrayHighBound(a, 1), 3);
+  a.PutElement(-2, 0x11);
+  a.PutElement(3, 0x66);
+  EXPECT_THROW(a.PutElement(4, 0), EVariantBadIndexError);
+  EXPECT_THROW((void)a.GetElement(-3), EVariantBadIndexError);
+  EXPECT_THROW((void)VarArrayHighBound(a, 2), EVariantBadIndexError);
+  auto* data = static_cast<Byte*>(VarArrayLock(a));
+  EXPECT_EQ(data[0], 0x11);
+  data[1] = 0x22;
+  EXPECT_THROW(a.ArrayRedim(10), EVariantArrayLockedError);
+  Variant copy = a;  // a deep copy, not locked
+  copy.ArrayRedim(0);
+  VarArrayUnlock(a);
+  EXPECT_THROW(VarArrayUnlock(a), EVariantNotLockedError);
+  EXPECT_EQ(VarArrayToBytes(a), (TBytes{0x11, 0x22, 0, 0, 0, 0x66}));
+  EXPECT_EQ(VarArrayToBytes(copy), (TBytes{0x11, 0x22, 0}));
+  const Variant b = VarArrayFromBytes(TBytes{1, 2, 3});
+  EXPECT_EQ(VarArrayLowBound(b, 1), 0);
+  EXPECT_EQ(VarArrayHighBound(b, 1), 2);
+  EXPECT_EQ(VarArrayHighBound(VarArrayCreate(0, -1, varByte), 1), -1);  // empty
+  EXPECT_THROW((void)VarArrayCreate(0, 3, varInteger), EVariantBadVarTypeError);
+  EXPECT_THROW((void)VarArrayCreate(5, 3, varByte), EVariantBadIndexError);
+  EXPECT_THROW((void)VarArrayLowBound(Variant(Integer{1}), 1), EVariantNotAnArrayError);
+}
+
+}  // namespace
+}  // namespace quma
