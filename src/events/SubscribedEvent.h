@@ -144,36 +144,26 @@ class TQUMASubscribedEvent : public TObject {
   TPassFrame* FPasses = nullptr;
 };
 
+// Ends a pass, also when a subscriber throws: unlinks the frame and leaves the monitor, unless
+// the event went meanwhile (its list and monitor went with it) or holds another list now (the
+// old one may be gone, so its monitor is not touched again).
 class TQUMASubscribedEvent::TPassGuard {
  public:
-  TPassGuard(TQUMASubscribedEvent* event, TQUMACallbackList* list)
-      : FEvent(event), FList(list), FLock(&list->MonitorLock()) {
-    FLock->Enter();
-    FFrame.Previous = event->FPasses;
-#if defined(__GNUC__) && !defined(__clang__) && __GNUC__ >= 12
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdangling-pointer"  // unlinked by the destructor
-#endif
-    event->FPasses = &FFrame;
-#if defined(__GNUC__) && !defined(__clang__) && __GNUC__ >= 12
-#pragma GCC diagnostic pop
-#endif
-  }
+  TPassGuard(TQUMASubscribedEvent* event, TQUMACallbackList* list, TRecursiveLock* lock, TPassFrame* frame) noexcept
+      : FEvent(event), FList(list), FLock(lock), FFrame(frame) {}
   TPassGuard(const TPassGuard&) = delete;
   TPassGuard& operator=(const TPassGuard&) = delete;
   ~TPassGuard() {
-    if (!FFrame.Alive) return;  // the event went, and its list and monitor with it
-    FEvent->FPasses = FFrame.Previous;
-    // A list that was replaced may be gone: its monitor is not touched again.
+    if (!FFrame->Alive) return;
+    FEvent->FPasses = FFrame->Previous;
     if (FEvent->_fnaCallbacks == FList) FLock->Leave();
   }
-  bool Valid() const noexcept { return FFrame.Alive && FEvent->_fnaCallbacks == FList; }
 
  private:
   TQUMASubscribedEvent* FEvent;
   TQUMACallbackList* FList;
   TRecursiveLock* FLock;
-  TPassFrame FFrame;
+  TPassFrame* FFrame;
 };
 
 template <class F>
@@ -181,11 +171,25 @@ void TQUMASubscribedEvent::FirePass(const bool& pStop, F&& call) {
   TQUMACallbackList* const list = _fnaCallbacks;
   if (!list) return;
   TObject* const sender = _GetCallbackObject();
-  TPassGuard pass(this, list);
-  for (std::size_t i = 0; !pStop && pass.Valid(); ++i) {
+  TRecursiveLock& lock = list->MonitorLock();
+  lock.Enter();
+  TPassFrame frame{true, FPasses};
+#if defined(__GNUC__) && !defined(__clang__) && __GNUC__ >= 12
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdangling-pointer"  // unlinked by the guard
+#endif
+  FPasses = &frame;
+#if defined(__GNUC__) && !defined(__clang__) && __GNUC__ >= 12
+#pragma GCC diagnostic pop
+#endif
+  const TPassGuard guard(this, list, &lock, &frame);
+  // Everything is re-read after each call: a subscriber may change the list, swap it, free the
+  // event or set the stop flag.
+  for (std::size_t i = 0; !pStop && frame.Alive && _fnaCallbacks == list; ++i) {
     const std::vector<TNotifyEvent>& entries = list->ToVector();
-    if (i >= entries.size()) break;
-    const TNotifyEvent entry = entries[i];
+    const TNotifyEvent* const at = entries.data() + i;
+    if (at >= entries.data() + entries.size()) break;
+    const TNotifyEvent entry = *at;
     if (entry) call(entry, sender);
   }
 }
