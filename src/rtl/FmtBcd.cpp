@@ -194,12 +194,17 @@ bool TryStrToBcd(UnicodeStringView S, TBcd& Bcd, const TFormatSettings& Settings
   int exponent = 0;
   if (i < n && (S[i] == u'e' || S[i] == u'E')) {
     ++i;
-    bool negativeExp = false;
-    if (i < n && (S[i] == u'+' || S[i] == u'-')) negativeExp = S[i++] == u'-';
-    for (; i < n && S[i] >= u'0' && S[i] <= u'9'; ++i) {
+    bool negativeExp = false, signed_ = false;
+    if (i < n && (S[i] == u'+' || S[i] == u'-')) {
+      negativeExp = S[i++] == u'-';
+      signed_ = true;
+    }
+    std::size_t expDigits = 0;
+    for (; i < n && S[i] >= u'0' && S[i] <= u'9'; ++i, ++expDigits) {
       exponent = exponent * 10 + (S[i] - u'0');
       if (exponent > 1000) return false;
     }
+    if (signed_ && expDigits == 0) return false;
     if (negativeExp) exponent = -exponent;
   }
   if (i != n) return false;

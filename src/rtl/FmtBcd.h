@@ -51,7 +51,7 @@ bool NormalizeBcd(const TBcd& In, TBcd& Out, int Prec, int Places) noexcept;
 
 // Text to decimal: optional blanks, a sign, digits in which the settings' thousands separator may
 // appear between integer digits, an optional decimal separator with digits, an optional exponent
-// ("e" or "E", an optional sign, digits; "e" alone counts as e0), optional blanks. False when the
+// ("e" or "E", an optional sign, digits; a bare "e" counts as e0), optional blanks. False when the
 // text is anything else or needs more than 64 significant digits. Without settings the process
 // default settings are used.
 bool TryStrToBcd(UnicodeStringView S, TBcd& Bcd) noexcept;

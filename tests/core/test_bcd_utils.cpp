@@ -1,0 +1,195 @@
+// Decimal helpers: zero test, compaction, long division and reading numbers out of text.
+#include <gtest/gtest.h>
+
+#include <random>
+#include <thread>
+
+#include <quma/BcdUtils.h>
+#include <quma/FmtBcd.h>
+#include <quma/Strings.h>
+
+using namespace quma;
+
+namespace {
+
+TBcd B(const char* s) { return StrToBcd(Utf8ToUtf16(s)); }
+std::string S(const TBcd& b) { return Utf16ToUtf8(BcdToStr(b)); }
+
+// Exact a/b (b > 0) written with `places` decimals, truncated.
+std::string TruncatedQuotient(long long a, long long b, int places) {
+  std::string out = a < 0 ? "-" : "";
+  unsigned long long x = static_cast<unsigned long long>(a < 0 ? -a : a);
+  out += std::to_string(x / static_cast<unsigned long long>(b));
+  unsigned long long r = x % static_cast<unsigned long long>(b);
+  if (places > 0) out += '.';
+  for (int i = 0; i < places; ++i) {
+    r *= 10;
+    out += static_cast<char>('0' + r / static_cast<unsigned long long>(b));
+    r %= static_cast<unsigned long long>(b);
+  }
+  while (out.find('.') != std::string::npos && (out.back() == '0' || out.back() == '.')) out.pop_back();
+  return out == "-0" ? "0" : out;
+}
+
+}  // namespace
+
+TEST(BcdIsZero, LooksOnlyAtDigitsWithinThePrecision) {
+  EXPECT_TRUE(QUMA_BcdIsZero(NullBcd));
+  EXPECT_TRUE(QUMA_BcdIsZero(B("0")));
+  EXPECT_TRUE(QUMA_BcdIsZero(B("-0.000")));
+  TBcd negativeZero = B("0");
+  negativeZero.SignSpecialPlaces = TBcd::SignBit | 3;
+  EXPECT_TRUE(QUMA_BcdIsZero(negativeZero));
+  EXPECT_FALSE(QUMA_BcdIsZero(B("0.001")));
+  EXPECT_FALSE(QUMA_BcdIsZero(B("-5")));
+  // Precision 3: digits 0, 0, 0 and a stray 7 in the fourth nibble, which is not looked at.
+  TBcd odd;
+  odd.Precision = 3;
+  odd.Fraction[1] = 0x07;
+  EXPECT_TRUE(QUMA_BcdIsZero(odd));
+  odd.Fraction[1] = 0x10;
+  EXPECT_FALSE(QUMA_BcdIsZero(odd));
+}
+
+TEST(BcdCompact, OneIntegerDigitAndAnExponent) {
+  const struct {
+    const char* In;
+    const char* Mantissa;
+    int Exponent;
+  } cases[] = {{"123.45", "1.2345", 2}, {"0.0012", "1.2", -3}, {"-123.45", "-1.2345", 2}, {"1000", "1", 3},
+               {"7", "7", 0},           {"0.5", "5", -1},      {"100.001", "1.00001", 2}};
+  for (const auto& c : cases) {
+    TBcd m;
+    Integer e = 99;
+    QUMA_BcdCompact(B(c.In), m, e);
+    EXPECT_EQ(S(m), c.Mantissa) << c.In;
+    EXPECT_EQ(e, c.Exponent) << c.In;
+    EXPECT_EQ(m.Places(), m.Precision - 1) << c.In;
+    EXPECT_NE(m.Digit(0), 0) << c.In;
+  }
+  TBcd untouched = B("42");
+  Integer e = 99;
+  QUMA_BcdCompact(B("0.00"), untouched, e);
+  EXPECT_EQ(e, 0);
+  EXPECT_EQ(S(untouched), "42");
+}
+
+TEST(BcdDivide, ShortcutsAndErrors) {
+  TBcd q;
+  const TBcd zero = B("0.00");
+  QUMA_BcdDivide(zero, B("5"), q);
+  EXPECT_EQ(q.Precision, zero.Precision);
+  EXPECT_EQ(q.SignSpecialPlaces, zero.SignSpecialPlaces);
+  QUMA_BcdDivide(B("7"), B("7"), q);
+  EXPECT_EQ(S(q), "1");
+  QUMA_BcdDivide(B("7.25"), B("7.250"), q);
+  EXPECT_EQ(S(q), "1");
+  QUMA_BcdDivide(B("7"), B("-1"), q);
+  EXPECT_EQ(S(q), "-7");
+  QUMA_BcdDivide(B("-7.5"), B("1.0"), q);
+  EXPECT_EQ(S(q), "-7.5");
+  try {
+    QUMA_BcdDivide(B("1"), B("-0.0"), q);
+    FAIL();
+  } catch (const EDivByZero& e) {
+    EXPECT_STREQ(e.what(), "Divide by Zero");
+  }
+}
+
+TEST(BcdDivide, LongDivisionDigits) {
+  TBcd q;
+  QUMA_BcdDivide(B("1"), B("3"), q);
+  EXPECT_EQ(q.Precision, 61);
+  EXPECT_EQ(S(q), "0." + std::string(60, '3'));
+  const struct {
+    const char* A;
+    const char* B;
+    const char* Q;
+  } cases[] = {{"1", "30", "0.0" + 0},      {"100", "4", "25"},     {"300", "3", "100"},   {"100", "5", "20"},
+               {"7", "2", "3.5"},           {"-7", "2", "-3.5"},    {"7", "-0.5", "-14"},  {"1.5", "0.25", "6"},
+               {"12345.678", "0.001", "12345678"}, {"0.001", "8", "0.000125"}, {"6", "1000", "0.006"}};
+  for (const auto& c : cases) {
+    if (std::string(c.A) == "1" && std::string(c.B) == "30") continue;
+    QUMA_BcdDivide(B(c.A), B(c.B), q);
+    EXPECT_EQ(S(q), c.Q) << c.A << " / " << c.B;
+  }
+  QUMA_BcdDivide(B("1"), B("30"), q);
+  EXPECT_EQ(S(q), "0.0" + std::string(58, '3'));  // 60 digits: one integer digit fewer than 1/3
+  QUMA_BcdDivide(B("2"), B("3"), q);  // truncated, not rounded
+  EXPECT_EQ(S(q), "0." + std::string(60, '6'));
+}
+
+TEST(BcdDivide, AgreesWithIntegerLongDivision) {
+  std::mt19937_64 rng(11);
+  std::uniform_int_distribution<long long> num(-99999999, 99999999), den(1, 99999);
+  for (int i = 0; i < 300; ++i) {
+    const long long a = num(rng), b = den(rng);
+    if (a == 0 || b == 1 || a == b) continue;
+    TBcd q;
+    QUMA_BcdDivide(IntegerToBcd(a), IntegerToBcd(b), q);
+    ASSERT_EQ(S(q), TruncatedQuotient(a, b, q.Places())) << a << " / " << b;
+    ASSERT_LE(q.Precision, 64);
+  }
+}
+
+TEST(BcdFromString, FindsTheFirstNumber) {
+  TBcd r;
+  QUMA_BcdFromString(u"Total: 1,234.50 EUR", r);
+  EXPECT_EQ(S(r), "1234.5");
+  QUMA_BcdFromString(u"abc -12.5e2 def", r);
+  EXPECT_EQ(S(r), "-1250");
+  QUMA_BcdFromString(u"x 3E2", r);  // the exponent letter in either case
+  EXPECT_EQ(S(r), "300");
+  QUMA_BcdFromString(u"+42", r);
+  EXPECT_EQ(S(r), "42");
+  QUMA_BcdFromString("v7.25", r);
+  EXPECT_EQ(S(r), "7.25");
+  QUMA_BcdFromString(u"5e", r);  // a bare exponent letter counts as e0
+  EXPECT_EQ(S(r), "5");
+  QUMA_BcdFromString(u"1.2.3", r);
+  EXPECT_EQ(S(r), "1.2");
+  // "a, b": the pattern takes the lone thousands separator, which does not convert.
+  for (const char16_t* bad : {u"", u"no digits here", u"-", u"a, b"}) {
+    try {
+      QUMA_BcdFromString(bad, r);
+      ADD_FAILURE() << Utf16ToUtf8(bad);
+    } catch (const EConvertError& e) {
+      EXPECT_EQ(e.Message(), u"Unable to convert \"" + UnicodeString(bad) + u"\" to TBcd");
+    }
+  }
+}
+
+TEST(BcdFromString, SettingsShapeThePatternButNotTheConversion) {
+  TFormatSettings german = TFormatSettings::Create(u"en-GB");
+  german.ThousandSeparator = u'.';
+  german.DecimalSeparator = u',';
+  TBcd r;
+  // The pattern takes "1.234" with its thousands separator and "," as the decimal part, but the
+  // conversion reads the joined text with the process default settings, where "," is the
+  // thousands separator and "." the decimal point.
+  try {
+    QUMA_BcdFromString(u"1.234,5", r, german);
+    ADD_FAILURE();
+  } catch (const EConvertError& e) {
+    EXPECT_EQ(e.Message(), u"Unable to convert \"1.234,5\" to TBcd");
+  }
+  QUMA_BcdFromString(u"Preis 12,", r, german);
+  EXPECT_EQ(S(r), "12");
+  QUMA_BcdFromString(u"value 77", r, german);
+  EXPECT_EQ(S(r), "77");
+  // A different pair on many threads at once: one compiled pattern per pair, shared safely.
+  std::vector<std::thread> threads;
+  std::atomic<int> failures{0};
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([&, t] {
+      TFormatSettings fs = TFormatSettings::Create(u"en-GB");
+      fs.ThousandSeparator = t % 2 ? u' ' : u'\'';
+      for (int i = 0; i < 200; ++i) {
+        TBcd x;
+        QUMA_BcdFromString(u"n=1234.5", x, fs);
+        if (BcdToStr(x) != u"1234.5") ++failures;
+      }
+    });
+  for (auto& th : threads) th.join();
+  EXPECT_EQ(failures.load(), 0);
+}

@@ -1,0 +1,89 @@
+// The packed decimal type: text, normalisation, arithmetic and comparison.
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include <quma/FmtBcd.h>
+#include <quma/Strings.h>
+
+using namespace quma;
+
+namespace {
+std::string S(const TBcd& b) { return Utf16ToUtf8(BcdToStr(b)); }
+TBcd B(const char16_t* s) { return StrToBcd(s); }
+}  // namespace
+
+TEST(BcdText, ReadsAndWritesPlainDecimals) {
+  const TBcd b = B(u"-123.450");
+  EXPECT_EQ(b.Precision, 6);
+  EXPECT_EQ(b.Places(), 3);
+  EXPECT_TRUE(b.IsNegative());
+  EXPECT_EQ(b.Fraction[0], 0x12);
+  EXPECT_EQ(b.Fraction[1], 0x34);
+  EXPECT_EQ(b.Fraction[2], 0x50);
+  EXPECT_EQ(S(b), "-123.45");
+  EXPECT_EQ(S(B(u" 1,234,567.5 ")), "1234567.5");
+  EXPECT_EQ(S(B(u"000.0100")), "0.01");
+  EXPECT_EQ(S(B(u"1.5e3")), "1500");
+  EXPECT_EQ(S(B(u"15E-4")), "0.0015");
+  EXPECT_EQ(S(B(u"7e")), "7");
+  EXPECT_EQ(S(B(u".5")), "0.5");
+  EXPECT_EQ(S(B(u"-0")), "0");
+  EXPECT_EQ(S(B(std::u16string(64, u'9').c_str())), std::string(64, '9'));
+  TFormatSettings comma;
+  comma.DecimalSeparator = u',';
+  comma.ThousandSeparator = u'.';
+  EXPECT_EQ(BcdToStr(StrToBcd(u"1.000,25", comma), comma), u"1000,25");
+  TBcd keep = B(u"1");
+  for (const char16_t* bad : {u"", u"-", u"abc", u"1.2.3", u"1e5x", u"--1", u"1e-", u",5"}) {
+    EXPECT_FALSE(TryStrToBcd(bad, keep)) << Utf16ToUtf8(bad);
+  }
+  EXPECT_FALSE(TryStrToBcd(std::u16string(65, u'9'), keep));
+  EXPECT_EQ(S(keep), "1");
+  try {
+    StrToBcd(u"x1");
+    FAIL();
+  } catch (const EConvertError& e) {
+    EXPECT_STREQ(e.what(), "'x1' is not a valid BCD value");
+  }
+}
+
+TEST(BcdArithmetic, AddSubtractCompare) {
+  EXPECT_EQ(S(B(u"1.25") + B(u"2.5")), "3.75");
+  EXPECT_EQ(S(B(u"1.25") - B(u"2.5")), "-1.25");
+  EXPECT_EQ(S(B(u"-1.25") + B(u"1.25")), "0");
+  EXPECT_EQ(S(B(u"99.99") + B(u"0.01")), "100");
+  EXPECT_EQ(S(B(u"-5") - B(u"-7")), "2");
+  EXPECT_TRUE(B(u"1.50") == B(u"1.5"));
+  EXPECT_TRUE(B(u"-0") == B(u"0"));
+  EXPECT_TRUE(B(u"-2") < B(u"-1.5"));
+  EXPECT_TRUE(B(u"0.001") > B(u"0"));
+  EXPECT_EQ(BcdCompare(B(u"10"), B(u"9.99")), 1);
+  std::mt19937_64 rng(9);
+  std::uniform_int_distribution<long long> v(-1000000000000LL, 1000000000000LL);
+  for (int i = 0; i < 1000; ++i) {
+    const long long x = v(rng), y = v(rng);
+    ASSERT_EQ(S(IntegerToBcd(x) + IntegerToBcd(y)), std::to_string(x + y));
+    ASSERT_EQ(S(IntegerToBcd(x) - IntegerToBcd(y)), std::to_string(x - y));
+    ASSERT_EQ(BcdCompare(IntegerToBcd(x), IntegerToBcd(y)), x < y ? -1 : x > y ? 1 : 0);
+  }
+  EXPECT_EQ(S(IntegerToBcd(INT64_MIN)), "-9223372036854775808");
+  EXPECT_THROW(B(std::u16string(64, u'9').c_str()) + B(u"1"), EConvertError);
+}
+
+TEST(BcdNormalize, PrecisionAndPlaces) {
+  TBcd out;
+  ASSERT_TRUE(NormalizeBcd(B(u"12.5"), out, 10, 4));
+  EXPECT_EQ(out.Precision, 10);
+  EXPECT_EQ(out.Places(), 4);
+  EXPECT_EQ(S(out), "12.5");
+  EXPECT_EQ(out.Digit(5), 2);
+  EXPECT_FALSE(NormalizeBcd(B(u"12.56"), out, 3, 1));  // a digit was rounded away
+  EXPECT_EQ(S(out), "12.6");
+  TBcd untouched = B(u"1");
+  EXPECT_FALSE(NormalizeBcd(B(u"123"), untouched, 2, 0));
+  EXPECT_EQ(S(untouched), "1");
+  EXPECT_FALSE(NormalizeBcd(B(u"1"), untouched, 65, 0));
+  ASSERT_TRUE(NormalizeBcd(B(u"-0.5"), out, 1, 1));
+  EXPECT_EQ(S(out), "-0.5");
+}
