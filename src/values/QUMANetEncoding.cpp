@@ -9,6 +9,11 @@
 #include <quma/Strings.h>
 #include <quma/SysUtils.h>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#define QUMA_BASE32_SSE2 1
+#endif
+
 namespace quma {
 
 std::atomic<TQUMABase32Encoding*> TQUMANetEncoding::FBase32Encoding{nullptr};
@@ -77,10 +82,65 @@ void Encode(const InT* in, std::size_t n, OutT* out) noexcept {
     out[i] = static_cast<OutT>(i < chars ? kAlphabet[(v >> (35 - 5 * i)) & 31] : '=');
 }
 
+#if QUMA_BASE32_SSE2
+// Sixteen characters (two groups; wider units saturate to invalid bytes) to their five-bit
+// values. False when any of them is outside the alphabet (padding included).
+inline bool Values16(__m128i c, __m128i& v) noexcept {
+  const __m128i l = _mm_sub_epi8(_mm_or_si128(c, _mm_set1_epi8(0x20)), _mm_set1_epi8('a'));
+  const __m128i isLetter = _mm_cmpeq_epi8(_mm_min_epu8(l, _mm_set1_epi8(25)), l);
+  const __m128i d = _mm_sub_epi8(c, _mm_set1_epi8('2'));
+  const __m128i isDigit = _mm_cmpeq_epi8(_mm_min_epu8(d, _mm_set1_epi8(5)), d);
+  if (_mm_movemask_epi8(_mm_or_si128(isLetter, isDigit)) != 0xFFFF) return false;
+  v = _mm_or_si128(_mm_and_si128(isLetter, l), _mm_and_si128(isDigit, _mm_add_epi8(d, _mm_set1_epi8(26))));
+  return true;
+}
+
+// The 80 bits of two groups as ten bytes in order, in the low bytes of the result.
+inline __m128i Pack16(__m128i v) noexcept {
+  // Pairs of values to 10 bits, then pairs of those to 20 bits per 32-bit lane.
+  const __m128i w = _mm_or_si128(_mm_slli_epi16(_mm_and_si128(v, _mm_set1_epi16(0x00FF)), 5), _mm_srli_epi16(v, 8));
+  const __m128i q = _mm_madd_epi16(w, _mm_set1_epi32((1 << 16) | 1024));
+  const auto lo = static_cast<UInt64>(_mm_cvtsi128_si64(q));
+  const auto hi = static_cast<UInt64>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(q, q)));
+  const UInt64 g0 = ((lo & 0xFFFFF) << 20) | (lo >> 32);
+  const UInt64 g1 = ((hi & 0xFFFFF) << 20) | (hi >> 32);
+  const UInt64 b0 = __builtin_bswap64(g0 << 24);  // bytes of group 0 in order, low five bytes
+  const UInt64 b1 = __builtin_bswap64(g1 << 24);
+  return _mm_set_epi64x(static_cast<long long>(b1 >> 24), static_cast<long long>(b0 | (b1 << 40)));
+}
+
+template <class InT>
+inline __m128i Load16(const InT* p) noexcept {
+  if constexpr (sizeof(InT) == 2) {
+    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 8));
+    return _mm_packus_epi16(a, b);
+  } else {
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+  }
+}
+#endif
+
 template <class InT, class OutT>
 std::size_t Decode(const InT* in, std::size_t n, OutT* out) {
   OutT* const start = out;
   std::size_t i = 0;
+#if QUMA_BASE32_SSE2
+  // Two groups at a time while the output has room for a full sixteen-byte store.
+  while (n - i >= 32) {
+    __m128i v;
+    if (!Values16(Load16(in + i), v)) break;
+    const __m128i bytes = Pack16(v);
+    if constexpr (sizeof(OutT) == 2) {
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm_unpacklo_epi8(bytes, _mm_setzero_si128()));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 8), _mm_unpackhi_epi8(bytes, _mm_setzero_si128()));
+    } else {
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(out), bytes);
+    }
+    out += 10;
+    i += 16;
+  }
+#endif
   auto valueOf = [](InT c) noexcept -> Byte {
     const auto u = static_cast<std::make_unsigned_t<InT>>(c);
     if constexpr (sizeof(InT) > 1) {

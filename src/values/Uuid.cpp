@@ -9,6 +9,7 @@
 
 #include <array>
 #include <cstring>
+#include <string>
 
 #include <quma/NetEncoding.h>
 #include <quma/Random.h>
@@ -119,17 +120,18 @@ struct TText {
   }
 };
 
+// A view: its length up to the first zero unit.
 template <class CharT>
-TText<CharT> Measure(const CharT* p, std::size_t maxLen) noexcept {
-  std::size_t n = 0;
-  if (p)
-    while (n < maxLen && p[n] != 0) ++n;
-  return {p, n};
+TText<CharT> Measure(const CharT* p, std::size_t size) noexcept {
+  if (!p || size == 0) return {p, 0};
+  const CharT* z = std::char_traits<CharT>::find(p, size, CharT{});
+  return {p, z ? static_cast<std::size_t>(z - p) : size};
 }
 
+// A zero-terminated text.
 template <class CharT>
 TText<CharT> MeasureZ(const CharT* p) noexcept {
-  return Measure(p, static_cast<std::size_t>(-1));
+  return {p, p ? std::char_traits<CharT>::length(p) : 0};
 }
 
 // Standard, MS and hex: pairs of digits from `pos`, a "-" skipped wherever it stands.
@@ -147,10 +149,28 @@ bool ReadGroups(const TText<CharT>& t, std::size_t pos, Byte (&out)[16]) noexcep
   return true;
 }
 
+// The usual layout (digits everywhere but 8, 13, 18 and 23) without a branch per position; any
+// other text goes through ReadGroups, which gives the same bytes for this layout.
+template <class CharT>
+bool ReadCanonical(const TText<CharT>& t, std::size_t base, Byte (&out)[16]) noexcept {
+  static constexpr Byte kPos[16] = {0, 2, 4, 6, 9, 11, 14, 16, 19, 21, 24, 26, 28, 30, 32, 34};
+  if (t.Len < base + 36) return false;
+  const CharT* p = t.P + base;
+  if (p[8] != CharT('-') || p[13] != CharT('-') || p[18] != CharT('-') || p[23] != CharT('-')) return false;
+  Byte bad = 0;
+  for (int i = 0; i < 16; ++i) {
+    const Byte hi = kHexValues[static_cast<Byte>(p[kPos[i]])];
+    const Byte lo = kHexValues[static_cast<Byte>(p[kPos[i] + 1])];
+    bad |= hi | lo;
+    out[i] = static_cast<Byte>((hi << 4) | lo);
+  }
+  return (bad & 0xF0) == 0;
+}
+
 template <class CharT>
 TReadError ReadStandard(const TText<CharT>& t, Byte* value) noexcept {
   Byte b[16];
-  if (!ReadGroups(t, 0, b)) return TReadError::Standard;
+  if (!ReadCanonical(t, 0, b) && !ReadGroups(t, 0, b)) return TReadError::Standard;
   std::memcpy(value, b, 16);
   return TReadError::None;
 }
@@ -158,7 +178,7 @@ TReadError ReadStandard(const TText<CharT>& t, Byte* value) noexcept {
 template <class CharT>
 TReadError ReadMS(const TText<CharT>& t, Byte* value) noexcept {
   Byte b[16];
-  if (!ReadGroups(t, 1, b)) return TReadError::MS;  // the closing brace is never looked at
+  if (!ReadCanonical(t, 1, b) && !ReadGroups(t, 1, b)) return TReadError::MS;  // the closing brace is never looked at
   std::memcpy(value, b, 16);
   return TReadError::None;
 }

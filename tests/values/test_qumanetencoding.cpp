@@ -56,6 +56,28 @@ TEST(Base32, DecodingStopsAtPaddingAndReportsStrangers) {
             u"Invalid Base32 Input character: \u00e9 at offset 2 of buffer");
 }
 
+TEST(Base32, LongTextsReportTheFirstStrangerWherever) {
+  const UnicodeString text = B32()->Encode(UnicodeString(100, u'x'));  // 160 characters
+  for (std::size_t pos : {0u, 7u, 15u, 16u, 31u, 33u, 100u, 150u, 159u}) {
+    for (char16_t bad : {u'1', u'8', u'@', u'\u0141', u'\uFF21'}) {
+      UnicodeString broken = text;
+      broken[pos] = bad;
+      EXPECT_EQ(ConvertErrorOf([&] { B32()->Decode(broken); }),
+                Format(u"Invalid Base32 Input character: %s at offset %d of buffer", UnicodeString(1, bad), pos));
+      const std::string utf8 = Utf16ToUtf8(broken);
+      if (bad < 0x80) {
+        EXPECT_THROW(B32()->Decode(utf8), EConvertError);
+      }
+    }
+    UnicodeString stopped = text;
+    stopped[pos] = u'=';
+    stopped[pos == 159 ? 0 : 159] = u'!';  // after the stop (or caught first when the stop is last)
+    if (pos != 159) {
+      EXPECT_EQ(B32()->Decode(stopped), B32()->Decode(text.substr(0, pos)));
+    }
+  }
+}
+
 TEST(Base32, RandomBytesRoundTripInEveryForm) {
   std::mt19937 rng(21);
   for (int i = 0; i < 300; ++i) {
