@@ -415,6 +415,9 @@ class TQUMAReferencedList : public TQUMASubscribedList<T*> {
   // removal drops its reference.
   void BeforeDestruction() override {
     Clear();
+    // Items whose removal was under way when a handler freed the list.
+    for (auto& pending : FPending)
+      if (!std::exchange(pending.Dropped, true)) DropReference(pending.Item, _GetReferencingObject(), _RefAction);
     inherited::BeforeDestruction();
   }
 
@@ -422,12 +425,10 @@ class TQUMAReferencedList : public TQUMASubscribedList<T*> {
   TObject* ReferencingObject() const { return _GetReferencingObject(); }
   void SetReferencingObject(TObject* Value) { _SetReferencingObject(Value); }
   TQUMAReferenceAction ReferenceAction() const noexcept { return _RefAction; }
-  // On a non-empty list the references move: the new kind is taken before the old is dropped.
-  void SetReferenceAction(TQUMAReferenceAction Value) {
-    if (Value == _RefAction) return;
-    const TQUMAReferenceAction old = _RefAction;
-    _RefAction = Value;
-    MoveReferences(_GetReferencingObject(), old);
+  // Chosen while the list is empty (the items' references keep the kind they were taken with;
+  // a change on a non-empty list is ignored).
+  void SetReferenceAction(TQUMAReferenceAction Value) noexcept {
+    if (this->Count() == 0) _RefAction = Value;
   }
 
   // Deletes the items one by one from the last to the first.
@@ -476,7 +477,7 @@ class TQUMAReferencedList : public TQUMASubscribedList<T*> {
     if (!Value || Value == current) return;
     TObject* old = _GetReferencingObject();
     _pRefObject = Value;
-    MoveReferences(old, _RefAction);
+    MoveReferences(old);
   }
   virtual void SubscribeToChangeNotification(const TCollectionNotifyEvent& fnCallback) {
     if (auto* n = this->_GetNotifications()) n->Subscribe(fnCallback);
@@ -498,18 +499,30 @@ class TQUMAReferencedList : public TQUMASubscribedList<T*> {
   }
   void _AfterRemoveNotify(T* const& Item) override {
     inherited::_AfterRemoveNotify(Item);
+    if (!FPending.empty()) FPending.back().Dropped = true;
     DropReference(Item, _GetReferencingObject(), _RefAction);
   }
-  // Keeps the index in step with every change before anybody hears of it.
+  // Keeps the index in step with every change before anybody hears of it, and makes sure that a
+  // removed item loses its reference even when the after-hook does not run (a handler freed the
+  // list, which then drops it in BeforeDestruction).
   void Notify(T* const& Item, TCollectionNotification Action) override {
-    const auto* key = static_cast<const TQUMAReferencedPersistent*>(Item);
+    T* const item = Item;
+    const auto* key = static_cast<const TQUMAReferencedPersistent*>(item);
     if (Action == cnAdded) {
       ++FIndex[key];
     } else if (Action == cnRemoved || Action == cnExtracted) {
       auto it = FIndex.find(key);
       if (it != FIndex.end() && --it->second <= 0) FIndex.erase(it);
+      detail::TLifeFlag alive(FAlive);
+      FPending.push_back({item, false});
+      inherited::Notify(item, Action);
+      if (!alive.Alive) return;
+      const TPendingRemoval pending = FPending.back();
+      FPending.pop_back();
+      if (!pending.Dropped) DropReference(pending.Item, _GetReferencingObject(), _RefAction);
+      return;
     }
-    inherited::Notify(Item, Action);
+    inherited::Notify(item, Action);
   }
 
   TQUMAReferencedNotification Callback() noexcept { return Bind<&TQUMAReferencedList::_NotificationRef>(this); }
@@ -567,18 +580,23 @@ class TQUMAReferencedList : public TQUMASubscribedList<T*> {
       if (static_cast<const TQUMAReferencedPersistent*>(items[lo]) == Item) return lo;
     return -1;
   }
-  // Every item takes the reference for the current holder and action before it loses the one
-  // for OldHolder/OldAction, so that no item passes through an unreferenced moment.
-  void MoveReferences(TObject* OldHolder, TQUMAReferenceAction OldAction) {
+  // Every item takes the reference for the current holder before it loses the one for
+  // OldHolder, so that no item passes through an unreferenced moment.
+  void MoveReferences(TObject* OldHolder) {
     const std::vector<T*> items = this->ToVector();
     TObject* holder = _GetReferencingObject();
     for (T* item : items) {
       TakeReference(item, holder, _RefAction);
-      DropReference(item, OldHolder, OldAction);
+      DropReference(item, OldHolder, _RefAction);
     }
   }
 
+  struct TPendingRemoval {
+    T* Item;
+    bool Dropped;
+  };
   std::unordered_map<const TQUMAReferencedPersistent*, Integer> FIndex;
+  std::vector<TPendingRemoval> FPending;  // removals being notified, innermost last
   detail::TLifeFlag* FAlive = nullptr;
 };
 
@@ -666,7 +684,7 @@ class TQUMAOpportunisticReferencingStringList : public TStringList {
   bool OwnsNonReferencedObjects() const { return _GetOwnsNonReferencedObjects(); }
   void SetOwnsNonReferencedObjects(bool Value) { _SetOwnsNonReferencedObjects(Value); }
   TQUMAReferenceAction ReferenceAction() const noexcept { return _RefAction; }
-  // Only while the list is empty (the references of existing entries keep their kind).
+  // Chosen while the list is empty (a change on a non-empty list is ignored).
   void SetReferenceAction(TQUMAReferenceAction Value) noexcept {
     if (Count() == 0) _RefAction = Value;
   }
