@@ -177,7 +177,7 @@ Cardinal CRC32(const TBytes& baData, Cardinal nCRC) noexcept {
   return FeedValue(reference, nCRC);
 }
 
-Cardinal CRC32(bool value, Cardinal nCRC) noexcept { return FeedValue(static_cast<Byte>(value ? 1 : 0), nCRC); }
+Cardinal CRC32Bool(bool value, Cardinal nCRC) noexcept { return FeedValue(static_cast<Byte>(value ? 1 : 0), nCRC); }
 Cardinal CRC32(char value, Cardinal nCRC) noexcept { return FeedValue(value, nCRC); }
 Cardinal CRC32(char16_t value, Cardinal nCRC) noexcept { return FeedValue(value, nCRC); }
 Cardinal CRC32(std::int8_t value, Cardinal nCRC) noexcept { return FeedValue(value, nCRC); }

@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <concepts>
 #include <span>
 
 #include <quma/System.h>
@@ -46,7 +47,13 @@ inline Cardinal CRC32(std::span<const Byte> data, Cardinal nCRC = QUMACRC32Start
 Cardinal CRC32(const TBytes& baData, Cardinal nCRC = QUMACRC32Start) noexcept;
 
 // Single values: their bytes in memory order (little-endian numbers, IEEE 754 floats).
-Cardinal CRC32(bool value, Cardinal nCRC = QUMACRC32Start) noexcept;
+// The bool overload takes exactly bool, so that a pointer (CRC32(text)) does not compile into
+// a checksum of one byte: pass text as CRC32(s.data(), s.size()).
+Cardinal CRC32Bool(bool value, Cardinal nCRC) noexcept;
+template <std::same_as<bool> B>
+inline Cardinal CRC32(B value, Cardinal nCRC = QUMACRC32Start) noexcept {
+  return CRC32Bool(value, nCRC);
+}
 Cardinal CRC32(char value, Cardinal nCRC = QUMACRC32Start) noexcept;
 Cardinal CRC32(char16_t value, Cardinal nCRC = QUMACRC32Start) noexcept;
 Cardinal CRC32(std::int8_t value, Cardinal nCRC = QUMACRC32Start) noexcept;

@@ -317,10 +317,15 @@ bool IsAscii(std::string_view s) noexcept {
 }
 
 // UTF-8 text: ASCII is read as it is (its units are the same); anything else goes through UTF-16.
-TReadError ReadUtf8(std::string_view s, Byte* value, bool all) {
-  if (IsAscii(s)) return ReadAny(Measure(s.data(), s.size()), value, all);
+template <class Fn>
+TReadError WithUtf8(std::string_view s, Fn read) {
+  if (IsAscii(s)) return read(Measure(s.data(), s.size()));
   const UnicodeString w = Utf8ToUtf16(s);
-  return ReadAny(Measure(w.data(), w.size()), value, all);
+  return read(Measure(w.data(), w.size()));
+}
+
+TReadError ReadUtf8(std::string_view s, Byte* value, bool all) {
+  return WithUtf8(s, [&](const auto& t) { return ReadAny(t, value, all); });
 }
 
 // ---- lookup2 ----
@@ -529,17 +534,22 @@ bool TQUMA_Uuid::_ReadTextFormattedUuid(UnicodeStringView szUuid) {
 }
 bool TQUMA_Uuid::_ReadTextFormattedUuid(std::string_view szUuid) { return Check(ReadUtf8(szUuid, _baUuid, false)); }
 
-bool TQUMA_Uuid::_ReadStandardFormattedUuid(const char16_t* pszUuid) { return Check(ReadStandard(MeasureZ(pszUuid), _baUuid)); }
-bool TQUMA_Uuid::_ReadMSFormattedUuid(const char16_t* pszUuid) { return Check(ReadMS(MeasureZ(pszUuid), _baUuid)); }
-bool TQUMA_Uuid::_ReadBase16FormattedUuid(const char16_t* pszUuid) { return Check(ReadHex(MeasureZ(pszUuid), _baUuid)); }
-bool TQUMA_Uuid::_ReadBase64FormattedUuid(const char16_t* pszUuid) { return Check(ReadBase64(MeasureZ(pszUuid), _baUuid)); }
-bool TQUMA_Uuid::_ReadJHashpathFormattedUuid(const char16_t* pszUuid) {
-  return Check(ReadJHashPath(MeasureZ(pszUuid), _baUuid));
-}
-bool TQUMA_Uuid::_ReadBinaryFormattedUuid(const char16_t* pszUuid) { return Check(ReadBinary(MeasureZ(pszUuid), _baUuid)); }
-bool TQUMA_Uuid::_ReadWideCharFormattedUuid(const char16_t* pszUuid) {
-  return Check(ReadWideChar(MeasureZ(pszUuid), _baUuid));
-}
+#define QUMA_UUID_SINGLE_READER(Name, Reader)                                                \
+  bool TQUMA_Uuid::Name(const char16_t* pszUuid) { return Check(Reader(MeasureZ(pszUuid), _baUuid)); } \
+  bool TQUMA_Uuid::Name(UnicodeStringView szUuid) {                                          \
+    return Check(Reader(Measure(szUuid.data(), szUuid.size()), _baUuid));                    \
+  }                                                                                          \
+  bool TQUMA_Uuid::Name(std::string_view szUuid) {                                           \
+    return Check(WithUtf8(szUuid, [&](const auto& t) { return Reader(t, _baUuid); }));       \
+  }
+QUMA_UUID_SINGLE_READER(_ReadStandardFormattedUuid, ReadStandard)
+QUMA_UUID_SINGLE_READER(_ReadMSFormattedUuid, ReadMS)
+QUMA_UUID_SINGLE_READER(_ReadBase16FormattedUuid, ReadHex)
+QUMA_UUID_SINGLE_READER(_ReadBase64FormattedUuid, ReadBase64)
+QUMA_UUID_SINGLE_READER(_ReadJHashpathFormattedUuid, ReadJHashPath)
+QUMA_UUID_SINGLE_READER(_ReadBinaryFormattedUuid, ReadBinary)
+QUMA_UUID_SINGLE_READER(_ReadWideCharFormattedUuid, ReadWideChar)
+#undef QUMA_UUID_SINGLE_READER
 
 // ---- properties ----
 

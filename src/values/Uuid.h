@@ -106,13 +106,19 @@ struct TQUMA_Uuid {
   bool _ReadTextFormattedUuid(const char16_t* pszUuid);
   bool _ReadTextFormattedUuid(UnicodeStringView szUuid);
   bool _ReadTextFormattedUuid(std::string_view szUuid);
-  bool _ReadStandardFormattedUuid(const char16_t* pszUuid);
-  bool _ReadMSFormattedUuid(const char16_t* pszUuid);
-  bool _ReadBase16FormattedUuid(const char16_t* pszUuid);
-  bool _ReadBase64FormattedUuid(const char16_t* pszUuid);
-  bool _ReadJHashpathFormattedUuid(const char16_t* pszUuid);
-  bool _ReadBinaryFormattedUuid(const char16_t* pszUuid);
-  bool _ReadWideCharFormattedUuid(const char16_t* pszUuid);
+  // Single forms; each also takes a UTF-16 view and UTF-8 text.
+#define QUMA_UUID_SINGLE_READER(Name)           \
+  bool Name(const char16_t* pszUuid);           \
+  bool Name(UnicodeStringView szUuid);          \
+  bool Name(std::string_view szUuid);
+  QUMA_UUID_SINGLE_READER(_ReadStandardFormattedUuid)
+  QUMA_UUID_SINGLE_READER(_ReadMSFormattedUuid)
+  QUMA_UUID_SINGLE_READER(_ReadBase16FormattedUuid)
+  QUMA_UUID_SINGLE_READER(_ReadBase64FormattedUuid)
+  QUMA_UUID_SINGLE_READER(_ReadJHashpathFormattedUuid)
+  QUMA_UUID_SINGLE_READER(_ReadBinaryFormattedUuid)
+  QUMA_UUID_SINGLE_READER(_ReadWideCharFormattedUuid)
+#undef QUMA_UUID_SINGLE_READER
 
   // ---- properties ----
   TBytes _GetAsBytes() const;

@@ -55,6 +55,12 @@ TEST(CRC32, TableIsTheStandardOne) {
   for (int i = 0; i < 256; ++i) ASSERT_EQ(t[i], zt[i]);
 }
 
+// A pointer must not pass for a bool.
+template <class T>
+concept OneArgumentCRC = requires(T v) { CRC32(v); };
+static_assert(!OneArgumentCRC<const char*>);
+static_assert(OneArgumentCRC<bool> && OneArgumentCRC<std::int64_t>);
+
 template <class T>
 Cardinal ViaCore(T v, Cardinal start) {
   unsigned char b[sizeof(T)];

@@ -185,6 +185,12 @@ TEST(UuidText, SingleFormReadersOnShortTextFailInsteadOfOverrunning) {
   EXPECT_EQ(u.Format(u"hex"), u"15000000000000000000000000000000");
   EXPECT_TRUE(u._ReadStandardFormattedUuid(u"--00112233445566778899aabbccddeeff"));  // dashes anywhere
   EXPECT_EQ(u.Format(u"hex"), u"00112233445566778899aabbccddeeff");
+  // The view and UTF-8 spellings read the same way.
+  TQUMA_Uuid v;
+  EXPECT_TRUE(v._ReadBase16FormattedUuid(std::string_view("ffeeddccbbaa99887766554433221100")));
+  EXPECT_TRUE(u._ReadBase16FormattedUuid(UnicodeStringView(u"ffeeddccbbaa99887766554433221100")));
+  EXPECT_EQ(u, v);
+  EXPECT_EQ(ConvertErrorOf([&] { v._ReadMSFormattedUuid(std::string_view("{\xc3\xa9")); }), u"Invalid format for MS Styler Uuid");
 }
 
 }  // namespace
