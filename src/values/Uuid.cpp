@@ -311,9 +311,9 @@ TReadError ReadAny(const TText<CharT>& t, Byte* value, bool all) noexcept {
 }
 
 bool IsAscii(std::string_view s) noexcept {
-  for (char c : s)
-    if (static_cast<unsigned char>(c) >= 0x80) return false;
-  return true;
+  unsigned char any = 0;
+  for (char c : s) any |= static_cast<unsigned char>(c);  // no early exit: the texts are short
+  return any < 0x80;
 }
 
 // UTF-8 text: ASCII is read as it is (its units are the same); anything else goes through UTF-16.
@@ -325,7 +325,11 @@ TReadError WithUtf8(std::string_view s, Fn read) {
 }
 
 TReadError ReadUtf8(std::string_view s, Byte* value, bool all) {
-  return WithUtf8(s, [&](const auto& t) { return ReadAny(t, value, all); });
+  // Every form has at most 38 units, and no UTF-8 character takes more than three bytes per
+  // unit: longer text is refused without converting it.
+  const TText<char> t = Measure(s.data(), s.size());
+  if (t.Len > 38 * 3) return TReadError::Unrecognised;
+  return WithUtf8(std::string_view(t.P, t.Len), [&](const auto& text) { return ReadAny(text, value, all); });
 }
 
 // ---- lookup2 ----

@@ -167,6 +167,8 @@ TEST(UuidText, EveryErrorText) {
   EXPECT_EQ(keep, u);
   EXPECT_EQ(TQUMA_Uuid::TryParse(u"00112233-4455-6677-8899-aabbccddeefg"), std::nullopt);
   EXPECT_EQ(TQUMA_Uuid::TryParse("not a uuid"), std::nullopt);
+  EXPECT_EQ(TQUMA_Uuid::TryParse(std::string(1 << 20, '\xe9')), std::nullopt);
+  EXPECT_EQ(TQUMA_Uuid::TryParse(std::string("00112233-4455-6677-8899-aabbccddeeff\0", 37) + std::string(500, 'x')), u);
   EXPECT_EQ(TQUMA_Uuid::TryParse("00112233-4455-6677-8899-aabbccddeeff"), u);
 }
 
