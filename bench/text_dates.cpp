@@ -141,7 +141,9 @@ BENCHMARK(BM_Parse_Poco_DateTimeParser);
 
 std::string Text1KiB(bool multibyte) {
   // ASCII prose, or prose mixed with 2-, 3- and 4-byte characters.
-  const std::string piece = multibyte ? "Gr\xC3\xBC\xC3\x9F" "e \xE2\x82\xAC 12 \xF0\x9F\x98\x80 caf\xC3\xA9, " : "The quick brown fox jumps. ";
+  const std::string piece = multibyte ? "Gr\xC3\xBC\xC3\x9F"
+                                        "e \xE2\x82\xAC 12 \xF0\x9F\x98\x80 caf\xC3\xA9, "
+                                      : "The quick brown fox jumps. ";
   std::string s;
   while (s.size() + piece.size() <= 1024) s += piece;
   s.append(1024 - s.size(), 'x');

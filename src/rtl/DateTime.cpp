@@ -16,9 +16,7 @@ Int64 FloorDiv(Int64 a, Int64 b) noexcept {
   return q;
 }
 
-[[noreturn]] void InvalidValue(TDateTime value) {
-  throw EConvertError(Format(SInvalidDateTime, FloatToStr(value)));
-}
+[[noreturn]] void InvalidValue(TDateTime value) { throw EConvertError(Format(SInvalidDateTime, FloatToStr(value))); }
 
 TDateTimeStamp CheckedStamp(TDateTime value) {
   TDateTimeStamp st;
@@ -117,28 +115,38 @@ void FormatInto(UnicodeString& out, UnicodeStringView pattern, const DecodedPart
       case u'D': {
         const std::size_t n = count(u'D');
         i += n;
-        if (n <= 2) AppendNumber(out, p.Day, static_cast<int>(n));
-        else if (n == 3) out.append(fs.ShortDayNames[static_cast<std::size_t>(p.DayOfWeek - 1)]);
-        else if (n == 4) out.append(fs.LongDayNames[static_cast<std::size_t>(p.DayOfWeek - 1)]);
-        else if (n == 5) nested(fs.ShortDateFormat);
-        else nested(fs.LongDateFormat);
+        if (n <= 2)
+          AppendNumber(out, p.Day, static_cast<int>(n));
+        else if (n == 3)
+          out.append(fs.ShortDayNames[static_cast<std::size_t>(p.DayOfWeek - 1)]);
+        else if (n == 4)
+          out.append(fs.LongDayNames[static_cast<std::size_t>(p.DayOfWeek - 1)]);
+        else if (n == 5)
+          nested(fs.ShortDateFormat);
+        else
+          nested(fs.LongDateFormat);
         afterHour = false;
         continue;
       }
       case u'M': {
         const std::size_t n = count(u'M');
         i += n;
-        if (n <= 2) AppendNumber(out, afterHour ? p.Min : p.Month, static_cast<int>(n));
-        else if (n == 3) out.append(fs.ShortMonthNames[static_cast<std::size_t>(p.Month - 1)]);
-        else out.append(fs.LongMonthNames[static_cast<std::size_t>(p.Month - 1)]);
+        if (n <= 2)
+          AppendNumber(out, afterHour ? p.Min : p.Month, static_cast<int>(n));
+        else if (n == 3)
+          out.append(fs.ShortMonthNames[static_cast<std::size_t>(p.Month - 1)]);
+        else
+          out.append(fs.LongMonthNames[static_cast<std::size_t>(p.Month - 1)]);
         afterHour = false;
         continue;
       }
       case u'Y': {
         const std::size_t n = count(u'Y');
         i += n;
-        if (n <= 2) AppendNumber(out, p.Year % 100, 2);
-        else AppendNumber(out, p.Year, 4);
+        if (n <= 2)
+          AppendNumber(out, p.Year % 100, 2);
+        else
+          AppendNumber(out, p.Year, 4);
         afterHour = false;
         continue;
       }
@@ -318,7 +326,8 @@ TDateTime EncodeTime(Word Hour, Word Min, Word Sec, Word MSec) {
 TDateTime EncodeDateTime(Word Year, Word Month, Word Day, Word Hour, Word Min, Word Sec, Word MSec) {
   TDateTime v;
   if (!TryEncodeDateTime(Year, Month, Day, Hour, Min, Sec, MSec, v))
-    throw EConvertError(Format(SInvalidDateTime, Format(u"%d/%d/%d %d:%d:%d.%d", Year, Month, Day, Hour, Min, Sec, MSec)));
+    throw EConvertError(
+        Format(SInvalidDateTime, Format(u"%d/%d/%d %d:%d:%d.%d", Year, Month, Day, Hour, Min, Sec, MSec)));
   return v;
 }
 
@@ -337,8 +346,7 @@ void DecodeTime(TDateTime Value, Word& Hour, Word& Min, Word& Sec, Word& MSec) {
   MSec = static_cast<Word>(p.MSec);
 }
 
-void DecodeDateTime(TDateTime Value, Word& Year, Word& Month, Word& Day, Word& Hour, Word& Min, Word& Sec,
-                    Word& MSec) {
+void DecodeDateTime(TDateTime Value, Word& Year, Word& Month, Word& Day, Word& Hour, Word& Min, Word& Sec, Word& MSec) {
   const DecodedParts p = Decode(Value);
   Year = static_cast<Word>(p.Year);
   Month = static_cast<Word>(p.Month);

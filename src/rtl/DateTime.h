@@ -51,8 +51,8 @@ bool TryEncodeDate(Word Year, Word Month, Word Day, TDateTime& Date) noexcept;
 bool TryEncodeTime(Word Hour, Word Min, Word Sec, Word MSec, TDateTime& Time) noexcept;
 bool TryEncodeDateTime(Word Year, Word Month, Word Day, Word Hour, Word Min, Word Sec, Word MSec,
                        TDateTime& Value) noexcept;
-TDateTime EncodeDate(Word Year, Word Month, Word Day);                // EConvertError SDateEncodeError
-TDateTime EncodeTime(Word Hour, Word Min, Word Sec, Word MSec);       // EConvertError STimeEncodeError
+TDateTime EncodeDate(Word Year, Word Month, Word Day);           // EConvertError SDateEncodeError
+TDateTime EncodeTime(Word Hour, Word Min, Word Sec, Word MSec);  // EConvertError STimeEncodeError
 // EConvertError "'<y/m/d h:n:s.z>' is not a valid date and time" for an impossible combination.
 TDateTime EncodeDateTime(Word Year, Word Month, Word Day, Word Hour, Word Min, Word Sec, Word MSec);
 
@@ -64,8 +64,7 @@ void CivilFromDays(Int64 Days, Integer& Year, Integer& Month, Integer& Day) noex
 // valid date-times (NaN, infinities, before year 1 or after year 9999).
 void DecodeDate(TDateTime Value, Word& Year, Word& Month, Word& Day);
 void DecodeTime(TDateTime Value, Word& Hour, Word& Min, Word& Sec, Word& MSec);
-void DecodeDateTime(TDateTime Value, Word& Year, Word& Month, Word& Day, Word& Hour, Word& Min, Word& Sec,
-                    Word& MSec);
+void DecodeDateTime(TDateTime Value, Word& Year, Word& Month, Word& Day, Word& Hour, Word& Min, Word& Sec, Word& MSec);
 // 1 = Sunday .. 7 = Saturday.
 Word DayOfWeek(TDateTime Value);
 Word DayOfWeekOfDays(Int64 Days) noexcept;

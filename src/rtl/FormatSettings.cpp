@@ -4,10 +4,10 @@
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
-#include <string>
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <string>
 
 namespace quma {
 

@@ -139,14 +139,14 @@ TDateTime ParseHTTP(std::basic_string_view<C> text) {
   std::basic_string_view<C> dayName, monthName;
   int day, year, hour, minute, second;
   if (!(sc.Words(3, dayName) && sc.Lits(", ") && sc.Digits(2, day) && sc.Lit(' ') && sc.Words(3, monthName) &&
-        sc.Lit(' ') && sc.Digits(4, year) && sc.Lit(' ') && sc.Digits(2, hour) && sc.Lit(':') &&
-        sc.Digits(2, minute) && sc.Lit(':') && sc.Digits(2, second) && sc.Lits(" GMT") && sc.AtEnd()))
+        sc.Lit(' ') && sc.Digits(4, year) && sc.Lit(' ') && sc.Digits(2, hour) && sc.Lit(':') && sc.Digits(2, minute) &&
+        sc.Lit(':') && sc.Digits(2, second) && sc.Lits(" GMT") && sc.AtEnd()))
     RaiseUnableToConvert(text);
   const int month = MonthIndex(monthName, true);
   if (month == 0) RaiseUnableToConvert(text);
-  const TDateTime result = EncodeDateTime(static_cast<Word>(year), static_cast<Word>(month), static_cast<Word>(day),
-                                          static_cast<Word>(hour), static_cast<Word>(minute),
-                                          static_cast<Word>(second), 0);
+  const TDateTime result =
+      EncodeDateTime(static_cast<Word>(year), static_cast<Word>(month), static_cast<Word>(day), static_cast<Word>(hour),
+                     static_cast<Word>(minute), static_cast<Word>(second), 0);
   const int dayIndex = DayIndex(dayName);
   if (dayIndex == 0 || dayIndex != DayOfWeek(result)) RaiseDifferentDay(text);
   return result;
@@ -217,11 +217,11 @@ struct NamedZone {
 };
 // Tested in this order; the first equal entry wins.
 constexpr NamedZone kNamedZones[] = {
-    {"Y", 12},  {"X", 11},   {"W", 10},   {"V", 9},    {"U", 8},   {"T", 7},   {"S", 6},   {"R", 5},
-    {"Q", 4},   {"P", 3},    {"O", 2},    {"N", 1},    {"GMT", 0}, {"UTC", 0}, {"UT", 0},  {"Z", 0},
-    {"A", -1},  {"B", -2},   {"C", -3},   {"D", -4},   {"EDT", -4}, {"E", -5}, {"EST", -5}, {"CDT", -5},
-    {"F", -6},  {"CST", -6}, {"MDT", -6}, {"G", -7},   {"MST", -7}, {"PDT", -7}, {"H", -8}, {"PST", -8},
-    {"PDT", -8}, {"I", -9},  {"K", -10},  {"L", -11},  {"M", -12}};
+    {"Y", 12},   {"X", 11},   {"W", 10},   {"V", 9},   {"U", 8},    {"T", 7},    {"S", 6},    {"R", 5},
+    {"Q", 4},    {"P", 3},    {"O", 2},    {"N", 1},   {"GMT", 0},  {"UTC", 0},  {"UT", 0},   {"Z", 0},
+    {"A", -1},   {"B", -2},   {"C", -3},   {"D", -4},  {"EDT", -4}, {"E", -5},   {"EST", -5}, {"CDT", -5},
+    {"F", -6},   {"CST", -6}, {"MDT", -6}, {"G", -7},  {"MST", -7}, {"PDT", -7}, {"H", -8},   {"PST", -8},
+    {"PDT", -8}, {"I", -9},   {"K", -10},  {"L", -11}, {"M", -12}};
 
 template <class C>
 bool NamedZoneHours(std::basic_string_view<C> zone, int& hours) noexcept {
@@ -279,13 +279,12 @@ TDateTime ParseXML(std::basic_string_view<C> text) {
   int year, month, day, hour, minute, second;
   {
     Scanner<C> sc(text);
-    if (sc.Digits(4, year) && sc.Lit('-') && sc.Digits(2, month) && sc.Lit('-') && sc.Digits(2, day) &&
-        sc.Lit('T') && sc.Digits(2, hour) && sc.Lit(':') && sc.Digits(2, minute) && sc.Lit(':') &&
-        sc.Digits(2, second) && sc.Lit('Z') && sc.AtEnd()) {
+    if (sc.Digits(4, year) && sc.Lit('-') && sc.Digits(2, month) && sc.Lit('-') && sc.Digits(2, day) && sc.Lit('T') &&
+        sc.Digits(2, hour) && sc.Lit(':') && sc.Digits(2, minute) && sc.Lit(':') && sc.Digits(2, second) &&
+        sc.Lit('Z') && sc.AtEnd()) {
       TDateTime result;
       if (!TryEncodeDateTime(static_cast<Word>(year), static_cast<Word>(month), static_cast<Word>(day),
-                             static_cast<Word>(hour), static_cast<Word>(minute), static_cast<Word>(second), 0,
-                             result))
+                             static_cast<Word>(hour), static_cast<Word>(minute), static_cast<Word>(second), 0, result))
         RaiseUnableToConvert(text);
       return result;
     }

@@ -18,7 +18,8 @@ const TFormatSettings gUSFormatSettings = TFormatSettings::Create(u"en_US");
 
 class Utf8Reader {
  public:
-  explicit Utf8Reader(std::string_view s) noexcept : FData(reinterpret_cast<const unsigned char*>(s.data())), FSize(s.size()) {}
+  explicit Utf8Reader(std::string_view s) noexcept
+      : FData(reinterpret_cast<const unsigned char*>(s.data())), FSize(s.size()) {}
   bool AtEnd() const noexcept { return FPos >= FSize; }
   std::size_t Remaining() const noexcept { return FSize - FPos; }
   const unsigned char* Here() const noexcept { return FData + FPos; }
@@ -113,9 +114,7 @@ Integer Pos(UnicodeStringView sub, UnicodeStringView text, Integer offset) noexc
 
 template <class Add>
 bool SplitRepeated(UnicodeStringView text, UnicodeStringView separator, bool caseSensitive, Add&& add) {
-  auto find = [&](Integer from) {
-    return caseSensitive ? Pos(separator, text, from) : TextPos(separator, text, from);
-  };
+  auto find = [&](Integer from) { return caseSensitive ? Pos(separator, text, from) : TextPos(separator, text, from); };
   Integer p = find(1);
   if (p == 0) return false;
   add(true, text.substr(0, static_cast<std::size_t>(p - 1)));
@@ -180,8 +179,8 @@ bool FindRepeatedEmbeddedString(UnicodeStringView Text, UnicodeStringView Separa
   });
 }
 
-bool FindRepeatedEmbeddedString(UnicodeStringView Text, UnicodeStringView Separator,
-                                std::vector<UnicodeString>& List, bool CaseSensitive) {
+bool FindRepeatedEmbeddedString(UnicodeStringView Text, UnicodeStringView Separator, std::vector<UnicodeString>& List,
+                                bool CaseSensitive) {
   return SplitRepeated(Text, Separator, CaseSensitive, [&](bool first, UnicodeStringView part) {
     if (first) List.clear();
     List.emplace_back(part);
@@ -205,7 +204,9 @@ Integer TextPos(UnicodeStringView SubStr, UnicodeStringView Text, Integer Offset
 UnicodeString FirstToken(UnicodeStringView Text, const std::vector<WideChar>& Delimiters) {
   return FirstTokenOf(Text, Delimiters);
 }
-UnicodeString FirstToken(UnicodeStringView Text, UnicodeStringView Delimiters) { return FirstTokenOf(Text, Delimiters); }
+UnicodeString FirstToken(UnicodeStringView Text, UnicodeStringView Delimiters) {
+  return FirstTokenOf(Text, Delimiters);
+}
 UnicodeString LastToken(UnicodeStringView Text, const std::vector<WideChar>& Delimiters) {
   return LastTokenOf(Text, Delimiters);
 }

@@ -48,8 +48,8 @@ double SoundexConfidenceCompare(UnicodeStringView A, UnicodeStringView B);
 // case (TextPos).
 bool FindRepeatedEmbeddedString(UnicodeStringView Text, UnicodeStringView Separator, TStrings& List,
                                 bool CaseSensitive);
-bool FindRepeatedEmbeddedString(UnicodeStringView Text, UnicodeStringView Separator,
-                                std::vector<UnicodeString>& List, bool CaseSensitive);
+bool FindRepeatedEmbeddedString(UnicodeStringView Text, UnicodeStringView Separator, std::vector<UnicodeString>& List,
+                                bool CaseSensitive);
 
 // 1-based position of SubStr in Text at or after Offset, ignoring ASCII case; 0 when not found,
 // SubStr is empty, Offset is below 1, or fewer than SubStr's length characters remain.

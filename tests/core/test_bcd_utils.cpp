@@ -105,16 +105,17 @@ TEST(BcdDivide, LongDivisionDigits) {
     const char* A;
     const char* B;
     const char* Q;
-  } cases[] = {{"100", "4", "25"},  {"300", "3", "100"},   {"100", "5", "20"},  {"7", "2", "3.5"},
-               {"-7", "2", "-3.5"}, {"7", "-0.5", "-14"},  {"1.5", "0.25", "6"}, {"12345.678", "0.001", "12345678"},
-               {"0.001", "8", "0.000125"}, {"6", "1000", "0.006"}};
+  } cases[] = {
+      {"100", "4", "25"},         {"300", "3", "100"},   {"100", "5", "20"},   {"7", "2", "3.5"},
+      {"-7", "2", "-3.5"},        {"7", "-0.5", "-14"},  {"1.5", "0.25", "6"}, {"12345.678", "0.001", "12345678"},
+      {"0.001", "8", "0.000125"}, {"6", "1000", "0.006"}};
   for (const auto& c : cases) {
     QUMA_BcdDivide(B(c.A), B(c.B), q);
     EXPECT_EQ(S(q), c.Q) << c.A << " / " << c.B;
   }
   QUMA_BcdDivide(B("1"), B("30"), q);
   EXPECT_EQ(S(q), "0.0" + std::string(58, '3'));  // 60 digits: the limit is one lower than for 1/3
-  QUMA_BcdDivide(B("2"), B("3"), q);  // truncated, not rounded
+  QUMA_BcdDivide(B("2"), B("3"), q);              // truncated, not rounded
   EXPECT_EQ(S(q), "0." + std::string(60, '6'));
 }
 

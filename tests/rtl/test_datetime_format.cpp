@@ -160,7 +160,8 @@ TEST(FloatText, ReadingHonoursTheSettings) {
   TFormatSettings comma = gb;
   comma.DecimalSeparator = u',';
   EXPECT_EQ(StrToFloat(u"2,75", comma), 2.75);
-  for (const char16_t* bad : {u"", u" ", u"abc", u"1.5.5", u"1,5", u"1e", u"e5", u".", u"1e400", u"--1", u"1 2", u"0x10"}) {
+  for (const char16_t* bad :
+       {u"", u" ", u"abc", u"1.5.5", u"1,5", u"1e", u"e5", u".", u"1e400", u"--1", u"1 2", u"0x10"}) {
     try {
       StrToFloat(bad, gb);
       ADD_FAILURE() << Utf16ToUtf8(bad);

@@ -59,10 +59,9 @@ std::time_t Utc(int y, int m, int d) {
 // Leap days, year ends, the 1900 and 2000 boundaries, the epoch days, and 2000 random seconds.
 std::vector<std::time_t> Instants() {
   std::vector<std::time_t> out;
-  const int days[][3] = {{1000, 1, 1},  {1600, 2, 29}, {1899, 12, 30}, {1899, 12, 31}, {1900, 1, 1},
-                         {1900, 2, 28}, {1900, 3, 1},  {1969, 12, 31}, {1970, 1, 1},   {1999, 12, 31},
-                         {2000, 1, 1},  {2000, 2, 29}, {2000, 3, 1},   {2004, 2, 29},  {2024, 2, 29},
-                         {2100, 2, 28}, {2100, 3, 1},  {9999, 12, 31}};
+  const int days[][3] = {{1000, 1, 1}, {1600, 2, 29},  {1899, 12, 30}, {1899, 12, 31}, {1900, 1, 1}, {1900, 2, 28},
+                         {1900, 3, 1}, {1969, 12, 31}, {1970, 1, 1},   {1999, 12, 31}, {2000, 1, 1}, {2000, 2, 29},
+                         {2000, 3, 1}, {2004, 2, 29},  {2024, 2, 29},  {2100, 2, 28},  {2100, 3, 1}, {9999, 12, 31}};
   for (auto& d : days)
     for (std::time_t offset : {0L, 1L, 3599L, 43200L, 86399L}) out.push_back(Utc(d[0], d[1], d[2]) + offset);
   std::mt19937_64 rng(42);
@@ -79,8 +78,10 @@ class ScopedTimeZone {
     tzset();
   }
   ~ScopedTimeZone() {
-    if (FHadOld) setenv("TZ", FOld.c_str(), 1);
-    else unsetenv("TZ");
+    if (FHadOld)
+      setenv("TZ", FOld.c_str(), 1);
+    else
+      unsetenv("TZ");
     tzset();
   }
 
@@ -136,8 +137,7 @@ TEST(DateWriters, UnwritableValuesRaise) {
   for (TDateTime bad : {1e10, -1e7, std::nan(""), HUGE_VAL}) {
     EXPECT_EQ(ConvertErrorOf([&] { GMTimeToHTTPDate(bad); }), "Unable to create formatted string from TDateTime");
     EXPECT_EQ(ConvertErrorOf([&] { GMTimeToRFC822Date(bad); }), "Unable to create formatted string from TDateTime");
-    EXPECT_EQ(ConvertErrorOf([&] { LocalTimeToRFC5322Date(bad); }),
-              "Unable to create formatted string from TDateTime");
+    EXPECT_EQ(ConvertErrorOf([&] { LocalTimeToRFC5322Date(bad); }), "Unable to create formatted string from TDateTime");
     // The XML writer lets the formatter's own error through.
     EXPECT_NE(ConvertErrorOf([&] { GMTimeToXMLDate(bad); }).find("is not a valid date and time"), std::string::npos);
   }
@@ -166,11 +166,11 @@ TEST(HTTPDate, NamesIgnoreCaseAndMustFitTheDate) {
 }
 
 TEST(HTTPDate, MalformedTextsNameTheInput) {
-  for (const char* bad : {"", "Sun, 06 Nov 1994 08:49:37", "Sun, 6 Nov 1994 08:49:37 GMT",
-                          "Sun, 06 Nov 94 08:49:37 GMT", "Sun 06 Nov 1994 08:49:37 GMT", "Sun, 06 Nov 1994 08:49:37 gmt",
-                          "Sun, 06 Nov 1994 08:49:37 GMT ", " Sun, 06 Nov 1994 08:49:37 GMT",
-                          "Sun, 06 Nov 1994 08:49:37 GMT\n\n", "Sun, 06 Nov 1994 8:49:37 GMT",
-                          "Su\xC3\xA9, 06 Nov 1994 08:49:37 GMT", "Sun, 06 Nov 1994 08:49:3x GMT"}) {
+  for (const char* bad :
+       {"", "Sun, 06 Nov 1994 08:49:37", "Sun, 6 Nov 1994 08:49:37 GMT", "Sun, 06 Nov 94 08:49:37 GMT",
+        "Sun 06 Nov 1994 08:49:37 GMT", "Sun, 06 Nov 1994 08:49:37 gmt", "Sun, 06 Nov 1994 08:49:37 GMT ",
+        " Sun, 06 Nov 1994 08:49:37 GMT", "Sun, 06 Nov 1994 08:49:37 GMT\n\n", "Sun, 06 Nov 1994 8:49:37 GMT",
+        "Su\xC3\xA9, 06 Nov 1994 08:49:37 GMT", "Sun, 06 Nov 1994 08:49:3x GMT"}) {
     EXPECT_EQ(ConvertErrorOf([&] { HTTPDateToGMTime(Utf8ToUtf16(bad)); }), M1(bad)) << bad;
     EXPECT_EQ(ConvertErrorOf([&] { HTTPDateToGMTime(std::string_view(bad)); }), M1(bad)) << bad;
   }
@@ -195,11 +195,12 @@ TEST(RFC822Date, ZonesAreAddedInTheDirectionOfTheirSign) {
   const struct {
     const char16_t* Zone;
     int Hours;
-  } zones[] = {{u"Y", 12}, {u"X", 11}, {u"W", 10}, {u"V", 9}, {u"U", 8}, {u"T", 7}, {u"S", 6}, {u"R", 5},
-               {u"Q", 4}, {u"P", 3}, {u"O", 2}, {u"N", 1}, {u"GMT", 0}, {u"UTC", 0}, {u"UT", 0}, {u"Z", 0},
-               {u"A", -1}, {u"B", -2}, {u"C", -3}, {u"D", -4}, {u"EDT", -4}, {u"E", -5}, {u"EST", -5},
-               {u"CDT", -5}, {u"F", -6}, {u"CST", -6}, {u"MDT", -6}, {u"G", -7}, {u"MST", -7}, {u"PDT", -7},
-               {u"H", -8}, {u"PST", -8}, {u"I", -9}, {u"K", -10}, {u"L", -11}, {u"M", -12}};
+  } zones[] = {{u"Y", 12},  {u"X", 11},   {u"W", 10},   {u"V", 9},   {u"U", 8},    {u"T", 7},
+               {u"S", 6},   {u"R", 5},    {u"Q", 4},    {u"P", 3},   {u"O", 2},    {u"N", 1},
+               {u"GMT", 0}, {u"UTC", 0},  {u"UT", 0},   {u"Z", 0},   {u"A", -1},   {u"B", -2},
+               {u"C", -3},  {u"D", -4},   {u"EDT", -4}, {u"E", -5},  {u"EST", -5}, {u"CDT", -5},
+               {u"F", -6},  {u"CST", -6}, {u"MDT", -6}, {u"G", -7},  {u"MST", -7}, {u"PDT", -7},
+               {u"H", -8},  {u"PST", -8}, {u"I", -9},   {u"K", -10}, {u"L", -11},  {u"M", -12}};
   const TDateTime base = DT(1999, 6, 15, 12);
   for (const auto& z : zones) {
     const UnicodeString text = UnicodeString(u"15 Jun 99 12:00 ") + z.Zone;
@@ -253,8 +254,8 @@ TEST(XMLDate, ThreeLayoutsAndAQuietZero) {
   EXPECT_DOUBLE_EQ(XMLDateToGMTime(u"2024-02-29"), DT(2024, 2, 29));
   EXPECT_DOUBLE_EQ(XMLDateToGMTime(u"06:00:00"), 0.25);
   EXPECT_DOUBLE_EQ(XMLDateToGMTime("1899-12-30"), 0.0);
-  for (const char16_t* quiet : {u"hello", u"", u"2024-02-29T12:34:56", u"2024-02-29T12:34:56+01:00", u"6:00:00",
-                                u"2024-2-29", u"24-02-29"})
+  for (const char16_t* quiet :
+       {u"hello", u"", u"2024-02-29T12:34:56", u"2024-02-29T12:34:56+01:00", u"6:00:00", u"2024-2-29", u"24-02-29"})
     EXPECT_EQ(XMLDateToGMTime(quiet), 0.0) << Utf16ToUtf8(quiet);
   for (const char* bad : {"2024-02-30", "2023-02-29T00:00:00Z", "2024-13-01T00:00:00Z", "2024-01-01T24:00:00Z",
                           "0000-01-01", "24:00:00", "12:60:00", "12:00:60"})

@@ -75,9 +75,26 @@ TEST(UTF8CompareStr, MixedFormsCompareCodeUnitsAndStoredLengths) {
 TEST(UTF8CompareStr, MalformedInput) {
   EXPECT_EQ(Utf8ErrorOf([] { UTF8CompareStr("a\xC3", "ab"); }), "expected byte not found");
   EXPECT_EQ(Utf8ErrorOf([] { UTF8CompareStr("ab", "a\xE2\x82"); }), "expected byte not found");
-  EXPECT_EQ(Utf8ErrorOf([] { UTF8CompareStr("\xC3" "A", "x"); }), "expected continuation byte not found");
-  EXPECT_EQ(Utf8ErrorOf([] { UTF8CompareStr("\xF0\x9F\x98" "A", u"x"); }), "expected continuation byte not found");
-  EXPECT_EQ(Utf8ErrorOf([] { UTF8CompareStr(u"x", "\xE2" "AB"); }), "expected continuation byte not found");
+  EXPECT_EQ(Utf8ErrorOf([] {
+              UTF8CompareStr(
+                  "\xC3"
+                  "A",
+                  "x");
+            }),
+            "expected continuation byte not found");
+  EXPECT_EQ(Utf8ErrorOf([] {
+              UTF8CompareStr(
+                  "\xF0\x9F\x98"
+                  "A",
+                  u"x");
+            }),
+            "expected continuation byte not found");
+  EXPECT_EQ(Utf8ErrorOf([] {
+              UTF8CompareStr(u"x",
+                             "\xE2"
+                             "AB");
+            }),
+            "expected continuation byte not found");
   // Lead bytes that start nothing read as code point 0, without error.
   EXPECT_EQ(UTF8CompareStr("\x80", std::string_view("\0", 1)), 0);
   EXPECT_EQ(UTF8CompareStr("\xFF", "\x01"), -1);
