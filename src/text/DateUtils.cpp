@@ -144,12 +144,14 @@ TDateTime ParseHTTP(std::basic_string_view<C> text) {
     RaiseUnableToConvert(text);
   const int month = MonthIndex(monthName, true);
   if (month == 0) RaiseUnableToConvert(text);
-  const TDateTime result =
-      EncodeDateTime(static_cast<Word>(year), static_cast<Word>(month), static_cast<Word>(day), static_cast<Word>(hour),
-                     static_cast<Word>(minute), static_cast<Word>(second), 0);
+  const auto y = static_cast<Word>(year), mo = static_cast<Word>(month), d = static_cast<Word>(day);
+  const auto h = static_cast<Word>(hour), mi = static_cast<Word>(minute), se = static_cast<Word>(second);
+  // An impossible date is the encoder's own error; a valid one gives its day number directly.
+  if (!IsValidDate(y, mo, d) || !IsValidTime(h, mi, se, 0)) EncodeDateTime(y, mo, d, h, mi, se, 0);
+  const Int64 days = DaysFromCivil(year, month, day);
   const int dayIndex = DayIndex(dayName);
-  if (dayIndex == 0 || dayIndex != DayOfWeek(result)) RaiseDifferentDay(text);
-  return result;
+  if (dayIndex == 0 || dayIndex != DayOfWeekOfDays(days)) RaiseDifferentDay(text);
+  return StampToDateTime({days, ((hour * 60 + minute) * 60 + second) * 1000});
 }
 
 // The shared front of the two mail layouts up to the zone: [day name ", "] dd Mon year hh:nn[:ss] " ".
