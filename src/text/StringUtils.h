@@ -36,6 +36,17 @@ extern const TFormatSettings& GBFormatSettings;
 Integer UTF8CompareStr(std::string_view A, std::string_view B);
 Integer UTF8CompareStr(std::string_view A, UnicodeStringView B);
 Integer UTF8CompareStr(UnicodeStringView A, std::string_view B);
+// char8_t text (u8"..." literals, std::u8string) reads the same bytes.
+inline Integer UTF8CompareStr(std::u8string_view A, std::u8string_view B) {
+  return UTF8CompareStr(std::string_view(reinterpret_cast<const char*>(A.data()), A.size()),
+                        std::string_view(reinterpret_cast<const char*>(B.data()), B.size()));
+}
+inline Integer UTF8CompareStr(std::u8string_view A, UnicodeStringView B) {
+  return UTF8CompareStr(std::string_view(reinterpret_cast<const char*>(A.data()), A.size()), B);
+}
+inline Integer UTF8CompareStr(UnicodeStringView A, std::u8string_view B) {
+  return UTF8CompareStr(A, std::string_view(reinterpret_cast<const char*>(B.data()), B.size()));
+}
 
 // Share of equal positions of the two Soundex codes (each as long as its text, padding zeros
 // removed), relative to the longer code: 1.0 for the same code. Two texts whose codes are both

@@ -51,6 +51,8 @@ TEST(UTF8CompareStr, OrdersByCodePointThenByStoredLength) {
 
 TEST(UTF8CompareStr, MixedFormsCompareCodeUnitsAndStoredLengths) {
   EXPECT_EQ(UTF8CompareStr("abc", u"abc"), 0);
+  EXPECT_EQ(UTF8CompareStr(u8"\u00E9", u8"z"), 1);
+  EXPECT_EQ(UTF8CompareStr(u8"\u00E9", u"\u00E9"), 1);
   EXPECT_EQ(UTF8CompareStr(u"abc", "abd"), -1);
   EXPECT_EQ(UTF8CompareStr("abd", u"abc"), 1);
   // The same text, but 2 UTF-8 bytes against 1 UTF-16 unit.
