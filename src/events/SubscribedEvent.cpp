@@ -39,13 +39,13 @@ void TQUMACallbackList::InvokeCallbacks(TObject* Sender) {
 
 void TQUMASubscribedEvent::AfterConstruction() {
   inherited::AfterConstruction();
-  if (!_fnaCallbacks) _fnaCallbacks = New<TQUMACallbackList>();
+  if (!_fnaCallbacks) _fnaCallbacks = New<TQUMACallbackList>();  // unless a derived class made one
 }
 
 TQUMASubscribedEvent::~TQUMASubscribedEvent() {
   // A subscriber freed the event in the middle of a pass: those passes stop without touching
   // it again (they also leave the monitor alone, as it goes with the list).
-  for (TPassFrame* frame = FPasses; frame; frame = frame->Previous) frame->Alive = false;
+  DropPasses(true);
   FreeAndNil(_fnaCallbacks);
   _fnBlockChecker = nullptr;
 }
@@ -150,6 +150,11 @@ void TQUMASubscribedEvent::TransferSubscriptions(TQUMASubscribedEvent* pToEvent)
     if (!pToEvent->IsSubscribed(entry)) pToEvent->Subscribe(entry);
   }
   list->Clear();
+}
+
+TQUMACallbackList* TQUMASubscribedEvent::ExchangeCallbackList(TQUMACallbackList* List) noexcept {
+  if (List != _fnaCallbacks) DropPasses(false);
+  return std::exchange(_fnaCallbacks, List);
 }
 
 void TQUMASubscribedEvent::ReleaseBlock() noexcept {

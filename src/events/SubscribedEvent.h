@@ -126,21 +126,39 @@ class TQUMASubscribedEvent : public TObject {
   void CountSuppressedFiring() noexcept { AtomicIncrement(_nChangeCount); }
   Integer ChangeCount() const noexcept { return std::atomic_ref<const Integer>(_nChangeCount).load(std::memory_order_relaxed); }
 
+  // The subscriber list. A derived class may install its own before AfterConstruction (which
+  // then keeps it). Installing another one later stops the passes running over the old one,
+  // which they no longer touch; the old list is handed back to the caller.
+  TQUMACallbackList* CallbackList() const noexcept { return _fnaCallbacks; }
+  TQUMACallbackList* ExchangeCallbackList(TQUMACallbackList* List) noexcept;
+
   Integer _nChangeCount = 0;
   Integer _nBlockCount = 0;
   TNotifyEvent _fnUnblocked;
   TBlockChecker _fnBlockChecker;
-  TQUMACallbackList* _fnaCallbacks = nullptr;
+
+ private:
+  TQUMACallbackList* _fnaCallbacks = nullptr;  // changed only through ExchangeCallbackList
+
+ protected:
   TObject* _pCallbackObject = nullptr;
 
  private:
-  // A running pass, linked so that the destructor can tell every pass on the stack that the
-  // event is gone. Only touched with the list's monitor held.
+  // A running pass. The passes on the stack are linked, so that dropping the list or freeing
+  // the event can tell each of them at once; the loop then reads nothing but its own frame.
+  // Only touched with the list's monitor held.
   struct TPassFrame {
-    bool Alive = true;
-    TPassFrame* Previous = nullptr;
+    TQUMACallbackList* List;  // null once the event no longer holds the list of this pass
+    TPassFrame* Previous;
+    bool EventGone = false;
   };
   class TPassGuard;
+  void DropPasses(bool eventGone) noexcept {
+    for (TPassFrame* frame = FPasses; frame; frame = frame->Previous) {
+      frame->List = nullptr;
+      frame->EventGone = eventGone;
+    }
+  }
   TPassFrame* FPasses = nullptr;
 };
 
@@ -149,19 +167,18 @@ class TQUMASubscribedEvent : public TObject {
 // old one may be gone, so its monitor is not touched again).
 class TQUMASubscribedEvent::TPassGuard {
  public:
-  TPassGuard(TQUMASubscribedEvent* event, TQUMACallbackList* list, TRecursiveLock* lock, TPassFrame* frame) noexcept
-      : FEvent(event), FList(list), FLock(lock), FFrame(frame) {}
+  TPassGuard(TQUMASubscribedEvent* event, TRecursiveLock* lock, TPassFrame* frame) noexcept
+      : FEvent(event), FLock(lock), FFrame(frame) {}
   TPassGuard(const TPassGuard&) = delete;
   TPassGuard& operator=(const TPassGuard&) = delete;
   ~TPassGuard() {
-    if (!FFrame->Alive) return;
+    if (FFrame->EventGone) return;
     FEvent->FPasses = FFrame->Previous;
-    if (FEvent->_fnaCallbacks == FList) FLock->Leave();
+    if (FFrame->List) FLock->Leave();
   }
 
  private:
   TQUMASubscribedEvent* FEvent;
-  TQUMACallbackList* FList;
   TRecursiveLock* FLock;
   TPassFrame* FFrame;
 };
@@ -173,7 +190,7 @@ void TQUMASubscribedEvent::FirePass(const bool& pStop, F&& call) {
   TObject* const sender = _GetCallbackObject();
   TRecursiveLock& lock = list->MonitorLock();
   lock.Enter();
-  TPassFrame frame{true, FPasses};
+  TPassFrame frame{list, FPasses};
 #if defined(__GNUC__) && !defined(__clang__) && __GNUC__ >= 12
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdangling-pointer"  // unlinked by the guard
@@ -182,14 +199,13 @@ void TQUMASubscribedEvent::FirePass(const bool& pStop, F&& call) {
 #if defined(__GNUC__) && !defined(__clang__) && __GNUC__ >= 12
 #pragma GCC diagnostic pop
 #endif
-  const TPassGuard guard(this, list, &lock, &frame);
-  // Everything is re-read after each call: a subscriber may change the list, swap it, free the
-  // event or set the stop flag.
-  for (std::size_t i = 0; !pStop && frame.Alive && _fnaCallbacks == list; ++i) {
+  const TPassGuard guard(this, &lock, &frame);
+  // Re-read after each call: a subscriber may change the list, make the event drop it, free
+  // the event or set the stop flag.
+  for (std::size_t i = 0; !pStop && frame.List == list; ++i) {
     const std::vector<TNotifyEvent>& entries = list->ToVector();
-    const TNotifyEvent* const at = entries.data() + i;
-    if (at >= entries.data() + entries.size()) break;
-    const TNotifyEvent entry = *at;
+    if (i >= entries.size()) break;
+    const TNotifyEvent entry = entries[i];
     if (entry) call(entry, sender);
   }
 }

@@ -89,6 +89,27 @@ TEST_F(Reentrancy, SubscriberMayFreeTheEvent) {
   EXPECT_EQ(log, (TLog{"a.A", "b.A"}));
 }
 
+// A derived event that can swap its subscriber list for a fresh one.
+class TSwappingEvent : public TQUMASubscribedEvent {
+  QUMA_CLASS(TSwappingEvent, TQUMASubscribedEvent)
+ public:
+  void SwapForEmptyList() { Free(ExchangeCallbackList(New<TQUMACallbackList>())); }
+};
+
+TEST_F(Reentrancy, PassStopsWhenTheEventDropsItsList) {
+  auto swapping = MakeObject<TSwappingEvent>();
+  for (auto* p : {a.get(), b.get(), c.get()}) swapping->Subscribe(p->OnA());
+  a->Action = [&] {
+    a->Action = nullptr;
+    swapping->SwapForEmptyList();  // frees the list the pass walks, monitor included
+  };
+  swapping->FireCallbacks();
+  EXPECT_EQ(log, (TLog{"a.A"}));
+  swapping->Subscribe(d->OnA());
+  swapping->FireCallbacks();
+  EXPECT_EQ(log, (TLog{"a.A", "d.A"}));
+}
+
 TEST_F(Reentrancy, ThrowingSubscriberEndsThePassAndReleasesTheMonitor) {
   b->Action = [] { throw std::runtime_error("boom"); };
   EXPECT_THROW(event->FireCallbacks(), std::runtime_error);
