@@ -397,7 +397,7 @@ TDateTime LocalTimeToUniversal(TDateTime Local) {
   const std::time_t wall = StampToUnixSeconds(st);
   // Offsets in force around the wall-clock time; a candidate instant is right when the offset
   // at that instant maps it back onto the wall-clock time.
-  long before = 0, after = 0, dummyOffset = 0;
+  long before = 0, after = 0;
   bool dst = false;
   LocalInfo(wall - SecsPerDay, before, dst);
   LocalInfo(wall + SecsPerDay, after, dst);
@@ -412,8 +412,9 @@ TDateTime LocalTimeToUniversal(TDateTime Local) {
   }
   if (!found && before == after) {
     // Neither neighbour matches: a short-lived offset inside the two days; ask the instant itself.
-    LocalInfo(wall - before, dummyOffset, dst);
-    chosen = dummyOffset;
+    long inside = before;
+    LocalInfo(wall - before, inside, dst);
+    chosen = inside;
   }
   return StampToDateTime(IncStamp(st, -static_cast<Int64>(chosen) * 1000));
 }
