@@ -147,7 +147,10 @@ Integer UTF8CompareStr(std::string_view A, std::string_view B) {
       b.Skip(8);
     }
     if (a.AtEnd() || b.AtEnd()) break;
-    const Integer r = CompareUnits(a.Next(), b.Next());
+    // A is read before B, so when both are malformed A's error is the one reported.
+    const char32_t ca = a.Next();
+    const char32_t cb = b.Next();
+    const Integer r = CompareUnits(ca, cb);
     if (r != 0) return r;
   }
   return CompareLengths(A.size(), B.size());

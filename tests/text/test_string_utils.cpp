@@ -97,6 +97,8 @@ TEST(UTF8CompareStr, MalformedInput) {
                              "AB");
             }),
             "expected continuation byte not found");
+  EXPECT_EQ(Utf8ErrorOf([] { UTF8CompareStr("\xC3", "\xC3" "A"); }), "expected byte not found");  // A first
+  EXPECT_EQ(Utf8ErrorOf([] { UTF8CompareStr("\xC3" "A", "\xC3"); }), "expected continuation byte not found");
   // Lead bytes that start nothing read as code point 0, without error.
   EXPECT_EQ(UTF8CompareStr("\x80", std::string_view("\0", 1)), 0);
   EXPECT_EQ(UTF8CompareStr("\xFF", "\x01"), -1);
