@@ -92,13 +92,11 @@ inline char16_t* PutPair(char16_t* out, Byte b, const std::array<std::uint32_t, 
   return out + 2;
 }
 
-// The grouped form: 4-2-2-2-6 bytes with "-" between groups.
-char16_t* PutGrouped(char16_t* out, const Byte* b, const std::array<std::uint32_t, 256>& pairs) noexcept {
-  for (int i = 0; i < 16; ++i) {
-    if (i == 4 || i == 6 || i == 8 || i == 10) *out++ = u'-';
-    out = PutPair(out, b[i], pairs);
-  }
-  return out;
+// The grouped form: 4-2-2-2-6 bytes with "-" between groups (36 units at out).
+inline void PutGrouped(char16_t* out, const Byte* b, const std::array<std::uint32_t, 256>& pairs) noexcept {
+  static constexpr Byte kPos[16] = {0, 2, 4, 6, 9, 11, 14, 16, 19, 21, 24, 26, 28, 30, 32, 34};
+  for (int i = 0; i < 16; ++i) PutPair(out + kPos[i], b[i], pairs);
+  out[8] = out[13] = out[18] = out[23] = u'-';
 }
 
 // ---- the text being read ----
