@@ -47,7 +47,7 @@ class TQUMASubscribedList : public TList<T> {
   }
   // Removes every item while the object is still whole, so that overridden hooks see them go.
   void BeforeDestruction() override {
-    FDestroying = true;
+    MarkDestroying();
     this->Clear();
     inherited::BeforeDestruction();
   }
@@ -113,6 +113,12 @@ class TQUMASubscribedList : public TList<T> {
   }
 
  protected:
+  // The list is on its way out: a deletion requested from now on is not carried out again. A
+  // BeforeDestruction override that changes the list before calling the inherited one calls
+  // this first, so that a handler asking for deletion cannot free the list twice.
+  void MarkDestroying() noexcept { FDestroying = true; }
+  bool Destroying() const noexcept { return FDestroying; }
+
   void Notify(const T& Item, TCollectionNotification Action) override {
     // The item may live in the list's storage, which a handler can move.
     const T item(Item);

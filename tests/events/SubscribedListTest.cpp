@@ -168,6 +168,14 @@ TEST_F(SubscribedList, HandlerMayFreeTheListOutright) {
   EXPECT_EQ(destroyed, 1);
 }
 
+TEST_F(SubscribedList, DeletionAskedForDuringDestructionIsNotRepeated) {
+  list->Add(1);
+  list->Add(2);
+  h1->Action = [&](TLoggingList* l, int, TCollectionNotification) { l->DeleteWhenNotificationsComplete(); };
+  Free(list);
+  EXPECT_EQ(destroyed, 1);
+}
+
 TEST_F(SubscribedList, SyncListMakesTheFewestChanges) {
   for (int v : {1, 2, 3, 4}) list->Add(v);
   auto source = MakeObject<TList<int>>();
