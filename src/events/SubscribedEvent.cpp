@@ -68,7 +68,7 @@ Integer TQUMASubscribedEvent::_GetSubscriberCount() const { return _fnaCallbacks
 
 bool TQUMASubscribedEvent::_IsBlocked() const {
   if (_fnBlockChecker) return _fnBlockChecker();
-  return std::atomic_ref<const Integer>(_nBlockCount).load(std::memory_order_relaxed) > 0;
+  return std::atomic_ref<Integer>(const_cast<Integer&>(_nBlockCount)).load(std::memory_order_relaxed) > 0;
 }
 
 void TQUMASubscribedEvent::_SetCallbackObject(TObject* Value) { _pCallbackObject = Value; }

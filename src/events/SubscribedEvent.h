@@ -124,7 +124,9 @@ class TQUMASubscribedEvent : public TObject {
   void ReleaseBlock() noexcept;
   // Counts a suppressed firing.
   void CountSuppressedFiring() noexcept { AtomicIncrement(_nChangeCount); }
-  Integer ChangeCount() const noexcept { return std::atomic_ref<const Integer>(_nChangeCount).load(std::memory_order_relaxed); }
+  Integer ChangeCount() const noexcept {
+    return std::atomic_ref<Integer>(const_cast<Integer&>(_nChangeCount)).load(std::memory_order_relaxed);
+  }
 
   // The subscriber list. A derived class may install its own before AfterConstruction (which
   // then keeps it). Installing another one later stops the passes running over the old one,

@@ -78,8 +78,8 @@ TEST_F(SubscribedList, HooksSurroundTheSubscribersOnEveryChange) {
   list->Add(2);
   list->ExtractAt(0);
   list->Delete(0);
-  EXPECT_EQ(log, (TLog{"before-add 1", "h1 added 1", "after-add 1",           //
-                       "before-add 2", "h1 added 2", "after-add 2",           //
+  EXPECT_EQ(log, (TLog{"before-add 1", "h1 added 1", "after-add 1",            //
+                       "before-add 2", "h1 added 2", "after-add 2",            //
                        "before-remove 1", "h1 extracted 1", "after-remove 1",  //
                        "before-remove 2", "h1 removed 2", "after-remove 2"}));
   EXPECT_EQ(list->Notifications()->CallbackObject(), list);
@@ -112,9 +112,10 @@ TEST_F(SubscribedList, PostNotifyCallbacksRunNewestFirstAfterTheHooks) {
 
   log.clear();
   h1->Action = nullptr;
-  list->Add(8);  // nothing left over from the last pass
-  list->CallMeBackWhenNotificationsComplete(h2->OnLater());  // outside a pass: ignored
-  list->DeleteWhenNotificationsComplete();                    // likewise
+  // Nothing is left over from the last pass, and requests outside a pass are ignored.
+  list->Add(8);
+  list->CallMeBackWhenNotificationsComplete(h2->OnLater());
+  list->DeleteWhenNotificationsComplete();
   list->Add(9);
   EXPECT_EQ(log.size(), 6u);
   EXPECT_EQ(destroyed, 0);
@@ -145,8 +146,8 @@ TEST_F(SubscribedList, DeleteWhenCompleteFreesOnceAfterEverythingElse) {
   list->Add(4);
   EXPECT_EQ(destroyed, 1);
   // The destruction clears the list, announcing each removal; the deferred callback never runs.
-  EXPECT_EQ(log, (TLog{"before-add 4", "h1 added 4", "h2 added 4", "after-add 4",  //
-                       "before-remove 3", "h1 removed 3", "h2 removed 3", "after-remove 3",
+  EXPECT_EQ(log, (TLog{"before-add 4", "h1 added 4", "h2 added 4", "after-add 4",            //
+                       "before-remove 3", "h1 removed 3", "h2 removed 3", "after-remove 3",  //
                        "before-remove 4", "h1 removed 4", "h2 removed 4", "after-remove 4"}));
 }
 
