@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <mutex>
-#include <unordered_set>
+#include <cstdint>
 
 namespace quma {
 
@@ -19,20 +19,67 @@ class TLiveObjects {
  public:
   void Add(const TObject* p) {
     std::lock_guard<std::mutex> guard(FLock);
-    FObjects.insert(p);
+    if ((FCount + 1) * 2 > FSlots.size()) Grow();
+    std::size_t i = Home(p);
+    while (FSlots[i]) i = (i + 1) & FMask;
+    FSlots[i] = p;
+    ++FCount;
   }
   void Remove(const TObject* p) {
     std::lock_guard<std::mutex> guard(FLock);
-    FObjects.erase(p);
+    if (FSlots.empty()) return;
+    std::size_t i = Home(p);
+    while (FSlots[i] != p) {
+      if (!FSlots[i]) return;
+      i = (i + 1) & FMask;
+    }
+    // Backward-shift deletion keeps every probe chain unbroken without tombstones.
+    for (std::size_t j = i;;) {
+      j = (j + 1) & FMask;
+      if (!FSlots[j]) break;
+      const std::size_t k = Home(FSlots[j]);
+      const bool movable = i <= j ? (k <= i || k > j) : (k <= i && k > j);
+      if (movable) {
+        FSlots[i] = FSlots[j];
+        i = j;
+      }
+    }
+    FSlots[i] = nullptr;
+    --FCount;
   }
   bool Contains(const TObject* p) {
     std::lock_guard<std::mutex> guard(FLock);
-    return FObjects.count(p) != 0;
+    if (FSlots.empty()) return false;
+    for (std::size_t i = Home(p);; i = (i + 1) & FMask) {
+      if (FSlots[i] == p) return true;
+      if (!FSlots[i]) return false;
+    }
   }
 
  private:
+  std::size_t Home(const TObject* p) const noexcept {
+    auto x = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(p));
+    x ^= x >> 33;
+    x *= 0xff51afd7ed558ccdULL;
+    x ^= x >> 33;
+    return static_cast<std::size_t>(x) & FMask;
+  }
+  void Grow() {
+    std::vector<const TObject*> old = std::move(FSlots);
+    FSlots.assign(old.empty() ? 1024 : old.size() * 2, nullptr);
+    FMask = FSlots.size() - 1;
+    for (const TObject* p : old)
+      if (p) {
+        std::size_t i = Home(p);
+        while (FSlots[i]) i = (i + 1) & FMask;
+        FSlots[i] = p;
+      }
+  }
+
   std::mutex FLock;
-  std::unordered_set<const TObject*> FObjects;
+  std::vector<const TObject*> FSlots;  // open addressing, linear probing; null = empty
+  std::size_t FMask = 0;
+  std::size_t FCount = 0;
 };
 
 // Never destroyed: objects may die during static destruction.
@@ -90,36 +137,12 @@ TQUMAReferencedPersistent* QUMAAsReferenced(TObject* p) noexcept {
   return dynamic_cast<TQUMAReferencedPersistent*>(p);
 }
 
-// ---- detail::TNotifyHolders ----
-
-void detail::TNotifyHolders::Set(TObject* key, const TQUMAReferencedNotification& fn) {
-  auto it = FIndex.find(key);
-  if (it != FIndex.end()) {
-    it->second->second = fn;
-    return;
-  }
-  FEntries.emplace_back(key, fn);
-  FIndex.emplace(key, std::prev(FEntries.end()));
-}
-
-const TQUMAReferencedNotification* detail::TNotifyHolders::Find(const TObject* key) const noexcept {
-  auto it = FIndex.find(key);
-  return it == FIndex.end() ? nullptr : &it->second->second;
-}
-
-bool detail::TNotifyHolders::Remove(const TObject* key) {
-  auto it = FIndex.find(key);
-  if (it == FIndex.end()) return false;
-  FEntries.erase(it->second);
-  FIndex.erase(it);
-  return true;
-}
-
-std::vector<TObject*> detail::TNotifyHolders::Keys() const {
-  std::vector<TObject*> keys;
-  keys.reserve(FEntries.size());
-  for (const auto& entry : FEntries) keys.push_back(entry.first);
-  return keys;
+detail::TLockerKind detail::KindOf(const TObject* Holder) noexcept {
+  if (!Holder) return TLockerKind::lkOther;
+  const TClass cls = Holder->ClassType();
+  if (cls->InheritsFrom(TQUMAReferencedPersistent::StaticClass())) return TLockerKind::lkReferenced;
+  if (cls->InheritsFrom(TComponent::StaticClass())) return TLockerKind::lkComponent;
+  return TLockerKind::lkOther;
 }
 
 // ---- TQUMAReferencedPersistent: construction and plain properties ----
@@ -128,16 +151,9 @@ TQUMAReferencedPersistent::TQUMAReferencedPersistent(TPersistent* AOwner)
     : _nCreateSequence(CreationCounter().fetch_add(1, std::memory_order_relaxed)) {
   LiveObjects().Add(this);
   try {
-    _pLockers = std::make_unique<std::vector<TObject*>>();
-    _pConsumers = New<TQUMAReferencedList<TQUMAReferencedPersistent>>();
-    _pConsumers->SetReferenceAction(_raNotify);
-    _pMultiLock = std::make_unique<std::unordered_map<const TObject*, detail::TLockEntry>>();
-    _dctCustomNotify = std::make_unique<detail::TNotifyHolders>();
     StoreOwner(AOwner);
     _RPState = {_rpFreeOnUnref};
     _blFreed = false;
-    _pFreeIndicators = std::make_unique<std::vector<bool*>>();
-    _pRegPointers = std::make_unique<std::vector<PQUMAReferencedPersistent>>();
     if (_pOwnerRef) _pOwnerRef->AddNotifyReference(this);
   } catch (...) {
     if (_pOwnerRef && !QUMAIsFreed(_pOwnerRef)) _pOwnerRef->RemoveNotifyReference(this);
@@ -145,6 +161,14 @@ TQUMAReferencedPersistent::TQUMAReferencedPersistent(TPersistent* AOwner)
     LiveObjects().Remove(this);
     throw;
   }
+}
+
+TQUMAReferencedList<TQUMAReferencedPersistent>* TQUMAReferencedPersistent::NeedConsumers() {
+  if (!_pConsumers && !_blFreed) {
+    _pConsumers = New<TQUMAReferencedList<TQUMAReferencedPersistent>>();
+    _pConsumers->SetReferenceAction(_raNotify);
+  }
+  return _pConsumers;
 }
 
 void TQUMAReferencedPersistent::StoreOwner(TPersistent* Value) {
@@ -162,9 +186,8 @@ void TQUMAReferencedPersistent::_SetFreeWhenUnreferenced(bool Value) {
 }
 
 Integer TQUMAReferencedPersistent::_GetLockCount(const TObject* pForObject) const {
-  if (!_pMultiLock) return 0;
-  auto it = _pMultiLock->find(pForObject);
-  return it == _pMultiLock->end() ? 0 : it->second.Count;
+  const detail::TLockEntry* entry = _pMultiLock.Find(pForObject);
+  return entry ? entry->Count : 0;
 }
 
 TQUMATwilightFalling TQUMAReferencedPersistent::_GetOnEnterTwilight() const { return _fnEnterTwilight; }
@@ -195,7 +218,7 @@ TQUMAReferencedPersistent* TQUMAReferencedPersistent::ReferencedPersistentOwner(
 }
 
 Integer TQUMAReferencedPersistent::_GetMemLockReferenceCount() const {
-  return _pLockers ? static_cast<Integer>(_pLockers->size()) : 0;
+  return static_cast<Integer>(_pLockers.size());
 }
 Integer TQUMAReferencedPersistent::_GetNotifyReferenceCount() const { return _pConsumers ? _pConsumers->Count() : 0; }
 Integer TQUMAReferencedPersistent::_GetTotalReferenceCount() const {
@@ -228,12 +251,12 @@ bool TQUMAReferencedPersistent::HasConsumer(const TQUMAReferencedPersistent* Con
 }
 
 const TQUMAReferencedNotification* TQUMAReferencedPersistent::CustomNotification(const TObject* Holder) const {
-  return _dctCustomNotify ? _dctCustomNotify->Find(Holder) : nullptr;
+  return _dctCustomNotify.Find(Holder);
 }
 
 bool TQUMAReferencedPersistent::IsLockedBy(const TObject* Other) const {
-  if (_blFreed || !_pLockers || !_pMultiLock) return false;
-  return _pMultiLock->count(Other) != 0;
+  if (_blFreed) return false;
+  return _pMultiLock.Find(Other) != nullptr;
 }
 
 // ---- component owner queries ----
@@ -268,7 +291,7 @@ bool TQUMAReferencedPersistent::ComponentOwnerIsDestroying() const {
 // ---- notify references ----
 
 void TQUMAReferencedPersistent::AddNotifyReference(TQUMAReferencedPersistent* Consumer) {
-  if (!_pConsumers || !Consumer || Consumer == this || _pConsumers->ContainsItem(Consumer)) return;
+  if (!Consumer || Consumer == this || HasConsumer(Consumer) || !NeedConsumers()) return;
   _pConsumers->Add(Consumer);
   if (_pConsumers && _pConsumers->ContainsItem(Consumer)) Consumer->NotificationRef(this, opInsert);
 }
@@ -280,11 +303,12 @@ void TQUMAReferencedPersistent::AddNotifyReference(TComponent* Consumer) {
 
 void TQUMAReferencedPersistent::AddNotifyReference(TObject* Consumer, TQUMAReferencedNotification Notification) {
   if (!Consumer) return;
-  if (TQUMAReferencedPersistent* r = QUMAAsReferenced(Consumer))
-    AddNotifyReference(r);
-  else if (auto* c = dynamic_cast<TComponent*>(Consumer))
-    AddNotifyReference(c);
-  if (Notification && _dctCustomNotify) _dctCustomNotify->Set(Consumer, Notification);
+  const detail::TLockerKind kind = detail::KindOf(Consumer);
+  if (kind == detail::TLockerKind::lkReferenced)
+    AddNotifyReference(static_cast<TQUMAReferencedPersistent*>(Consumer));
+  else if (kind == detail::TLockerKind::lkComponent)
+    AddNotifyReference(static_cast<TComponent*>(Consumer));
+  if (Notification && !_blFreed) _dctCustomNotify.Set(Consumer, Notification);
 }
 
 void TQUMAReferencedPersistent::RemoveNotifyReference(TQUMAReferencedPersistent* Consumer) {
@@ -297,13 +321,14 @@ void TQUMAReferencedPersistent::RemoveNotifyReference(TComponent* Consumer) {
 
 void TQUMAReferencedPersistent::RemoveNotifyReference(TObject* Consumer, TQUMAReferencedNotification Notification) {
   if (!Consumer) return;
-  if (TQUMAReferencedPersistent* r = QUMAAsReferenced(Consumer))
-    RemoveNotifyReference(r);
-  else if (auto* c = dynamic_cast<TComponent*>(Consumer))
-    RemoveNotifyReference(c);
-  if (Notification && _dctCustomNotify) {
-    const TQUMAReferencedNotification* stored = _dctCustomNotify->Find(Consumer);
-    if (stored && *stored == Notification) _dctCustomNotify->Remove(Consumer);
+  const detail::TLockerKind kind = detail::KindOf(Consumer);
+  if (kind == detail::TLockerKind::lkReferenced)
+    RemoveNotifyReference(static_cast<TQUMAReferencedPersistent*>(Consumer));
+  else if (kind == detail::TLockerKind::lkComponent)
+    RemoveNotifyReference(static_cast<TComponent*>(Consumer));
+  if (Notification) {
+    const TQUMAReferencedNotification* stored = _dctCustomNotify.Find(Consumer);
+    if (stored && *stored == Notification) _dctCustomNotify.Remove(Consumer);
   }
 }
 
@@ -320,22 +345,17 @@ bool TQUMAReferencedPersistent::LeaveTwilight() {
 }
 
 void TQUMAReferencedPersistent::AddMemLockReference(TObject* Consumer) {
-  if (!_pLockers || !Consumer) return;
+  if (_blFreed || !Consumer) return;
   if (_RPState.Contains(_rpInTwilight) && !LeaveTwilight()) return;
-  auto it = _pMultiLock->find(Consumer);
-  if (it != _pMultiLock->end()) {
-    ++it->second.Count;
+  if (detail::TLockEntry* entry = _pMultiLock.Find(Consumer)) {
+    ++entry->Count;
     return;
   }
-  _pLockers->push_back(Consumer);
-  detail::TLockerKind kind = detail::TLockerKind::lkOther;
-  TQUMAReferencedPersistent* r = QUMAAsReferenced(Consumer);
-  TComponent* c = r ? nullptr : dynamic_cast<TComponent*>(Consumer);
-  if (r)
-    kind = detail::TLockerKind::lkReferenced;
-  else if (c)
-    kind = detail::TLockerKind::lkComponent;
-  _pMultiLock->emplace(Consumer, detail::TLockEntry{1, kind});
+  _pLockers.push_back(Consumer);
+  const detail::TLockerKind kind = detail::KindOf(Consumer);
+  auto* r = kind == detail::TLockerKind::lkReferenced ? static_cast<TQUMAReferencedPersistent*>(Consumer) : nullptr;
+  auto* c = kind == detail::TLockerKind::lkComponent ? static_cast<TComponent*>(Consumer) : nullptr;
+  _pMultiLock.Insert(Consumer, detail::TLockEntry{1, kind});
   // The object must learn of the locker's death.
   if (r) {
     if (r != this && !r->HasConsumer(this)) r->AddNotifyReference(this);
@@ -352,22 +372,21 @@ void TQUMAReferencedPersistent::AddMemLockReference(TObject* Consumer, TQUMARefe
   } else {
     AddMemLockReference(Consumer);
   }
-  if (Notification && Consumer && _dctCustomNotify) _dctCustomNotify->Set(Consumer, Notification);
+  if (Notification && Consumer && !_blFreed) _dctCustomNotify.Set(Consumer, Notification);
 }
 
 void TQUMAReferencedPersistent::RemoveMemLockReference(TObject* Consumer, bool* blDeleted) {
-  if (_pLockers && Consumer) {
-    auto it = _pMultiLock->find(Consumer);
-    if (it != _pMultiLock->end()) {
-      if (it->second.Count - 1 > 0) {
-        --it->second.Count;
+  if (!_blFreed && Consumer) {
+    if (detail::TLockEntry* entry = _pMultiLock.Find(Consumer)) {
+      if (entry->Count - 1 > 0) {
+        --entry->Count;
       } else {
-        const detail::TLockerKind kind = it->second.Kind;
-        _pMultiLock->erase(it);
+        const detail::TLockerKind kind = entry->Kind;
+        _pMultiLock.Erase(Consumer);
         // Lockers usually let go in the reverse order of locking: search from the newest.
-        auto pos = std::find(_pLockers->rbegin(), _pLockers->rend(), Consumer);
-        if (pos != _pLockers->rend()) _pLockers->erase(std::next(pos).base());
-        _dctCustomNotify->Remove(Consumer);
+        auto pos = std::find(_pLockers.rbegin(), _pLockers.rend(), Consumer);
+        if (pos != _pLockers.rend()) _pLockers.erase(std::next(pos).base());
+        _dctCustomNotify.Remove(Consumer);
         if (kind == detail::TLockerKind::lkReferenced) {
           if (TQUMAReferencedPersistent* r = QUMAAsReferenced(Consumer)) r->RemoveNotifyReference(this);
         } else if (kind == detail::TLockerKind::lkComponent && _pWrapper) {
@@ -389,7 +408,7 @@ void TQUMAReferencedPersistent::RemoveMemLockReference(TObject* Consumer, bool* 
 }
 
 bool TQUMAReferencedPersistent::FreeIfUnreferenced() {
-  if (!_GetFreeWhenUnreferenced() || !_pLockers || !_pLockers->empty() || _blFreed ||
+  if (!_GetFreeWhenUnreferenced() || !_pLockers.empty() || _blFreed ||
       _RPState.Contains(_rpFreeing))
     return false;
   if (const TQUMATwilightFalling enter = _GetOnEnterTwilight()) {
@@ -409,27 +428,25 @@ bool TQUMAReferencedPersistent::FreeIfUnreferenced() {
 // ---- silent references and free indicators ----
 
 void TQUMAReferencedPersistent::RegisterFreeIndicator(bool& blIndicator) {
-  if (!_pFreeIndicators) return;
-  if (std::find(_pFreeIndicators->begin(), _pFreeIndicators->end(), &blIndicator) == _pFreeIndicators->end())
-    _pFreeIndicators->push_back(&blIndicator);
+  if (_blFreed) return;
+  if (std::find(_pFreeIndicators.begin(), _pFreeIndicators.end(), &blIndicator) == _pFreeIndicators.end())
+    _pFreeIndicators.push_back(&blIndicator);
 }
 
 void TQUMAReferencedPersistent::UnregisterFreeIndicator(bool& blIndicator) {
-  if (!_pFreeIndicators) return;
-  auto pos = std::find(_pFreeIndicators->rbegin(), _pFreeIndicators->rend(), &blIndicator);
-  if (pos != _pFreeIndicators->rend()) _pFreeIndicators->erase(std::next(pos).base());
+  auto pos = std::find(_pFreeIndicators.rbegin(), _pFreeIndicators.rend(), &blIndicator);
+  if (pos != _pFreeIndicators.rend()) _pFreeIndicators.erase(std::next(pos).base());
 }
 
 void TQUMAReferencedPersistent::RegisterSilentReference(PQUMAReferencedPersistent pReference) {
-  if (!_pRegPointers || !pReference) return;
-  if (std::find(_pRegPointers->begin(), _pRegPointers->end(), pReference) == _pRegPointers->end())
-    _pRegPointers->push_back(pReference);
+  if (_blFreed || !pReference) return;
+  if (std::find(_pRegPointers.begin(), _pRegPointers.end(), pReference) == _pRegPointers.end())
+    _pRegPointers.push_back(pReference);
 }
 
 void TQUMAReferencedPersistent::UnregisterSilentReference(PQUMAReferencedPersistent pReference) {
-  if (!_pRegPointers) return;
-  auto pos = std::find(_pRegPointers->rbegin(), _pRegPointers->rend(), pReference);
-  if (pos != _pRegPointers->rend()) _pRegPointers->erase(std::next(pos).base());
+  auto pos = std::find(_pRegPointers.rbegin(), _pRegPointers.rend(), pReference);
+  if (pos != _pRegPointers.rend()) _pRegPointers.erase(std::next(pos).base());
 }
 
 // ---- removal notifications ----
@@ -471,9 +488,9 @@ bool TQUMAReferencedPersistent::EnterDestruction() noexcept {
 }
 
 void TQUMAReferencedPersistent::EraseLockerAt(std::size_t index) {
-  TObject* locker = (*_pLockers)[index];
-  _pLockers->erase(_pLockers->begin() + static_cast<std::ptrdiff_t>(index));
-  _pMultiLock->erase(locker);
+  TObject* locker = _pLockers[index];
+  _pLockers.erase(_pLockers.begin() + index);
+  _pMultiLock.Erase(locker);
 }
 
 void TQUMAReferencedPersistent::BeforeDestruction() {
@@ -498,29 +515,28 @@ void TQUMAReferencedPersistent::RunDestructionPhaseOne() {
   }
 
   // Lockers, newest first: the referenced persistents among them forget this object.
-  while (_pLockers && !_pLockers->empty()) {
-    const std::size_t i = _pLockers->size() - 1;
-    TObject* locker = (*_pLockers)[i];
+  while (!_pLockers.empty()) {
+    const std::size_t i = _pLockers.size() - 1;
+    TObject* locker = _pLockers[i];
     if (locker == this) {
       EraseLockerAt(i);
       continue;
     }
-    auto it = _pMultiLock->find(locker);
-    if (it != _pMultiLock->end() && it->second.Kind == detail::TLockerKind::lkReferenced)
+    const detail::TLockEntry* entry = _pMultiLock.Find(locker);
+    if (entry && entry->Kind == detail::TLockerKind::lkReferenced)
       if (TQUMAReferencedPersistent* r = QUMAAsReferenced(locker)) r->NotificationRef(this, opRemove);
-    if (_pLockers && i < _pLockers->size()) EraseLockerAt(i);
+    if (i < _pLockers.size()) EraseLockerAt(i);
   }
 
   // Callback holders, in the order they first asked.
-  if (_dctCustomNotify && !_dctCustomNotify->Empty()) {
-    const std::vector<TObject*> keys = _dctCustomNotify->Keys();
+  if (!_dctCustomNotify.Empty()) {
+    const std::vector<TObject*> keys = _dctCustomNotify.Keys();
     for (TObject* key : keys) {
-      if (!_dctCustomNotify) break;
-      const TQUMAReferencedNotification* stored = _dctCustomNotify->Find(key);
+      const TQUMAReferencedNotification* stored = _dctCustomNotify.Find(key);
       if (!stored) continue;
       const TQUMAReferencedNotification callback = *stored;
       callback(this, opRemove);
-      if (_dctCustomNotify) _dctCustomNotify->Remove(key);
+      _dctCustomNotify.Remove(key);
     }
   }
 
@@ -537,16 +553,16 @@ TQUMAReferencedPersistent::~TQUMAReferencedPersistent() {
   if (_RPState.Contains(_rpReadyToFree) && !_blFreed) {
     if (_pOwnerRef && !QUMAIsFreed(_pOwnerRef)) _pOwnerRef->RemoveNotifyReference(this);
     Free(std::exchange(_pConsumers, nullptr));
-    _pLockers.reset();
-    _pMultiLock.reset();
-    _dctCustomNotify.reset();
+    _pLockers.clear();
+    _pMultiLock.Clear();
+    _dctCustomNotify.Clear();
     _RPState.Include(_rpFreed);
     _blFreed = true;
-    if (std::unique_ptr<std::vector<bool*>> indicators = std::move(_pFreeIndicators))
-      for (auto it = indicators->rbegin(); it != indicators->rend(); ++it) **it = true;
-    if (std::unique_ptr<std::vector<PQUMAReferencedPersistent>> refs = std::move(_pRegPointers))
-      for (auto it = refs->rbegin(); it != refs->rend(); ++it)
-        if (*it && **it == this) **it = nullptr;
+    auto indicators = std::move(_pFreeIndicators);
+    for (auto it = indicators.rbegin(); it != indicators.rend(); ++it) **it = true;
+    auto refs = std::move(_pRegPointers);
+    for (auto it = refs.rbegin(); it != refs.rend(); ++it)
+      if (*it && **it == this) **it = nullptr;
   }
   // Whatever was created after the first phase.
   if (TQUMAPersistentWrapper* wrapper = std::exchange(_pWrapper, nullptr)) Free(wrapper);
@@ -678,10 +694,10 @@ void TQUMAOpportunisticReferencingStringList::TakeReference(TQUMAReferencedPersi
       p->AddMemLockReference(this, Callback());
   } else if (Holder == this) {
     p->AddNotifyReference(this, Callback());
-  } else if (TQUMAReferencedPersistent* r = QUMAAsReferenced(Holder)) {
-    p->AddNotifyReference(r);
-  } else if (auto* c = dynamic_cast<TComponent*>(Holder)) {
-    p->AddNotifyReference(c);
+  } else if (const auto kind = detail::KindOf(Holder); kind == detail::TLockerKind::lkReferenced) {
+    p->AddNotifyReference(static_cast<TQUMAReferencedPersistent*>(Holder));
+  } else if (kind == detail::TLockerKind::lkComponent) {
+    p->AddNotifyReference(static_cast<TComponent*>(Holder));
   }
 }
 
@@ -692,10 +708,10 @@ bool TQUMAOpportunisticReferencingStringList::DropReference(TQUMAReferencedPersi
     p->RemoveMemLockReference(Holder, &deleted);
   } else if (Holder == this) {
     p->RemoveNotifyReference(this, Callback());
-  } else if (TQUMAReferencedPersistent* r = QUMAAsReferenced(Holder)) {
-    p->RemoveNotifyReference(r);
-  } else if (auto* c = dynamic_cast<TComponent*>(Holder)) {
-    p->RemoveNotifyReference(c);
+  } else if (const auto kind = detail::KindOf(Holder); kind == detail::TLockerKind::lkReferenced) {
+    p->RemoveNotifyReference(static_cast<TQUMAReferencedPersistent*>(Holder));
+  } else if (kind == detail::TLockerKind::lkComponent) {
+    p->RemoveNotifyReference(static_cast<TComponent*>(Holder));
   }
   return deleted;
 }

@@ -23,7 +23,9 @@
 // at a time (only the live-object registry behind QUMAIsFreed is shared and locked).
 #pragma once
 
-#include <list>
+#include <algorithm>
+#include <cstdint>
+#include <iterator>
 #include <memory>
 #include <unordered_map>
 #include <utility>
@@ -90,20 +92,145 @@ bool QUMAIsFreeing(const TQUMAReferencedPersistent* p) noexcept;
 TQUMAReferencedPersistent* QUMAAsReferenced(TObject* p) noexcept;
 
 namespace detail {
+// A short list kept in place while it holds at most N items (most objects have one locker, one
+// callback holder, a free indicator or two), on the heap beyond that. Order is kept.
+template <class T, std::size_t N>
+class TSmallList {
+  static_assert(std::is_trivially_copyable_v<T>);
+
+ public:
+  TSmallList() noexcept = default;
+  TSmallList(TSmallList&& o) noexcept : FHeap(std::move(o.FHeap)), FInlineSize(o.FInlineSize) {
+    std::copy(o.FInline, o.FInline + o.FInlineSize, FInline);
+    o.clear();
+  }
+  TSmallList& operator=(TSmallList&& o) noexcept {
+    if (this != &o) {
+      FHeap = std::move(o.FHeap);
+      FInlineSize = o.FInlineSize;
+      std::copy(o.FInline, o.FInline + o.FInlineSize, FInline);
+      o.clear();
+    }
+    return *this;
+  }
+
+  T* begin() noexcept { return FHeap ? FHeap->data() : FInline; }
+  T* end() noexcept { return begin() + size(); }
+  const T* begin() const noexcept { return FHeap ? FHeap->data() : FInline; }
+  const T* end() const noexcept { return begin() + size(); }
+  std::reverse_iterator<T*> rbegin() noexcept { return std::reverse_iterator<T*>(end()); }
+  std::reverse_iterator<T*> rend() noexcept { return std::reverse_iterator<T*>(begin()); }
+  std::size_t size() const noexcept { return FHeap ? FHeap->size() : FInlineSize; }
+  bool empty() const noexcept { return size() == 0; }
+  T& operator[](std::size_t i) noexcept { return begin()[i]; }
+  const T& operator[](std::size_t i) const noexcept { return begin()[i]; }
+
+  void push_back(const T& value) {
+    if (!FHeap && FInlineSize < N) {
+      FInline[FInlineSize++] = value;
+      return;
+    }
+    if (!FHeap) {
+      auto heap = std::make_unique<std::vector<T>>();
+      heap->reserve(N * 2 + 2);
+      heap->assign(FInline, FInline + FInlineSize);
+      FHeap = std::move(heap);
+      FInlineSize = 0;
+    }
+    FHeap->push_back(value);
+  }
+  void erase(T* pos) noexcept {
+    if (FHeap) {
+      FHeap->erase(FHeap->begin() + (pos - FHeap->data()));
+      return;
+    }
+    std::copy(pos + 1, FInline + FInlineSize, pos);
+    --FInlineSize;
+  }
+  void clear() noexcept {
+    FHeap.reset();
+    FInlineSize = 0;
+  }
+
+ private:
+  T FInline[N] = {};
+  std::unique_ptr<std::vector<T>> FHeap;  // once more than N items were held
+  std::uint32_t FInlineSize = 0;
+};
+
+// Values by object, the first one kept in place.
+template <class V>
+class TInlineMap {
+ public:
+  V* Find(const TObject* key) noexcept {
+    if (FHasFirst && FFirstKey == key) return &FFirstValue;
+    if (!FMore || FMore->empty()) return nullptr;
+    auto it = FMore->find(key);
+    return it == FMore->end() ? nullptr : &it->second;
+  }
+  const V* Find(const TObject* key) const noexcept { return const_cast<TInlineMap*>(this)->Find(key); }
+  // The key must not be present.
+  void Insert(const TObject* key, const V& value) {
+    if (!FHasFirst) {
+      FFirstKey = key;
+      FFirstValue = value;
+      FHasFirst = true;
+      return;
+    }
+    if (!FMore) FMore = std::make_unique<std::unordered_map<const TObject*, V>>();
+    FMore->emplace(key, value);
+  }
+  bool Erase(const TObject* key) {
+    if (FHasFirst && FFirstKey == key) {
+      FHasFirst = false;
+      FFirstValue = V{};
+      return true;
+    }
+    return FMore && FMore->erase(key) != 0;
+  }
+  std::size_t Count() const noexcept { return (FHasFirst ? 1 : 0) + (FMore ? FMore->size() : 0); }
+  void Clear() noexcept {
+    FHasFirst = false;
+    FFirstValue = V{};
+    FMore.reset();
+  }
+
+ private:
+  const TObject* FFirstKey = nullptr;
+  V FFirstValue{};
+  bool FHasFirst = false;
+  std::unique_ptr<std::unordered_map<const TObject*, V>> FMore;
+};
+
 // Callback holders in the order they first asked (the order in which they are told).
 class TNotifyHolders {
  public:
-  bool Empty() const noexcept { return FIndex.empty(); }
-  std::size_t Count() const noexcept { return FIndex.size(); }
-  void Set(TObject* key, const TQUMAReferencedNotification& fn);
-  const TQUMAReferencedNotification* Find(const TObject* key) const noexcept;
-  bool Remove(const TObject* key);
-  std::vector<TObject*> Keys() const;
+  bool Empty() const noexcept { return FOrder.empty(); }
+  std::size_t Count() const noexcept { return FOrder.size(); }
+  void Set(TObject* key, const TQUMAReferencedNotification& fn) {
+    if (TQUMAReferencedNotification* stored = FValues.Find(key)) {
+      *stored = fn;
+      return;
+    }
+    FOrder.push_back(key);
+    FValues.Insert(key, fn);
+  }
+  const TQUMAReferencedNotification* Find(const TObject* key) const noexcept { return FValues.Find(key); }
+  bool Remove(const TObject* key) {
+    if (!FValues.Erase(key)) return false;
+    auto pos = std::find(FOrder.rbegin(), FOrder.rend(), key);
+    if (pos != FOrder.rend()) FOrder.erase(std::next(pos).base());
+    return true;
+  }
+  std::vector<TObject*> Keys() const { return std::vector<TObject*>(FOrder.begin(), FOrder.end()); }
+  void Clear() noexcept {
+    FOrder.clear();
+    FValues.Clear();
+  }
 
  private:
-  using TEntries = std::list<std::pair<TObject*, TQUMAReferencedNotification>>;
-  TEntries FEntries;
-  std::unordered_map<const TObject*, TEntries::iterator> FIndex;
+  TSmallList<TObject*, 1> FOrder;
+  TInlineMap<TQUMAReferencedNotification> FValues;
 };
 
 // Lets a loop notice that a handler freed the container it walks (the container kills every
@@ -135,9 +262,11 @@ class TLifeFlag {
 // How a locker learns of the object's death, fixed when it first locks.
 enum class TLockerKind : Byte { lkOther, lkReferenced, lkComponent };
 struct TLockEntry {
-  Integer Count;
-  TLockerKind Kind;
+  Integer Count = 0;
+  TLockerKind Kind = TLockerKind::lkOther;
 };
+// The kind of a live holder, from its class (no registry look-up).
+TLockerKind KindOf(const TObject* Holder) noexcept;
 }  // namespace detail
 
 class TQUMAReferencedPersistent : public TPersistent, public IInterface {
@@ -239,13 +368,16 @@ class TQUMAReferencedPersistent : public TPersistent, public IInterface {
   // The callback a holder stored, or null.
   const TQUMAReferencedNotification* CustomNotification(const TObject* Holder) const;
 
+  // The bookkeeping is held in place (empty containers cost no allocation) and released by the
+  // destructor, after which _blFreed is set and every reference operation does nothing. The
+  // consumer list is created with the first consumer.
   Cardinal _nCreateSequence;
-  std::unique_ptr<std::vector<TObject*>> _pLockers;
+  detail::TSmallList<TObject*, 1> _pLockers;
   TQUMAReferencedList<TQUMAReferencedPersistent>* _pConsumers = nullptr;
-  std::unique_ptr<detail::TNotifyHolders> _dctCustomNotify;
-  std::unique_ptr<std::unordered_map<const TObject*, detail::TLockEntry>> _pMultiLock;
-  std::unique_ptr<std::vector<bool*>> _pFreeIndicators;
-  std::unique_ptr<std::vector<PQUMAReferencedPersistent>> _pRegPointers;
+  detail::TNotifyHolders _dctCustomNotify;
+  detail::TInlineMap<detail::TLockEntry> _pMultiLock;
+  detail::TSmallList<bool*, 2> _pFreeIndicators;
+  detail::TSmallList<PQUMAReferencedPersistent, 2> _pRegPointers;
   TPersistent* _pOwner = nullptr;
   TQUMAPersistentWrapper* _pWrapper = nullptr;
   TQUMAReferencedPersistentStates _RPState;
@@ -258,6 +390,7 @@ class TQUMAReferencedPersistent : public TPersistent, public IInterface {
   friend bool QUMAIsFreeing(const TQUMAReferencedPersistent* p) noexcept;
 
   void StoreOwner(TPersistent* Value);
+  TQUMAReferencedList<TQUMAReferencedPersistent>* NeedConsumers();
   void RunDestructionPhaseOne();
   void EraseLockerAt(std::size_t index);
   bool LeaveTwilight();  // false when the leave handler freed the object
@@ -537,10 +670,10 @@ class TQUMAReferencedList : public TQUMASubscribedList<T*> {
         item->AddMemLockReference(this, Callback());
     } else if (Holder == this) {
       item->AddNotifyReference(this, Callback());
-    } else if (TQUMAReferencedPersistent* r = QUMAAsReferenced(Holder)) {
-      item->AddNotifyReference(r);
-    } else if (auto* c = dynamic_cast<TComponent*>(Holder)) {
-      item->AddNotifyReference(c);
+    } else if (const auto kind = detail::KindOf(Holder); kind == detail::TLockerKind::lkReferenced) {
+      item->AddNotifyReference(static_cast<TQUMAReferencedPersistent*>(Holder));
+    } else if (kind == detail::TLockerKind::lkComponent) {
+      item->AddNotifyReference(static_cast<TComponent*>(Holder));
     }
   }
   void DropReference(T* Item, TObject* Holder, TQUMAReferenceAction Action) {
@@ -550,10 +683,10 @@ class TQUMAReferencedList : public TQUMASubscribedList<T*> {
       item->RemoveMemLockReference(Holder, nullptr);
     } else if (Holder == this) {
       item->RemoveNotifyReference(this, Callback());
-    } else if (TQUMAReferencedPersistent* r = QUMAAsReferenced(Holder)) {
-      item->RemoveNotifyReference(r);
-    } else if (auto* c = dynamic_cast<TComponent*>(Holder)) {
-      item->RemoveNotifyReference(c);
+    } else if (const auto kind = detail::KindOf(Holder); kind == detail::TLockerKind::lkReferenced) {
+      item->RemoveNotifyReference(static_cast<TQUMAReferencedPersistent*>(Holder));
+    } else if (kind == detail::TLockerKind::lkComponent) {
+      item->RemoveNotifyReference(static_cast<TComponent*>(Holder));
     }
   }
 
