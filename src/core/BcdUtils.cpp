@@ -38,17 +38,18 @@ const TRegex& NumberPattern(WideChar t, WideChar d) {
   // The last pattern a thread used is remembered without locking; entries are never removed.
   thread_local const PatternEntry* last = nullptr;
   if (last && last->Thousands == t && last->Decimal == d) return *last->Regex;
-  static std::mutex lock;
-  static std::vector<std::unique_ptr<PatternEntry>> entries;
-  std::lock_guard guard(lock);
-  for (const auto& e : entries)
+  // Never destroyed: threads may still hold `last` while the process shuts down.
+  static std::mutex* const lock = new std::mutex;
+  static auto* const entries = new std::vector<std::unique_ptr<PatternEntry>>;
+  std::lock_guard guard(*lock);
+  for (const auto& e : *entries)
     if (e->Thousands == t && e->Decimal == d) {
       last = e.get();
       return *e->Regex;
     }
   auto regex = std::make_unique<const TRegex>(UnicodeStringView(BuildPattern(t, d)), TPerlRegExOptions{preCaseLess});
-  entries.push_back(std::make_unique<PatternEntry>(PatternEntry{t, d, std::move(regex)}));
-  last = entries.back().get();
+  entries->push_back(std::make_unique<PatternEntry>(PatternEntry{t, d, std::move(regex)}));
+  last = entries->back().get();
   return *last->Regex;
 }
 

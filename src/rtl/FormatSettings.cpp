@@ -85,9 +85,10 @@ struct DefaultStore {
   }
 };
 
+// Never destroyed, so code that formats numbers during static destruction still finds it.
 DefaultStore& Store() {
-  static DefaultStore store;
-  return store;
+  static DefaultStore* const store = new DefaultStore;
+  return *store;
 }
 
 }  // namespace
