@@ -74,7 +74,17 @@ Integer CompareMixed(std::string_view a8, UnicodeStringView b16, int sign) {
   Utf8Reader a(a8);
   std::size_t j = 0;
   while (!a.AtEnd() && j < b16.size()) {
-    // Runs of equal ASCII need no decoding.
+    // Eight ASCII bytes equal to eight code units need no decoding.
+    while (a.Remaining() >= 8 && b16.size() - j >= 8) {
+      const unsigned char* p = a.Here();
+      if ((Load8(p) & kHighBits) != 0) break;
+      unsigned diff = 0;
+      for (std::size_t k = 0; k < 8; ++k) diff |= static_cast<unsigned>(p[k] ^ b16[j + k]);
+      if (diff != 0) break;
+      a.Skip(8);
+      j += 8;
+    }
+    if (a.AtEnd() || j >= b16.size()) break;
     const unsigned char c = *a.Here();
     if (c < 0x80 && c == b16[j]) {
       a.Skip(1);
