@@ -149,14 +149,20 @@ const TFormatSettings& USFormatSettings = gUSFormatSettings;
 Integer UTF8CompareStr(std::string_view A, std::string_view B) {
   Utf8Reader a(A), b(B);
   while (!a.AtEnd() && !b.AtEnd()) {
-    // Eight equal ASCII bytes at a time: equal bytes below 0x80 are equal code points.
-    while (a.Remaining() >= 8 && b.Remaining() >= 8) {
-      const std::uint64_t wa = Load8(a.Here()), wb = Load8(b.Here());
-      if (wa != wb || ((wa | wb) & kHighBits) != 0) break;
-      a.Skip(8);
-      b.Skip(8);
+    const unsigned x = *a.Here(), y = *b.Here();
+    if ((x | y) < 0x80) {
+      // ASCII on both sides needs no decoding; equal runs go eight bytes at a time.
+      if (x != y) return y > x ? -1 : 1;
+      a.Skip(1);
+      b.Skip(1);
+      while (a.Remaining() >= 8 && b.Remaining() >= 8) {
+        const std::uint64_t wa = Load8(a.Here()), wb = Load8(b.Here());
+        if (wa != wb || (wa & kHighBits) != 0) break;
+        a.Skip(8);
+        b.Skip(8);
+      }
+      continue;
     }
-    if (a.AtEnd() || b.AtEnd()) break;
     // A is read before B, so when both are malformed A's error is the one reported.
     const char32_t ca = a.Next();
     const char32_t cb = b.Next();
