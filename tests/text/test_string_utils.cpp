@@ -60,6 +60,14 @@ TEST(UTF8CompareStr, MixedFormsCompareCodeUnitsAndStoredLengths) {
   EXPECT_EQ(UTF8CompareStr(u"\u00E9", "\xC3\xA9"), -1);
   // No surrogate pairing: U+1F600 against its high surrogate 0xD83D.
   EXPECT_EQ(UTF8CompareStr("\xF0\x9F\x98\x80", u"\U0001F600"), 1);
+  // Long texts with the difference on either side of the eight-unit steps, after a multi-byte character.
+  const std::string prefix = std::string(20, 'x') + "\xC3\xA9" + std::string(40, 'x');
+  for (std::size_t pos : {0u, 7u, 8u, 30u, 61u}) {
+    UnicodeString b = Utf8ToUtf16(prefix);
+    b[pos < 20 ? pos : pos - 1] = u'y';
+    EXPECT_EQ(UTF8CompareStr(prefix, b), -1) << pos;
+    EXPECT_EQ(UTF8CompareStr(b, prefix), 1) << pos;
+  }
   // Agrees with the UTF-8 form on random ASCII text.
   std::mt19937 rng(5);
   std::uniform_int_distribution<int> len(0, 20), ch('a', 'd');
