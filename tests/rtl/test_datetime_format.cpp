@@ -77,7 +77,7 @@ TEST(DateTimeValue, SystemClockConversions) {
 
 TEST(DateTimeFormatter, PatternLetters) {
   const TFormatSettings gb = TFormatSettings::Create(u"en-GB");
-  const TFormatSettings us = TFormatSettings::Create(u"en_us");
+  const TFormatSettings us = TFormatSettings::Create(u"en_us");  // names in any case and either separator
   const TDateTime v = EncodeDateTime(2024, 3, 5, 14, 7, 9, 45);
   EXPECT_EQ(FormatDateTime(u"d dd ddd dddd", v, gb), u"5 05 Tue Tuesday");
   EXPECT_EQ(FormatDateTime(u"m mm mmm mmmm yy yyyy", v, gb), u"3 03 Mar March 24 2024");
@@ -85,6 +85,7 @@ TEST(DateTimeFormatter, PatternLetters) {
   EXPECT_EQ(FormatDateTime(u"hh:mm", v, gb), u"14:07");  // minutes right after an hour
   EXPECT_EQ(FormatDateTime(u"ddddd", v, gb), u"05/03/2024");
   EXPECT_EQ(FormatDateTime(u"ddddd", v, us), u"3/5/2024");
+  EXPECT_EQ(FormatDateTime(u"ddddd", v, TFormatSettings::Create(u"xx-YY")), u"03/05/2024");  // unknown: invariant
   EXPECT_EQ(FormatDateTime(u"dddddd", v, us), u"Tuesday, March 5, 2024");
   EXPECT_EQ(FormatDateTime(u"tt", v, us), u"2:07:09 PM");
   EXPECT_EQ(FormatDateTime(u"h am/pm A/P", v, gb), u"2 pm P");
@@ -95,15 +96,6 @@ TEST(DateTimeFormatter, PatternLetters) {
   de.DateSeparator = u'.';
   EXPECT_EQ(FormatDateTime(u"dd/mm/yyyy", v, de), u"05.03.2024");
   EXPECT_EQ(FormatDateTime(u"yyyy", EncodeDate(33, 1, 1), gb), u"0033");
-}
-
-TEST(FormatSettingsTables, FixedAndIndependentOfTheMachine) {
-  const TFormatSettings us = TFormatSettings::Create(u"EN-US");
-  EXPECT_EQ(us.CurrencyString, u"$");
-  EXPECT_EQ(us.LongDayNames[6], u"Saturday");
-  const TFormatSettings other = TFormatSettings::Create(u"xx-YY");  // unknown: invariant
-  EXPECT_EQ(other.DecimalSeparator, u'.');
-  EXPECT_EQ(other.ShortMonthNames[4], u"May");
 }
 
 TEST(FormatSettingsTables, DefaultCanBeReplaced) {
