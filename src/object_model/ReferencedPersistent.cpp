@@ -464,8 +464,10 @@ void TQUMAReferencedPersistent::NotificationRef(TQUMAReferencedPersistent* Other
   RegisterFreeIndicator(deleted);
 
   if (HasConsumer(Other)) RemoveNotifyReference(Other);
-  // A dying locker forgets what it locked.
-  if (!deleted && Other && Other != this && IsLockedBy(Other)) Other->NotificationRef(this, opRemove);
+  // A dying locker forgets what it locked. An object that is itself going does not tell back:
+  // with two objects that lock each other that would bounce between them for ever.
+  if (!deleted && Other && Other != this && !_RPState.Contains(_rpFreeing) && IsLockedBy(Other))
+    Other->NotificationRef(this, opRemove);
   if (!deleted) UnregisterFreeIndicator(deleted);
   // All of the locks go, one at a time; the last one may free this object.
   while (!deleted && self && other && IsLockedBy(other)) RemoveMemLockReference(other, &deleted);

@@ -97,6 +97,19 @@ TEST_F(LockCounts, FreeingAReferencedLockerRemovesAllOfItsLocks) {
   EXPECT_FALSE(watch);  // both locks went, and x freed itself
 }
 
+TEST_F(LockCounts, ObjectsThatLockEachOtherGoTogether) {
+  auto* a = New<TNode>(nullptr, "a");
+  auto* b = New<TNode>(nullptr, "b");
+  auto* c = New<TNode>(nullptr, "c");
+  a->AddMemLockReference(b);  // b locks a
+  b->AddMemLockReference(a);  // a locks b
+  c->AddMemLockReference(b);  // b locks c
+  TQUMAGuardedPtr<TNode> gb(b), gc(c);
+  Free(a);  // b loses a's lock and frees itself, which lets c go too
+  EXPECT_FALSE(gb);
+  EXPECT_FALSE(gc);
+}
+
 TEST_F(LockCounts, FreeingAComponentLockerRemovesOneLockOnly) {
   auto* x = New<TNode>(nullptr, "x");
   auto* c = New<TWatcher>();
