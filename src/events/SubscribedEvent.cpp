@@ -105,7 +105,9 @@ bool TQUMASubscribedEvent::IsSubscribed(const TNotifyEvent& fnCallback) const {
 void TQUMASubscribedEvent::PopulateCallbacks(TQUMACallbackList* pTarget) const {
   TQUMACallbackList* const list = _fnaCallbacks;
   if (!pTarget || !list) return;
-  for (std::size_t i = 0; i < list->ToVector().size(); ++i) pTarget->Add(list->ToVector()[i]);
+  // The current subscribers only, even when the target is the event's own list.
+  const std::size_t count = list->ToVector().size();
+  for (std::size_t i = 0; i < count && i < list->ToVector().size(); ++i) pTarget->Add(list->ToVector()[i]);
 }
 
 void TQUMASubscribedEvent::PrioritySubscribe(const TNotifyEvent& fnCallback) {
