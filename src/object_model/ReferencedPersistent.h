@@ -620,6 +620,10 @@ class TQUMAReferencedList : public TQUMASubscribedList<T*> {
   }
 
  protected:
+  // A handler that frees the list while it is already being destroyed (it asks for that from a
+  // removal notification of the final Clear) leaves the release to the outer Free.
+  bool EnterDestruction() noexcept override { return !std::exchange(FInDestruction, true); }
+
   ~TQUMAReferencedList() override {
     detail::TLifeFlag::KillAll(FAlive);
     FAlive = nullptr;
@@ -731,6 +735,7 @@ class TQUMAReferencedList : public TQUMASubscribedList<T*> {
   std::unordered_map<const TQUMAReferencedPersistent*, Integer> FIndex;
   std::vector<TPendingRemoval> FPending;  // removals being notified, innermost last
   detail::TLifeFlag* FAlive = nullptr;
+  bool FInDestruction = false;
 };
 
 // ---- TQUMAPersistentWrapper ----

@@ -120,6 +120,18 @@ TEST(ReferencedList, ListFreedFromInsideARemovalHandler) {
   watcher.FreeOnRemove = true;
   list2->Clear();  // freed by the handler of its own Clear
   EXPECT_TRUE(QUMAIsFreed(z));
+
+  // Freed again by a handler while the list empties itself on the way out.
+  auto* list3 = New<TNodeList>();
+  auto* u = New<TNode>(nullptr, "u");
+  auto* v = New<TNode>(nullptr, "v");
+  list3->Add(u);
+  list3->Add(v);
+  list3->SetOnNotify(Bind<&TListWatcher::Changed>(&watcher));
+  watcher.FreeOnRemove = true;
+  Free(list3);
+  EXPECT_TRUE(QUMAIsFreed(u));
+  EXPECT_TRUE(QUMAIsFreed(v));
 }
 
 TEST(ReferencedList, ClearGoesFromLastToFirstAndNotifyListsOnlyWatch) {
