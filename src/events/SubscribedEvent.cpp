@@ -83,7 +83,10 @@ void TQUMASubscribedEvent::Block() {
 
 void TQUMASubscribedEvent::FireCallbacks() {
   static constexpr bool kNeverStop = false;
-  FireCallbacksWhileFalse(kNeverStop);
+  if (_IsBlocked())
+    CountSuppressedFiring();
+  else
+    _FireCallbacks(kNeverStop);
 }
 
 void TQUMASubscribedEvent::FireCallbacksWhileFalse(const bool& pStop) {

@@ -128,13 +128,6 @@ TEST_F(SubscribedList, DeleteWhenCompleteFreesOnceAfterEverythingElse) {
                   "-3", "h1 removed 3", "h2 removed 3", "-3 done", "-4", "h1 removed 4", "h2 removed 4", "-4 done"}));
 }
 
-TEST_F(SubscribedList, SelfDeletionStopsAMultiItemChange) {
-  for (int i = 0; i < 4; ++i) list->Add(i);
-  h1->Action = [&](TLoggingList* l, int, TCollectionNotification) { l->DeleteWhenNotificationsComplete(); };
-  list->DeleteRange(0, 3);
-  EXPECT_EQ(destroyed, 1);
-}
-
 TEST_F(SubscribedList, DeletionAskedForDuringDestructionIsNotRepeated) {
   list->Add(1);
   list->Add(2);
