@@ -26,8 +26,6 @@ class TQUMANamedReferencedList : public TQUMAReferencedPersistent {
   const UnicodeString& Name() const noexcept { return FName; }
   void SetName(UnicodeString Value) { FName = std::move(Value); }
   TQUMAReferencedList<T>* Items() const noexcept { return FItems; }
-
- protected:
   ~TQUMANamedReferencedList() override { Free(std::exchange(FItems, nullptr)); }
 
  private:

@@ -358,8 +358,11 @@ class TQUMAReferencedPersistent : public TPersistent, public IInterface {
   Integer _Release() override { return -1; }
   bool GetInterface(const TGUID& IID, void** Obj) override;
 
- protected:
+  // Public so that the class and its descendants can be created through their class reference
+  // (the virtual constructor); release objects with Free, never with delete.
   ~TQUMAReferencedPersistent() override;
+
+ protected:
   TPersistent* GetOwner() const override { return _GetOwner(); }
   bool EnterDestruction() noexcept override;
 
@@ -797,9 +800,9 @@ class TQUMAReferencedPersistentSafeBox : public TQUMAReferencedPersistent {
   void SetOnObjectRemoved(TNotifyEvent Value) noexcept { _fnObjectRemoved = Value; }
 
   void NotificationRef(TQUMAReferencedPersistent* Other, TOperation op) override;
+  ~TQUMAReferencedPersistentSafeBox() override;
 
  protected:
-  ~TQUMAReferencedPersistentSafeBox() override;
 
   TQUMAReferencedList<TQUMAReferencedPersistent>* _pKeptObjects = nullptr;
   TNotifyEvent _fnObjectRemoved;

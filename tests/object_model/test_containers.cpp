@@ -40,7 +40,36 @@ TEST(ReferencedList, LocksItemsForItsReferencingObject) {
   EXPECT_EQ(list->Count(), 1);
   Free(list);  // y loses its lock too
   EXPECT_TRUE(QUMAIsFreed(y));
+
+  // An item freed by other hands stays in a list that holds it for somebody else (a is told,
+  // not the list); the list never touches it again.
+  auto* list2 = New<TNodeList>(a);
+  auto* z = New<TNode>(nullptr, "z");
+  list2->Add(z);
+  Free(z);
+  EXPECT_EQ(list2->Count(), 1);
+  EXPECT_EQ(a->NotifyReferenceCount(), 0);
+  list2->Clear();
+  Free(list2);
   Free(a);
+}
+
+TEST(ReferencedList, ExtractAndReplaceMoveTheReferences) {
+  auto* list = New<TNodeList>();
+  auto* x = New<TNode>(nullptr, "x");
+  auto* y = New<TNode>(nullptr, "y");
+  THolder keeper;
+  x->AddMemLockReference(&keeper);
+  list->Add(x);
+  list->SetItem(0, y);  // x loses the list's lock, y gains it
+  EXPECT_FALSE(x->IsLockedBy(list));
+  EXPECT_TRUE(y->IsLockedBy(list));
+  TQUMAGuardedPtr<TNode> gy(y);
+  list->Extract(y);  // an extracted item loses its reference too
+  EXPECT_FALSE(gy);
+  EXPECT_EQ(list->RemoveItem(y), -1);
+  x->RemoveMemLockReference(&keeper);
+  Free(list);
 }
 
 TEST(ReferencedList, MovingTheReferencingObjectFreesNothing) {
@@ -255,6 +284,19 @@ class TBoxKiller : public TObject {
   TQUMAReferencedPersistentSafeBox* Box = nullptr;
 };
 }  // namespace
+
+TEST(SafeBox, CreatedThroughItsClass) {
+  TQUMAReferencedPersistent* made =
+      TQUMAReferencedPersistentClass(TQUMAReferencedPersistentSafeBox::StaticClass()).Create(nullptr);
+  auto* box = dynamic_cast<TQUMAReferencedPersistentSafeBox*>(made);
+  ASSERT_NE(box, nullptr);
+  EXPECT_FALSE(box->FreeOnDestroy());
+  auto* x = New<TNode>(nullptr, "x");
+  box->Add(x);  // the kept-objects list exists once construction is complete
+  EXPECT_EQ(box->Count(), 1);
+  Free(box);
+  EXPECT_TRUE(QUMAIsFreed(x));
+}
 
 TEST(SafeBox, BoxFreedFromItsOwnRemovalCallback) {
   auto* box = New<TQUMAReferencedPersistentSafeBox>(nullptr);

@@ -498,5 +498,10 @@ TEST(Surface, CreationSequenceAndVirtualConstructor) {
   Free(a);
   EXPECT_EQ(made->Owner(), nullptr);
   Free(made);
+  TQUMAReferencedPersistent* base =
+      TQUMAReferencedPersistentClass(TQUMAReferencedPersistent::StaticClass()).Create(b);
+  ASSERT_NE(base, nullptr);
+  EXPECT_EQ(b->NotifyReferenceCount(), 1);
   Free(b);
+  Free(base);
 }
