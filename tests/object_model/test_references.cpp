@@ -1,5 +1,7 @@
 // Lock and unlock counts, self-freeing, twilight, silent references and free indicators,
 // destruction order and the free functions of the referenced persistent.
+#include <thread>
+
 #include "Helpers.h"
 
 using namespace omtest;
@@ -504,4 +506,26 @@ TEST(Surface, CreationSequenceAndVirtualConstructor) {
   EXPECT_EQ(b->NotifyReferenceCount(), 1);
   Free(b);
   Free(base);
+}
+
+TEST(Threads, ObjectsOfDifferentThreadsLiveAndDieIndependently) {
+  // Each thread owns its objects; only the registry behind QUMAIsFreed is shared.
+  auto work = [](std::vector<TQUMAReferencedPersistent*>* dead) {
+    THolder holder;
+    for (int i = 0; i < 2000; ++i) {
+      auto* x = New<TNode>(nullptr, "x");
+      x->AddMemLockReference(&holder);
+      EXPECT_FALSE(QUMAIsFreed(x));
+      x->RemoveMemLockReference(&holder);
+      dead->push_back(x);
+    }
+  };
+  std::vector<TQUMAReferencedPersistent*> deadA, deadB;
+  std::thread a(work, &deadA), b(work, &deadB);
+  a.join();
+  b.join();
+  std::size_t reportedFreed = 0;
+  for (auto* p : deadA) reportedFreed += QUMAIsFreed(p);
+  for (auto* p : deadB) reportedFreed += QUMAIsFreed(p);
+  EXPECT_EQ(reportedFreed, deadA.size() + deadB.size());
 }
