@@ -114,16 +114,18 @@ class TList : public TObject {
   // Replaces an item: the old one is notified as removed, the new one as added.
   void SetItem(Integer index, T value) {
     CheckIndex(index, Count());
+    const T added = value;  // handlers may change the list, so they never see its storage
     T old = std::exchange(FItems[static_cast<std::size_t>(index)], std::move(value));
     detail::TAliveFlag alive(FAlive);
     Notify(old, cnRemoved);
-    if (alive.Alive) Notify(FItems[static_cast<std::size_t>(index)], cnAdded);
+    if (alive.Alive) Notify(added, cnAdded);
   }
 
   Integer Add(T value) {
+    const T added = value;  // handlers may grow the list, so they never see its storage
     FItems.push_back(std::move(value));
     const Integer index = Count() - 1;
-    Notify(FItems.back(), cnAdded);
+    Notify(added, cnAdded);
     return index;
   }
   void AddRange(const std::vector<T>& values) {
@@ -131,8 +133,9 @@ class TList : public TObject {
   }
   void Insert(Integer index, T value) {
     CheckIndex(index, Count() + 1);
-    auto it = FItems.insert(FItems.begin() + index, std::move(value));
-    Notify(*it, cnAdded);
+    const T added = value;
+    FItems.insert(FItems.begin() + index, std::move(value));
+    Notify(added, cnAdded);
   }
 
   Integer IndexOf(const T& value) const {
@@ -224,7 +227,8 @@ class TList : public TObject {
   TCollectionNotifyEvent OnNotify;
 
  protected:
-  // Called after every addition, extraction and removal. The default calls OnNotify.
+  // Called after every addition, extraction and removal, with a copy of the item (never a
+  // reference into the list, which the handler may change or free). The default calls OnNotify.
   virtual void Notify(const T& Item, TCollectionNotification Action) {
     if (OnNotify) OnNotify(this, Item, Action);
   }

@@ -19,9 +19,8 @@ bool TObject::GetInterface(const TGUID&, void** Obj) {
   return false;
 }
 
-TRecursiveLock& TObject::MonitorLock() const {
-  TRecursiveLock* lock = FMonitor.load(std::memory_order_acquire);
-  if (lock) return *lock;
+TRecursiveLock& TObject::CreateMonitor() const {
+  TRecursiveLock* lock = nullptr;
   auto* fresh = new TRecursiveLock;
   if (FMonitor.compare_exchange_strong(lock, fresh, std::memory_order_acq_rel, std::memory_order_acquire))
     return *fresh;

@@ -131,7 +131,10 @@ class TObject {
   virtual bool GetInterface(const TGUID& IID, void** Obj);
 
   // The object's re-entrant monitor, created on first use (see TMonitor).
-  TRecursiveLock& MonitorLock() const;
+  TRecursiveLock& MonitorLock() const {
+    if (TRecursiveLock* lock = FMonitor.load(std::memory_order_acquire)) return *lock;
+    return CreateMonitor();
+  }
 
  protected:
   virtual ~TObject();
@@ -144,6 +147,8 @@ class TObject {
   friend struct TObjectDeleter;
   template <class T, class... A>
   friend T* New(A&&... args);
+
+  TRecursiveLock& CreateMonitor() const;
 
   mutable std::atomic<TRecursiveLock*> FMonitor{nullptr};
 };
