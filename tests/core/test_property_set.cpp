@@ -71,23 +71,20 @@ struct Fixture : ::testing::Test {
 
 using PropertySetBatching = Fixture;
 
-TEST_F(PropertySetBatching, UnbatchedChangeDeliversHooksThenListener) {
-  set->SetValue(1);
+TEST_F(PropertySetBatching, OneDeliveryPerBatchHooksBeforeListener) {
+  set->SetValue(1);  // unbatched: delivered at once
   EXPECT_EQ(trace, (std::vector<std::string>{"before", "do", "after", "listener"}));
   EXPECT_EQ(listener->LastSender, set.get());
-}
-
-TEST_F(PropertySetBatching, ManyChangesInOneBatchDeliverOnce) {
+  trace.clear();
   set->BeginUpdate();
-  set->SetValue(1);
   set->SetValue(2);
   set->SetValue(3);
-  EXPECT_EQ(listener->Calls, 0);
+  set->SetValue(4);
   EXPECT_TRUE(set->InUpdate());
+  EXPECT_TRUE(trace.empty());
   set->EndUpdate();
-  EXPECT_EQ(listener->Calls, 1);
   EXPECT_EQ(trace, (std::vector<std::string>{"before", "do", "after", "listener"}));
-  EXPECT_FALSE(set->InUpdate());
+  EXPECT_EQ(listener->Calls, 2);
 }
 
 TEST_F(PropertySetBatching, NestedBatchesDeliverAtTheOutermostEnd) {
@@ -204,17 +201,12 @@ class TCounted : public TQUMAPropertySet {
   }
 };
 
-TEST(PropertySetInterface, CountingIsOffByDefault) {
-  auto set = MakeObject<TCounted>();
-  EXPECT_EQ(set->_AddRef(), -1);
-  EXPECT_EQ(set->_Release(), -1);
-  EXPECT_FALSE(set->InterfaceCounted());
-}
-
-TEST(PropertySetInterface, LastReleaseFreesTheObject) {
+TEST(PropertySetInterface, CountingIsOptInAndTheLastReleaseFrees) {
   bool destroyed = false;
   auto* set = New<TCounted>();
   set->Destroyed = &destroyed;
+  EXPECT_EQ(set->_AddRef(), -1);  // off by default: nothing is counted
+  EXPECT_EQ(set->_Release(), -1);
   set->SetInterfaceCounted(true);
   set->SetInterfaceCounted(true);  // no change
   EXPECT_EQ(set->_AddRef(), 1);
