@@ -38,8 +38,10 @@ template <class T>
 struct CtorArity {};
 template <class... A>
 struct CtorArity<std::tuple<A...>> {
+  // A new-expression, not is_constructible: the latter also wants a public destructor, which
+  // object-model classes may hide.
   template <class T>
-  static constexpr bool Constructible = std::is_constructible_v<T, A...>;
+  static constexpr bool Constructible = requires(A... a) { new T(a...); };
 };
 }  // namespace detail
 

@@ -36,6 +36,15 @@ class TDerived : public TBase {
   std::string Kind() const override { return "derived"; }
 };
 
+class THiddenDestructor : public TBase {
+  QUMA_CLASS(THiddenDestructor, TBase)
+ public:
+  using TBase::TBase;
+
+ protected:
+  ~THiddenDestructor() override = default;  // only Free may destroy it
+};
+
 class TAbstractish : public TBase {
   QUMA_CLASS(TAbstractish, TBase)
  public:
@@ -67,6 +76,10 @@ TEST(ClassReferences, VirtualConstructorCreatesTheRunTimeClass) {
   EXPECT_EQ(copy->Kind(), "derived");
   Free(copy);
   EXPECT_EQ(TClassOf<TBase>(TAbstractish::StaticClass()).Create(1), nullptr);
+  TBase* hidden = TClassOf<TBase>(THiddenDestructor::StaticClass()).Create(2);
+  ASSERT_NE(hidden, nullptr);
+  EXPECT_EQ(hidden->ClassName(), u"THiddenDestructor");
+  Free(hidden);
 }
 
 TEST(ClassReferences, NamesAndInheritance) {
