@@ -295,7 +295,7 @@ Integer StrToIntDef(UnicodeStringView s, Integer def) noexcept {
 
 namespace {
 
-struct FormatSpec {
+struct TDirective {
   bool left = false;
   int width = -1;
   int precision = -1;
@@ -304,17 +304,17 @@ struct FormatSpec {
 
 void AppendAscii(UnicodeString& out, std::string_view s) { out.append(s.begin(), s.end()); }
 
-void Pad(UnicodeString& out, const UnicodeString& body, const FormatSpec& spec) {
+void Pad(UnicodeString& out, const UnicodeString& body, const TDirective& directive) {
   const auto len = static_cast<int>(body.size());
-  if (spec.width > len && !spec.left) out.append(static_cast<std::size_t>(spec.width - len), u' ');
+  if (directive.width > len && !directive.left) out.append(static_cast<std::size_t>(directive.width - len), u' ');
   out += body;
-  if (spec.width > len && spec.left) out.append(static_cast<std::size_t>(spec.width - len), u' ');
+  if (directive.width > len && directive.left) out.append(static_cast<std::size_t>(directive.width - len), u' ');
 }
 
-UnicodeString FormatFloat(double v, const FormatSpec& spec) {
+UnicodeString FormatFloat(double v, const TDirective& directive) {
   char buf[512];
-  const int prec = spec.precision;
-  switch (spec.type) {
+  const int prec = directive.precision;
+  switch (directive.type) {
     case u'f':
     case u'F':
       std::snprintf(buf, sizeof buf, "%.*f", prec < 0 ? 2 : std::min(prec, 18), v);
@@ -378,7 +378,7 @@ UnicodeString FormatV(UnicodeStringView fmt, const TFormatArg* args, std::size_t
       out.push_back(u'%');
       continue;
     }
-    FormatSpec spec;
+    TDirective directive;
     // Optional index "n:" or "*:".
     auto readNumber = [&](int& value) {
       if (i < fmt.size() && fmt[i] == u'*') {
@@ -407,21 +407,21 @@ UnicodeString FormatV(UnicodeStringView fmt, const TFormatArg* args, std::size_t
       }
     }
     if (i < fmt.size() && fmt[i] == u'-') {
-      spec.left = true;
+      directive.left = true;
       ++i;
     }
-    readNumber(spec.width);
+    readNumber(directive.width);
     if (i < fmt.size() && fmt[i] == u'.') {
       ++i;
-      spec.precision = 0;
-      readNumber(spec.precision);
+      directive.precision = 0;
+      readNumber(directive.precision);
     }
     if (i >= fmt.size()) throw invalid();
-    spec.type = fmt[i];
+    directive.type = fmt[i];
     if (next >= count) throw invalid();
     const auto& arg = args[next++].Get();
     UnicodeString body;
-    switch (UpCase(spec.type)) {
+    switch (UpCase(directive.type)) {
       case u'D':
       case u'U': {
         Int64 sv;
@@ -429,7 +429,7 @@ UnicodeString FormatV(UnicodeStringView fmt, const TFormatArg* args, std::size_t
         UInt64 mag;
         if (auto p = std::get_if<Int64>(&arg)) {
           sv = *p;
-          if (spec.type == u'u' || spec.type == u'U') {
+          if (directive.type == u'u' || directive.type == u'U') {
             mag = static_cast<UInt64>(static_cast<std::uint32_t>(sv));
             if (sv < INT32_MIN || sv > UINT32_MAX) mag = static_cast<UInt64>(sv);
           } else {
@@ -442,8 +442,8 @@ UnicodeString FormatV(UnicodeStringView fmt, const TFormatArg* args, std::size_t
           throw invalid();
         }
         UnicodeString digits = UIntToStr(mag);
-        if (spec.precision > static_cast<int>(digits.size()))
-          digits.insert(0, static_cast<std::size_t>(spec.precision) - digits.size(), u'0');
+        if (directive.precision > static_cast<int>(digits.size()))
+          digits.insert(0, static_cast<std::size_t>(directive.precision) - digits.size(), u'0');
         if (negative) body.push_back(u'-');
         body += digits;
         break;
@@ -460,7 +460,7 @@ UnicodeString FormatV(UnicodeStringView fmt, const TFormatArg* args, std::size_t
         } else {
           throw invalid();
         }
-        body = IntToHex(v, spec.precision < 0 ? 0 : spec.precision);
+        body = IntToHex(v, directive.precision < 0 ? 0 : directive.precision);
         break;
       }
       case u'S': {
@@ -472,8 +472,8 @@ UnicodeString FormatV(UnicodeStringView fmt, const TFormatArg* args, std::size_t
           body.assign(1, *r);
         else
           throw invalid();
-        if (spec.precision >= 0 && static_cast<std::size_t>(spec.precision) < body.size())
-          body.resize(static_cast<std::size_t>(spec.precision));
+        if (directive.precision >= 0 && static_cast<std::size_t>(directive.precision) < body.size())
+          body.resize(static_cast<std::size_t>(directive.precision));
         break;
       }
       case u'C': {
@@ -492,7 +492,7 @@ UnicodeString FormatV(UnicodeStringView fmt, const TFormatArg* args, std::size_t
           v = *p;
         else
           throw invalid();
-        body = FormatFloat(v, spec);
+        body = FormatFloat(v, directive);
         break;
       }
       case u'P': {
@@ -505,7 +505,7 @@ UnicodeString FormatV(UnicodeStringView fmt, const TFormatArg* args, std::size_t
       default:
         throw invalid();
     }
-    Pad(out, body, spec);
+    Pad(out, body, directive);
   }
   return out;
 }
