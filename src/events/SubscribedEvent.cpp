@@ -29,8 +29,8 @@ int TQUMACallbackList::_CompareCallbacks(const TNotifyEvent& Left, const TNotify
 }
 
 void TQUMACallbackList::InvokeCallbacks(TObject* Sender) {
-  for (std::size_t i = 0; i < ToVector().size(); ++i) {
-    const TNotifyEvent entry = ToVector()[i];
+  for (std::size_t i = 0; i < View().size(); ++i) {
+    const TNotifyEvent entry = View()[i];
     if (entry) entry(Sender);
   }
 }
@@ -100,7 +100,7 @@ bool TQUMASubscribedEvent::IsSubscribed(const TNotifyEvent& fnCallback) const {
   TQUMACallbackList* const list = _fnaCallbacks;
   if (!list) return false;
   TMonitorGuard lock(list);
-  for (const TNotifyEvent& entry : list->ToVector())
+  for (const TNotifyEvent& entry : list->View())
     if (entry.Code() == fnCallback.Code() && entry.Data() == fnCallback.Data()) return true;
   return false;
 }
@@ -109,8 +109,8 @@ void TQUMASubscribedEvent::PopulateCallbacks(TQUMACallbackList* pTarget) const {
   TQUMACallbackList* const list = _fnaCallbacks;
   if (!pTarget || !list) return;
   // The current subscribers only, even when the target is the event's own list.
-  const std::size_t count = list->ToVector().size();
-  for (std::size_t i = 0; i < count && i < list->ToVector().size(); ++i) pTarget->Add(list->ToVector()[i]);
+  const std::size_t count = list->View().size();
+  for (std::size_t i = 0; i < count && i < list->View().size(); ++i) pTarget->Add(list->View()[i]);
 }
 
 void TQUMASubscribedEvent::PrioritySubscribe(const TNotifyEvent& fnCallback) {
@@ -150,8 +150,8 @@ void TQUMASubscribedEvent::TransferSubscriptions(TQUMASubscribedEvent* pToEvent)
   TQUMACallbackList* const list = _fnaCallbacks;
   if (!pToEvent || pToEvent == this || !list) return;
   TMonitorGuard lock(list);
-  for (std::size_t i = 0; i < list->ToVector().size(); ++i) {
-    const TNotifyEvent entry = list->ToVector()[i];
+  for (std::size_t i = 0; i < list->View().size(); ++i) {
+    const TNotifyEvent entry = list->View()[i];
     if (!pToEvent->IsSubscribed(entry)) pToEvent->Subscribe(entry);
   }
   list->Clear();

@@ -205,7 +205,7 @@ void TQUMASubscribedEvent::FirePass(const bool& pStop, F&& call) {
   // Re-read after each call: a subscriber may change the list, make the event drop it, free
   // the event or set the stop flag.
   for (std::size_t i = 0; !pStop && frame.List == list; ++i) {
-    const std::vector<TNotifyEvent>& entries = list->ToVector();
+    const std::span<const TNotifyEvent> entries = list->View();
     if (i >= entries.size()) break;
     const TNotifyEvent entry = entries[i];
     if (entry) call(entry, sender);

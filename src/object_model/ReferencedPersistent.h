@@ -706,7 +706,7 @@ class TQUMAReferencedList : public TQUMASubscribedList<T*> {
   Integer FirstIndexFrom(const TQUMAReferencedPersistent* Item, Integer from) const {
     const auto it = FIndex.find(Item);
     if (it == FIndex.end()) return -1;
-    const auto& items = this->ToVector();
+    const auto items = this->View();
     Integer lo = std::max(from, 0);
     Integer hi = static_cast<Integer>(items.size()) - 1;
     if (it->second == 1) {

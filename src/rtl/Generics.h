@@ -11,6 +11,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -94,18 +95,16 @@ class TList : public TObject {
   TList() : FComparer(TComparer<T>::Default()) {}
   explicit TList(std::shared_ptr<const IComparer<T>> comparer)
       : FComparer(comparer ? std::move(comparer) : TComparer<T>::Default()) {}
-  ~TList() override {
-    detail::TAliveFlag::KillAll(FAlive);
-  }
+  ~TList() override { detail::TAliveFlag::KillAll(FAlive); }
 
-  Integer Count() const noexcept { return static_cast<Integer>(FItems.size()); }
-  bool IsEmpty() const noexcept { return FItems.empty(); }
-  Integer Capacity() const noexcept { return static_cast<Integer>(FItems.capacity()); }
-  void SetCapacity(Integer n) { FItems.reserve(static_cast<std::size_t>(std::max(n, 0))); }
+  Integer Count() const noexcept { return static_cast<Integer>(FItems.size() - FHead); }
+  bool IsEmpty() const noexcept { return FItems.size() == FHead; }
+  Integer Capacity() const noexcept { return static_cast<Integer>(FItems.capacity() - FHead); }
+  void SetCapacity(Integer n) { FItems.reserve(FHead + static_cast<std::size_t>(std::max(n, 0))); }
 
   const T& operator[](Integer index) const {
     CheckIndex(index, Count());
-    return FItems[static_cast<std::size_t>(index)];
+    return At(index);
   }
   const T& Items(Integer index) const { return (*this)[index]; }
   const T& First() const { return (*this)[0]; }
@@ -115,7 +114,7 @@ class TList : public TObject {
   void SetItem(Integer index, T value) {
     CheckIndex(index, Count());
     const T added = value;  // handlers may change the list, so they never see its storage
-    T old = std::exchange(FItems[static_cast<std::size_t>(index)], std::move(value));
+    T old = std::exchange(At(index), std::move(value));
     detail::TAliveFlag alive(FAlive);
     Notify(old, cnRemoved);
     if (alive.Alive) Notify(added, cnAdded);
@@ -134,18 +133,23 @@ class TList : public TObject {
   void Insert(Integer index, T value) {
     CheckIndex(index, Count() + 1);
     const T added = value;
-    FItems.insert(FItems.begin() + index, std::move(value));
+    if (index == 0 && FHead > 0) {
+      FItems[FHead - 1] = std::move(value);  // reuse the slot a front removal left
+      --FHead;
+    } else {
+      FItems.insert(Begin() + index, std::move(value));
+    }
     Notify(added, cnAdded);
   }
 
   Integer IndexOf(const T& value) const {
-    for (std::size_t i = 0; i < FItems.size(); ++i)
-      if (FComparer->Compare(FItems[i], value) == 0) return static_cast<Integer>(i);
+    for (std::size_t i = FHead; i < FItems.size(); ++i)
+      if (FComparer->Compare(FItems[i], value) == 0) return static_cast<Integer>(i - FHead);
     return -1;
   }
   Integer LastIndexOf(const T& value) const {
-    for (std::size_t i = FItems.size(); i-- > 0;)
-      if (FComparer->Compare(FItems[i], value) == 0) return static_cast<Integer>(i);
+    for (std::size_t i = FItems.size(); i-- > FHead;)
+      if (FComparer->Compare(FItems[i], value) == 0) return static_cast<Integer>(i - FHead);
     return -1;
   }
   bool Contains(const T& value) const { return IndexOf(value) >= 0; }
@@ -158,16 +162,14 @@ class TList : public TObject {
   }
   void Delete(Integer index) {
     CheckIndex(index, Count());
-    T old = std::move(FItems[static_cast<std::size_t>(index)]);
-    FItems.erase(FItems.begin() + index);
+    T old = TakeOut(index);
     Notify(old, cnRemoved);
   }
   void DeleteRange(Integer index, Integer count) {
     if (index < 0 || count < 0 || index + count > Count()) throw EArgumentOutOfRangeException(SArgumentOutOfRange);
     if (count == 0) return;
-    std::vector<T> old(std::make_move_iterator(FItems.begin() + index),
-                       std::make_move_iterator(FItems.begin() + index + count));
-    FItems.erase(FItems.begin() + index, FItems.begin() + index + count);
+    std::vector<T> old(std::make_move_iterator(Begin() + index), std::make_move_iterator(Begin() + index + count));
+    FItems.erase(Begin() + index, Begin() + index + count);
     NotifyAll(old, cnRemoved);
   }
   // Takes an item out without the removal a owning list would act on (notified as extracted).
@@ -178,50 +180,51 @@ class TList : public TObject {
   }
   T ExtractAt(Integer index) {
     CheckIndex(index, Count());
-    T old = std::move(FItems[static_cast<std::size_t>(index)]);
-    FItems.erase(FItems.begin() + index);
+    T old = TakeOut(index);
     Notify(old, cnExtracted);
     return old;
   }
   // Removes every item, notifying each as removed, first to last.
   void Clear() {
-    std::vector<T> old = std::move(FItems);
+    std::vector<T> old(std::make_move_iterator(Begin()), std::make_move_iterator(FItems.end()));
     FItems.clear();
+    FHead = 0;
     NotifyAll(old, cnRemoved);
   }
 
   void Exchange(Integer a, Integer b) {
     CheckIndex(a, Count());
     CheckIndex(b, Count());
-    std::swap(FItems[static_cast<std::size_t>(a)], FItems[static_cast<std::size_t>(b)]);
+    std::swap(At(a), At(b));
   }
   void Move(Integer from, Integer to) {
     CheckIndex(from, Count());
     CheckIndex(to, Count());
-    T v = std::move(FItems[static_cast<std::size_t>(from)]);
-    FItems.erase(FItems.begin() + from);
-    FItems.insert(FItems.begin() + to, std::move(v));
+    T v = std::move(At(from));
+    FItems.erase(Begin() + from);
+    FItems.insert(Begin() + to, std::move(v));
   }
-  void Reverse() { std::reverse(FItems.begin(), FItems.end()); }
+  void Reverse() { std::reverse(Begin(), FItems.end()); }
   void Sort() {
-    std::stable_sort(FItems.begin(), FItems.end(),
-                     [this](const T& a, const T& b) { return FComparer->Compare(a, b) < 0; });
+    std::stable_sort(Begin(), FItems.end(), [this](const T& a, const T& b) { return FComparer->Compare(a, b) < 0; });
   }
   void Sort(const IComparer<T>& comparer) {
-    std::stable_sort(FItems.begin(), FItems.end(), [&](const T& a, const T& b) { return comparer.Compare(a, b) < 0; });
+    std::stable_sort(Begin(), FItems.end(), [&](const T& a, const T& b) { return comparer.Compare(a, b) < 0; });
   }
   // On a list sorted by its comparer: true and the index when found, else false and the
   // insertion point.
   bool BinarySearch(const T& value, Integer& index) const {
-    auto it = std::lower_bound(FItems.begin(), FItems.end(), value,
+    auto it = std::lower_bound(begin(), end(), value,
                                [this](const T& a, const T& b) { return FComparer->Compare(a, b) < 0; });
-    index = static_cast<Integer>(it - FItems.begin());
-    return it != FItems.end() && FComparer->Compare(*it, value) == 0;
+    index = static_cast<Integer>(it - begin());
+    return it != end() && FComparer->Compare(*it, value) == 0;
   }
 
   const std::shared_ptr<const IComparer<T>>& Comparer() const noexcept { return FComparer; }
-  const std::vector<T>& ToVector() const noexcept { return FItems; }
-  iterator begin() const noexcept { return FItems.begin(); }
+  // The items in order, without copying; valid until the list changes.
+  std::span<const T> View() const noexcept { return std::span<const T>(FItems.data() + FHead, FItems.size() - FHead); }
+  std::vector<T> ToVector() const { return std::vector<T>(begin(), end()); }
+  iterator begin() const noexcept { return FItems.begin() + static_cast<std::ptrdiff_t>(FHead); }
   iterator end() const noexcept { return FItems.end(); }
 
   TCollectionNotifyEvent OnNotify;
@@ -238,6 +241,28 @@ class TList : public TObject {
   }
 
  private:
+  // Storage: the live items are FItems[FHead..]. Removing the first item only moves FHead, so a
+  // list emptied from the front costs linear time in all; the dead prefix is dropped once it is
+  // at least half the storage.
+  typename std::vector<T>::iterator Begin() noexcept { return FItems.begin() + static_cast<std::ptrdiff_t>(FHead); }
+  T& At(Integer index) noexcept { return FItems[FHead + static_cast<std::size_t>(index)]; }
+  const T& At(Integer index) const noexcept { return FItems[FHead + static_cast<std::size_t>(index)]; }
+  T TakeOut(Integer index) {
+    T old = std::move(At(index));
+    if (index == 0) {
+      ++FHead;
+      if (FHead == FItems.size()) {
+        FItems.clear();
+        FHead = 0;
+      } else if (FHead >= 32 && FHead * 2 >= FItems.size()) {
+        FItems.erase(FItems.begin(), Begin());
+        FHead = 0;
+      }
+    } else {
+      FItems.erase(Begin() + index);
+    }
+    return old;
+  }
   void NotifyAll(const std::vector<T>& items, TCollectionNotification action) {
     detail::TAliveFlag alive(FAlive);
     for (const T& v : items) {
@@ -247,6 +272,7 @@ class TList : public TObject {
   }
 
   std::vector<T> FItems;
+  std::size_t FHead = 0;
   std::shared_ptr<const IComparer<T>> FComparer;
   detail::TAliveFlag* FAlive = nullptr;
 };
