@@ -214,6 +214,27 @@ TEST(GenericList, HandlerMayFreeTheListDuringClear) {
   EXPECT_EQ(log.size(), 3u);
 }
 
+TEST(GenericList, FrontRemovalsKeepOrderAndIndexes) {
+  auto list = MakeObject<TList<int>>();
+  for (int i = 0; i < 100; ++i) list->Add(i);
+  for (int i = 0; i < 60; ++i) list->Delete(0);
+  EXPECT_EQ(list->Count(), 40);
+  EXPECT_EQ(list->First(), 60);
+  EXPECT_EQ(list->IndexOf(75), 15);
+  list->Insert(0, -1);  // reuses the freed front slot
+  list->Insert(1, -2);
+  EXPECT_EQ(list->ToVector().front(), -1);
+  EXPECT_EQ(list->Items(1), -2);
+  EXPECT_EQ(list->Items(2), 60);
+  EXPECT_EQ(list->ExtractAt(0), -1);
+  EXPECT_EQ(list->Remove(99), 40);
+  EXPECT_EQ(list->Last(), 98);
+  list->Clear();
+  EXPECT_TRUE(list->IsEmpty());
+  list->Add(5);
+  EXPECT_EQ(list->View().size(), 1u);
+}
+
 TEST(GenericList, ComparerDrivesSearchAndSort) {
   auto list = MakeObject<TList<int>>(TComparer<int>::Construct([](const int& a, const int& b) {
     return (a % 10) - (b % 10);  // equal when the last digit is
