@@ -2,17 +2,18 @@
 // OnNotify as a subscriber, SyncList.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include <quma/SubscribedGenerics.h>
 
-#include "EventTestSupport.h"
-
 using namespace quma;
-using quma::test::TLog;
 
 namespace {
+
+using TLog = std::vector<std::string>;
 
 // Logs its hooks, and counts its own destruction through a counter owned by the test.
 class TLoggingList : public TQUMASubscribedList<int> {
@@ -62,22 +63,18 @@ class SubscribedList : public ::testing::Test {
   TObjectPtr<THandler> h1 = MakeObject<THandler>(log, "h1"), h2 = MakeObject<THandler>(log, "h2");
 };
 
-TEST_F(SubscribedList, HooksSurroundTheSubscribersOnEveryChange) {
+TEST_F(SubscribedList, HooksSurroundTheSubscribersOnEveryChangeAndOnNotifyIsOneOfThem) {
+  list->SetOnNotify(h2->OnChanged());
+  list->SetOnNotify(h2->OnChanged());  // unchanged: still one entry
+  EXPECT_EQ(list->Notifications()->SubscriberCount(), 2);
   list->Add(1);
   list->Add(2);
   list->ExtractAt(0);
   list->Delete(0);
-  EXPECT_EQ(log, (TLog{"+1", "h1 added 1", "+1 done", "+2", "h1 added 2", "+2 done",  //
-                       "-1", "h1 extracted 1", "-1 done", "-2", "h1 removed 2", "-2 done"}));
+  EXPECT_EQ(log, (TLog{"+1", "h1 added 1", "h2 added 1", "+1 done", "+2", "h1 added 2", "h2 added 2", "+2 done",  //
+                       "-1", "h1 extracted 1", "h2 extracted 1", "-1 done",                                       //
+                       "-2", "h1 removed 2", "h2 removed 2", "-2 done"}));
   EXPECT_EQ(list->Notifications()->CallbackObject(), list);
-}
-
-TEST_F(SubscribedList, OnNotifyIsOneMoreSubscriber) {
-  list->SetOnNotify(h2->OnChanged());
-  list->SetOnNotify(h2->OnChanged());  // unchanged: still one entry
-  EXPECT_EQ(list->Notifications()->SubscriberCount(), 2);
-  list->Add(5);
-  EXPECT_EQ(log, (TLog{"+5", "h1 added 5", "h2 added 5", "+5 done"}));
   list->SetOnNotify(h1->OnChanged());  // replaces h2; h1 was already subscribed
   EXPECT_EQ(list->Notifications()->SubscriberCount(), 1);
   list->SetOnNotify(nullptr);  // only unsubscribes
@@ -128,19 +125,15 @@ TEST_F(SubscribedList, DeleteWhenCompleteFreesOnceAfterEverythingElse) {
                   "-3", "h1 removed 3", "h2 removed 3", "-3 done", "-4", "h1 removed 4", "h2 removed 4", "-4 done"}));
 }
 
-TEST_F(SubscribedList, DeletionAskedForDuringDestructionIsNotRepeated) {
+TEST_F(SubscribedList, HandlerMayFreeTheListOutrightAndDeletionAskedForDuringDestructionIsNotRepeated) {
   list->Add(1);
-  list->Add(2);
-  h1->Action = [&](TLoggingList* l, int, TCollectionNotification) { l->DeleteWhenNotificationsComplete(); };
-  Free(list);
-  EXPECT_EQ(destroyed, 1);
-}
-
-TEST_F(SubscribedList, HandlerMayFreeTheListOutright) {
   h1->Action = [&](TLoggingList* l, int, TCollectionNotification What) {
-    if (What == cnAdded) Free(l);  // the removal announced by the destruction must not free it again
+    if (What == cnAdded)
+      Free(l);  // the removals announced by the destruction must not free it again
+    else
+      l->DeleteWhenNotificationsComplete();
   };
-  list->Add(1);
+  list->Add(2);
   EXPECT_EQ(destroyed, 1);
 }
 

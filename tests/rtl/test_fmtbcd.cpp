@@ -40,12 +40,12 @@ TEST(BcdText, ReadsAndWritesPlainDecimals) {
   }
   EXPECT_FALSE(TryStrToBcd(std::u16string(65, u'9'), keep));
   EXPECT_EQ(S(keep), "1");
-  try {
-    StrToBcd(u"x1");
-    FAIL();
-  } catch (const EConvertError& e) {
-    EXPECT_STREQ(e.what(), "'x1' is not a valid BCD value");
-  }
+  EXPECT_THROW(
+      try { StrToBcd(u"x1"); } catch (const EConvertError& e) {
+        EXPECT_STREQ(e.what(), "'x1' is not a valid BCD value");
+        throw;
+      },
+      EConvertError);
 }
 
 TEST(BcdArithmetic, AddSubtractCompare) {

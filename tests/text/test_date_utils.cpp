@@ -5,8 +5,10 @@
 #include <cmath>
 #include <cstdlib>
 #include <ctime>
+#include <optional>
 #include <random>
 #include <string>
+#include <vector>
 
 #include <quma/DateTime.h>
 #include <quma/DateUtils.h>
@@ -73,26 +75,22 @@ std::vector<std::time_t> Instants() {
 class ScopedTimeZone {
  public:
   explicit ScopedTimeZone(const char* tz) {
-    if (const char* old = std::getenv("TZ")) FOld = old, FHadOld = true;
+    if (const char* old = std::getenv("TZ")) FOld = old;
     setenv("TZ", tz, 1);
     tzset();
   }
   ~ScopedTimeZone() {
-    if (FHadOld)
-      setenv("TZ", FOld.c_str(), 1);
-    else
-      unsetenv("TZ");
+    FOld ? setenv("TZ", FOld->c_str(), 1) : unsetenv("TZ");
     tzset();
   }
 
  private:
-  std::string FOld;
-  bool FHadOld = false;
+  std::optional<std::string> FOld;
 };
 
 }  // namespace
 
-TEST(DateWriters, MatchTheCLibraryInUtc) {
+TEST(DateWriters, MatchTheCLibraryInUtcAndReadBack) {
   for (std::time_t t : Instants()) {
     const TDateTime v = FromUnix(t);
     if (v == 0) continue;  // zero stands for "now"
@@ -102,6 +100,10 @@ TEST(DateWriters, MatchTheCLibraryInUtc) {
     ASSERT_EQ(Utf16ToUtf8(GMTimeToRFC5322Date(v)), StrfUtc(t, "%a, %d %b %Y %H:%M:%S +0000"));
     ASSERT_EQ(Utf16ToUtf8(GMTimeToXMLDate(v)), StrfUtc(t, "%Y-%m-%dT%H:%M:%SZ"));
     ASSERT_EQ(GMTimeToHTTPDateUtf8(v), StrfUtc(t, "%a, %d %b %Y %H:%M:%S GMT"));
+    // ...and every second they write reads back.
+    ASSERT_DOUBLE_EQ(HTTPDateToGMTime(GMTimeToHTTPDate(v)), v);
+    ASSERT_DOUBLE_EQ(HTTPDateToGMTime(GMTimeToHTTPDateUtf8(v)), v);
+    ASSERT_DOUBLE_EQ(XMLDateToGMTime(GMTimeToXMLDate(v)), v);
   }
 }
 
@@ -143,41 +145,59 @@ TEST(DateWriters, UnwritableValuesRaise) {
   }
 }
 
-TEST(HTTPDate, RoundTripsEverySecondItWrites) {
-  for (std::time_t t : Instants()) {
-    const TDateTime v = FromUnix(t);
-    if (v == 0) continue;
-    ASSERT_DOUBLE_EQ(HTTPDateToGMTime(GMTimeToHTTPDate(v)), v) << t;
-    ASSERT_DOUBLE_EQ(HTTPDateToGMTime(GMTimeToHTTPDateUtf8(v)), v) << t;
-    ASSERT_DOUBLE_EQ(XMLDateToGMTime(GMTimeToXMLDate(v)), v) << t;
-  }
-}
-
 TEST(HTTPDate, NamesIgnoreCaseAndMustFitTheDate) {
   EXPECT_DOUBLE_EQ(HTTPDateToGMTime(u"Sun, 06 Nov 1994 08:49:37 GMT"), DT(1994, 11, 6, 8, 49, 37));
   EXPECT_DOUBLE_EQ(HTTPDateToGMTime(u"sUN, 06 nov 1994 08:49:37 GMT"), DT(1994, 11, 6, 8, 49, 37));
   EXPECT_DOUBLE_EQ(HTTPDateToGMTime("Sun, 06 Nov 1994 08:49:37 GMT\n"), DT(1994, 11, 6, 8, 49, 37));
-  EXPECT_EQ(ConvertErrorOf([] { HTTPDateToGMTime(u"Mon, 06 Nov 1994 08:49:37 GMT"); }),
-            M2("Mon, 06 Nov 1994 08:49:37 GMT"));
-  EXPECT_EQ(ConvertErrorOf([] { HTTPDateToGMTime(u"Xyz, 06 Nov 1994 08:49:37 GMT"); }),
-            M2("Xyz, 06 Nov 1994 08:49:37 GMT"));
-  EXPECT_EQ(ConvertErrorOf([] { HTTPDateToGMTime(u"Sun, 06 Nox 1994 08:49:37 GMT"); }),
-            M1("Sun, 06 Nox 1994 08:49:37 GMT"));
-}
-
-TEST(HTTPDate, MalformedTextsNameTheInput) {
-  for (const char* bad :
-       {"", "Sun, 06 Nov 1994 08:49:37", "Sun, 6 Nov 1994 08:49:37 GMT", "Sun, 06 Nov 94 08:49:37 GMT",
-        "Sun 06 Nov 1994 08:49:37 GMT", "Sun, 06 Nov 1994 08:49:37 gmt", "Sun, 06 Nov 1994 08:49:37 GMT ",
-        " Sun, 06 Nov 1994 08:49:37 GMT", "Sun, 06 Nov 1994 08:49:37 GMT\n\n", "Sun, 06 Nov 1994 8:49:37 GMT",
-        "Su\xC3\xA9, 06 Nov 1994 08:49:37 GMT", "Sun, 06 Nov 1994 08:49:3x GMT"}) {
-    EXPECT_EQ(ConvertErrorOf([&] { HTTPDateToGMTime(Utf8ToUtf16(bad)); }), M1(bad)) << bad;
-    EXPECT_EQ(ConvertErrorOf([&] { HTTPDateToGMTime(std::string_view(bad)); }), M1(bad)) << bad;
-  }
   // An impossible date is the date encoder's own conversion error.
   const std::string impossible = ConvertErrorOf([] { HTTPDateToGMTime(u"Fri, 30 Feb 2024 10:00:00 GMT"); });
   EXPECT_NE(impossible.find("is not a valid date and time"), std::string::npos) << impossible;
   EXPECT_NE(ConvertErrorOf([] { HTTPDateToGMTime(u"Sun, 06 Nov 1994 24:00:00 GMT"); }), "no exception");
+}
+
+struct TReader {
+  TDateTime (*Wide)(UnicodeStringView);
+  TDateTime (*Narrow)(std::string_view);
+};
+
+TEST(DateReaders, RejectedTextsAreNamedInTheMessage) {
+  const struct {
+    TReader Read;
+    std::vector<const char*> Unreadable, WrongDay;
+  } readers[] = {
+      {{HTTPDateToGMTime, HTTPDateToGMTime},
+       {"", "Sun, 06 Nov 1994 08:49:37", "Sun, 6 Nov 1994 08:49:37 GMT", "Sun, 06 Nov 94 08:49:37 GMT",
+        "Sun 06 Nov 1994 08:49:37 GMT", "Sun, 06 Nov 1994 08:49:37 gmt", "Sun, 06 Nov 1994 08:49:37 GMT ",
+        " Sun, 06 Nov 1994 08:49:37 GMT", "Sun, 06 Nov 1994 08:49:37 GMT\n\n", "Sun, 06 Nov 1994 8:49:37 GMT",
+        "Su\xC3\xA9, 06 Nov 1994 08:49:37 GMT", "Sun, 06 Nov 1994 08:49:3x GMT", "Sun, 06 Nox 1994 08:49:37 GMT"},
+       {"Mon, 06 Nov 1994 08:49:37 GMT", "Xyz, 06 Nov 1994 08:49:37 GMT"}},
+      // A day name is never accepted by the RFC 822 reader, even the right one; the zone is checked first.
+      {{RFC822DateToGMTime, RFC822DateToGMTime},
+       {"15 Jun 99 12:00 J", "15 Jun 99 12:00 gmt", "15 Jun 99 12:00 Est", "15 Jun 99 12:00 +1300",
+        "15 Jun 99 12:00 +0061", "15 jun 99 12:00 GMT", "15 JUN 99 12:00 GMT", "15 Jun 9 12:00 GMT",
+        "15 Jun 99999 12:00 GMT", "15 Jun 99 12:00", "15 Jun 99 12:00 +01000", "15 Jun 99 12:00 +01",
+        "15 Jun 99 12:00:0 GMT", "15 Jun 99 12:00 G-T", "Tue, 15 Jun 99 12:00 J"},
+       {"Tue, 15 Jun 99 12:00 GMT"}},
+      {{RFC5322DateToGMTime, RFC5322DateToGMTime},
+       {"01 Jan 2024 10:00:00 +1300", "01 Jan 2024 10:00:00 -0061", "01 Jan 2024 10:00:00 GMT",
+        "01 Jan 24 10:00:00 +0000", "01 jan 2024 10:00:00 +0000", "01 Jan 2024 10:00:00 0000",
+        "Mon, 01 Jan 2024 10:00:00 +1300", "Monday, 01 Jan 2024 10:00:00 +0000"},
+       {"Mon, 01 Jan 2024 10:00:00 +0000"}},
+      {{XMLDateToGMTime, XMLDateToGMTime},
+       {"2024-02-30", "2023-02-29T00:00:00Z", "2024-13-01T00:00:00Z", "2024-01-01T24:00:00Z", "0000-01-01", "24:00:00",
+        "12:60:00", "12:00:60"},
+       {}},
+  };
+  for (const auto& r : readers) {
+    for (const char* bad : r.Unreadable) {
+      EXPECT_EQ(ConvertErrorOf([&] { r.Read.Wide(Utf8ToUtf16(bad)); }), M1(bad)) << bad;
+      EXPECT_EQ(ConvertErrorOf([&] { r.Read.Narrow(bad); }), M1(bad)) << bad;
+    }
+    for (const char* bad : r.WrongDay) {
+      EXPECT_EQ(ConvertErrorOf([&] { r.Read.Wide(Utf8ToUtf16(bad)); }), M2(bad)) << bad;
+      EXPECT_EQ(ConvertErrorOf([&] { r.Read.Narrow(bad); }), M2(bad)) << bad;
+    }
+  }
 }
 
 TEST(RFC822Date, YearsShiftByTheEightyRule) {
@@ -217,31 +237,11 @@ TEST(RFC822Date, ZonesAreAddedInTheDirectionOfTheirSign) {
   EXPECT_DOUBLE_EQ(RFC822DateToGMTime(u"01 Jan 00 00:30 -0100"), DT(1999, 12, 31, 23, 30));
 }
 
-TEST(RFC822Date, RejectsWhatItCannotRead) {
-  for (const char* bad : {"15 Jun 99 12:00 J", "15 Jun 99 12:00 gmt", "15 Jun 99 12:00 Est", "15 Jun 99 12:00 +1300",
-                          "15 Jun 99 12:00 +0061", "15 jun 99 12:00 GMT", "15 JUN 99 12:00 GMT", "15 Jun 9 12:00 GMT",
-                          "15 Jun 99999 12:00 GMT", "15 Jun 99 12:00", "15 Jun 99 12:00 +01000", "15 Jun 99 12:00 +01",
-                          "15 Jun 99 12:00:0 GMT", "15 Jun 99 12:00 G-T"}) {
-    EXPECT_EQ(ConvertErrorOf([&] { RFC822DateToGMTime(Utf8ToUtf16(bad)); }), M1(bad)) << bad;
-  }
-  // A day name is never accepted, even the right one.
-  EXPECT_EQ(ConvertErrorOf([] { RFC822DateToGMTime(u"Tue, 15 Jun 99 12:00 GMT"); }), M2("Tue, 15 Jun 99 12:00 GMT"));
-  // The zone is checked before the day name.
-  EXPECT_EQ(ConvertErrorOf([] { RFC822DateToGMTime(u"Tue, 15 Jun 99 12:00 J"); }), M1("Tue, 15 Jun 99 12:00 J"));
-}
-
 TEST(RFC5322Date, ReadsOnlyTextsWithoutADayName) {
   EXPECT_DOUBLE_EQ(RFC5322DateToGMTime(u"01 Jan 2024 10:00:00 +0000"), DT(2024, 1, 1, 10));
   EXPECT_DOUBLE_EQ(RFC5322DateToGMTime(u"01 Jan 2024 10:00 +0100"), DT(2024, 1, 1, 11));
   EXPECT_DOUBLE_EQ(RFC5322DateToGMTime("01 Jan 2024 10:00:00 -0230"), DT(2024, 1, 1, 7, 30));
   EXPECT_DOUBLE_EQ(RFC5322DateToGMTime(u"29 Feb 2000 23:59:59 +0000\n"), DT(2000, 2, 29, 23, 59, 59));
-  EXPECT_EQ(ConvertErrorOf([] { RFC5322DateToGMTime(u"Mon, 01 Jan 2024 10:00:00 +0000"); }),
-            M2("Mon, 01 Jan 2024 10:00:00 +0000"));
-  for (const char* bad : {"01 Jan 2024 10:00:00 +1300", "01 Jan 2024 10:00:00 -0061", "01 Jan 2024 10:00:00 GMT",
-                          "01 Jan 24 10:00:00 +0000", "01 jan 2024 10:00:00 +0000", "01 Jan 2024 10:00:00 0000",
-                          "Mon, 01 Jan 2024 10:00:00 +1300", "Monday, 01 Jan 2024 10:00:00 +0000"}) {
-    EXPECT_EQ(ConvertErrorOf([&] { RFC5322DateToGMTime(Utf8ToUtf16(bad)); }), M1(bad)) << bad;
-  }
   // Written texts carry a day name, so they cannot be read back; without it they can.
   const TDateTime v = DT(2000, 2, 29, 13, 14, 15);
   const UnicodeString written = GMTimeToRFC5322Date(v);
@@ -249,7 +249,7 @@ TEST(RFC5322Date, ReadsOnlyTextsWithoutADayName) {
   EXPECT_DOUBLE_EQ(RFC5322DateToGMTime(UnicodeStringView(written).substr(5)), v);
 }
 
-TEST(XMLDate, ThreeLayoutsAndAQuietZero) {
+TEST(XMLDate, ThreeLayoutsAndAQuietZeroForOtherTexts) {
   EXPECT_DOUBLE_EQ(XMLDateToGMTime(u"2024-02-29T12:34:56Z"), DT(2024, 2, 29, 12, 34, 56));
   EXPECT_DOUBLE_EQ(XMLDateToGMTime(u"2024-02-29"), DT(2024, 2, 29));
   EXPECT_DOUBLE_EQ(XMLDateToGMTime(u"06:00:00"), 0.25);
@@ -257,9 +257,6 @@ TEST(XMLDate, ThreeLayoutsAndAQuietZero) {
   for (const char16_t* quiet :
        {u"hello", u"", u"2024-02-29T12:34:56", u"2024-02-29T12:34:56+01:00", u"6:00:00", u"2024-2-29", u"24-02-29"})
     EXPECT_EQ(XMLDateToGMTime(quiet), 0.0) << Utf16ToUtf8(quiet);
-  for (const char* bad : {"2024-02-30", "2023-02-29T00:00:00Z", "2024-13-01T00:00:00Z", "2024-01-01T24:00:00Z",
-                          "0000-01-01", "24:00:00", "12:60:00", "12:00:60"})
-    EXPECT_EQ(ConvertErrorOf([&] { XMLDateToGMTime(Utf8ToUtf16(bad)); }), M1(bad)) << bad;
 }
 
 TEST(LocalDates, ConvertThroughTheProcessTimeZone) {

@@ -48,16 +48,15 @@ TEST(CRC32, CheckValueEmptyAndChaining) {
 
 TEST(CRC32, TableIsTheStandardOne) {
   const Cardinal* t = CRC32Table();
-  EXPECT_EQ(t[0], 0u);
-  EXPECT_EQ(t[1], 0x77073096u);
-  EXPECT_EQ(t[255], 0x2D02EF8Du);
   const z_crc_t* zt = get_crc_table();
   for (int i = 0; i < 256; ++i) ASSERT_EQ(t[i], zt[i]);
 }
 
 // A pointer must not pass for a bool.
 template <class T>
-concept OneArgumentCRC = requires(T v) { CRC32(v); };
+concept OneArgumentCRC = requires(T v) {
+  CRC32(v);
+};
 static_assert(!OneArgumentCRC<const char*>);
 static_assert(OneArgumentCRC<bool> && OneArgumentCRC<std::int64_t>);
 

@@ -1,6 +1,8 @@
 #include <quma/HexStrings.h>
 #include <quma/SysUtils.h>
 
+#include "ValuesTestSupport.h"
+
 #include <gtest/gtest.h>
 
 #include <random>
@@ -8,15 +10,7 @@
 namespace quma {
 namespace {
 
-template <class F>
-UnicodeString ConvertErrorOf(F f) {
-  try {
-    f();
-  } catch (const EConvertError& e) {
-    return e.Message();
-  }
-  return u"<no error>";
-}
+using test::ConvertErrorOf;
 
 TEST(HexStrings, PlainFormIsLowerCasePairs) {
   EXPECT_EQ(BytesToHexString(TBytes{}), u"");
@@ -49,8 +43,8 @@ TEST(HexStrings, ReadsDigitsAcrossWhiteSpace) {
 
 TEST(HexStrings, RejectsOtherCharactersAndOddLengthsLeavingTheTargetAlone) {
   const UnicodeString msg = SHexStringInvalidCharacters;
-  for (UnicodeStringView bad : {u"ABC", u"0G", u"0x10", u"12\u00A034", u"12\u01303", u"-1", u"1234567890abcdef1234567890abcdeg",
-                                u"1234567890abcdef 1234567890abcdef1"}) {
+  for (UnicodeStringView bad : {u"ABC", u"0G", u"0x10", u"12\u00A034", u"12\u01303", u"-1",
+                                u"1234567890abcdef1234567890abcdeg", u"1234567890abcdef 1234567890abcdef1"}) {
     TBytes target{7};
     EXPECT_EQ(ConvertErrorOf([&] { HexStringToBytes(bad, target); }), msg) << Utf16ToUtf8(bad);
     EXPECT_EQ(target, TBytes{7});

@@ -6,36 +6,25 @@
 #include <gtest/gtest.h>
 #include <uuid/uuid.h>
 
+#include "ValuesTestSupport.h"
+
 #include <cstring>
 #include <random>
 
 namespace quma {
 namespace {
 
-TQUMA_Uuid RandomValue(std::mt19937& rng) {
-  TQUMA_Uuid u;
-  for (Byte& b : u._baUuid) b = static_cast<Byte>(rng());
-  return u;
-}
-
-template <class F>
-UnicodeString ConvertErrorOf(F f) {
-  try {
-    f();
-  } catch (const EConvertError& e) {
-    return e.Message();
-  }
-  return u"<no error>";
-}
+using test::ConvertErrorOf;
+using test::RandomUuid;
 
 UnicodeString ReadError(UnicodeStringView text) {
   return ConvertErrorOf([&] { (void)TQUMA_Uuid::Create(text); });
 }
 
-TEST(UuidText, StandardAndMSFormsMatchLibuuid) {
+TEST(UuidText, StandardAndMSFormsMatchLibuuidAndEveryFormReadsBack) {
   std::mt19937 rng(11);
   for (int i = 0; i < 500; ++i) {
-    TQUMA_Uuid u = RandomValue(rng);
+    TQUMA_Uuid u = RandomUuid(rng);
     if (u._baUuid[0] == 'Q' && u._baUuid[1] == 0) u._baUuid[1] = 1;  // not an internal reference
     char ref[37];
     uuid_unparse_lower(u._baUuid, ref);
@@ -46,24 +35,13 @@ TEST(UuidText, StandardAndMSFormsMatchLibuuid) {
     uuid_unparse_upper(u._baUuid, upper);
     ASSERT_EQ(u.Format(u"ms"), u"{" + Utf8ToUtf16(upper) + u"}");
     ASSERT_EQ(u.Format("Microsoft"), u.Format(u"MS"));
-    // libuuid reads what we write, and we read what it writes.
-    uuid_t parsed;
-    ASSERT_EQ(uuid_parse(u.FormatUtf8().c_str(), parsed), 0);
-    ASSERT_EQ(std::memcmp(parsed, u._baUuid, 16), 0);
+    // We read what libuuid writes.
     uuid_t gen;
     uuid_generate_random(gen);
     char text[37];
     uuid_unparse_upper(gen, text);
     const TQUMA_Uuid read = TQUMA_Uuid::Create(std::string_view(text));
     ASSERT_EQ(std::memcmp(read._baUuid, gen, 16), 0);
-    ASSERT_EQ(read._GetVersion(), 4);
-  }
-}
-
-TEST(UuidText, EveryFormReadsBack) {
-  std::mt19937 rng(12);
-  for (int i = 0; i < 300; ++i) {
-    const TQUMA_Uuid u = RandomValue(rng);
     for (const char16_t* name : {u"", u"ms", u"MICROSOFT", u"base64", u"base.64", u"base:64", u"base::64", u"hex",
                                  u"dbhex", u"base16", u"base.16", u"base:16", u"Base::16", u"jhashpath"}) {
       const UnicodeString text = u.Format(name);
@@ -116,7 +94,8 @@ TEST(UuidText, RecognitionByLengthAndPunctuation) {
   EXPECT_TRUE(z._ReadFormattedUuid(u""));
   EXPECT_TRUE(z.IsZero());
   EXPECT_TRUE(TQUMA_Uuid::Create(static_cast<const char16_t*>(nullptr)).IsZero());
-  EXPECT_EQ(TQUMA_Uuid::Create(UnicodeString(u"00112233445566778899aabbccddeeff\0junk", 37)), TQUMA_Uuid::Create(u"00112233445566778899aabbccddeeff"));
+  EXPECT_EQ(TQUMA_Uuid::Create(UnicodeString(u"00112233445566778899aabbccddeeff\0junk", 37)),
+            TQUMA_Uuid::Create(u"00112233445566778899aabbccddeeff"));
   // Sixteen units: a unit with a high byte holds two digits, low byte first; others are bytes.
   UnicodeString wide;
   for (int i = 0; i < 16; ++i) wide.push_back(i < 8 ? char16_t(u'a' | (u'5' << 8)) : char16_t(0x20 + i));
@@ -136,7 +115,6 @@ TEST(UuidText, RecognitionByLengthAndPunctuation) {
 
 TEST(UuidText, EveryErrorText) {
   EXPECT_EQ(ReadError(u"00112233-4455-6677-8899-aabbccddeef"), u"Unrecognised Format");  // 35 units
-  EXPECT_EQ(ReadError(u"x"), u"Unrecognised Format");
   EXPECT_EQ(ReadError(u"{00112233-4455-6677-8899-AABBCCDDEEFF]"), u"Unrecognised Format");
   // A bad digit in a recognised form gives the form's message, not the digit's.
   EXPECT_EQ(ReadError(u"00112233-4455-6677-8899-aabbccddeefg"), u"Invalid format for Standard Uuid");
@@ -166,7 +144,6 @@ TEST(UuidText, EveryErrorText) {
   EXPECT_THROW(keep._ReadFormattedUuid(path), EConvertError);
   EXPECT_EQ(keep, u);
   EXPECT_EQ(TQUMA_Uuid::TryParse(u"00112233-4455-6677-8899-aabbccddeefg"), std::nullopt);
-  EXPECT_EQ(TQUMA_Uuid::TryParse("not a uuid"), std::nullopt);
   EXPECT_EQ(TQUMA_Uuid::TryParse(std::string(1 << 20, '\xe9')), std::nullopt);
   EXPECT_EQ(TQUMA_Uuid::TryParse(std::string("00112233-4455-6677-8899-aabbccddeeff\0", 37) + std::string(500, 'x')), u);
   EXPECT_EQ(TQUMA_Uuid::TryParse("00112233-4455-6677-8899-aabbccddeeff"), u);
@@ -192,7 +169,8 @@ TEST(UuidText, SingleFormReadersOnShortTextFailInsteadOfOverrunning) {
   EXPECT_TRUE(v._ReadBase16FormattedUuid(std::string_view("ffeeddccbbaa99887766554433221100")));
   EXPECT_TRUE(u._ReadBase16FormattedUuid(UnicodeStringView(u"ffeeddccbbaa99887766554433221100")));
   EXPECT_EQ(u, v);
-  EXPECT_EQ(ConvertErrorOf([&] { v._ReadMSFormattedUuid(std::string_view("{\xc3\xa9")); }), u"Invalid format for MS Styler Uuid");
+  EXPECT_EQ(ConvertErrorOf([&] { v._ReadMSFormattedUuid(std::string_view("{\xc3\xa9")); }),
+            u"Invalid format for MS Styler Uuid");
 }
 
 }  // namespace

@@ -1,0 +1,398 @@
+// The subscribed event: who is subscribed and in which order, blocking and the pending count that is
+// never reset, what subscribers may do during a pass, and other threads meeting a pass (also run under TSan).
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <quma/SubscribedEvent.h>
+
+using namespace quma;
+
+namespace {
+
+using TLog = std::vector<std::string>;
+
+// A subscriber that logs "<name>.<method>" and then runs an optional action.
+class TProbe : public TObject {
+  QUMA_CLASS(TProbe, TObject)
+ public:
+  TProbe(TLog& log, std::string name) : Log(log), Name(std::move(name)) {}
+  void A(TObject* Sender) { Hit("A", Sender); }
+  void B(TObject* Sender) { Hit("B", Sender); }
+  void Typed(TObject* Sender, const int& Param) {
+    LastParam = Param;
+    Hit("Typed", Sender);
+  }
+  TNotifyEvent OnA() { return Bind<&TProbe::A>(this); }
+  TNotifyEvent OnB() { return Bind<&TProbe::B>(this); }
+  bool Check() { return Answer; }
+  bool Answer = true;
+  TLog& Log;
+  std::string Name;
+  TObject* LastSender = nullptr;
+  int LastParam = 0;
+  std::function<void()> Action;
+
+ private:
+  void Hit(const char* method, TObject* sender) {
+    LastSender = sender;
+    Log.push_back(Name + "." + method);
+    if (Action) Action();
+  }
+};
+
+class Event : public ::testing::Test {
+ protected:
+  void TearDown() override { Free(event); }
+  void SubscribeA(std::initializer_list<TProbe*> probes) {
+    for (auto* p : probes) event->Subscribe(p->OnA());
+  }
+  TLog log;
+  TQUMASubscribedEvent* event = New<TQUMASubscribedEvent>();
+  TObjectPtr<TProbe> a = MakeObject<TProbe>(log, "a"), b = MakeObject<TProbe>(log, "b"),
+                     c = MakeObject<TProbe>(log, "c"), d = MakeObject<TProbe>(log, "d");
+};
+
+TEST_F(Event, SubscribersAreCodeObjectPairsThatKeepTheirFirstPlace) {
+  event->PrioritySubscribe(a->OnA());  // on an empty event: appended
+  event->Subscribe(b->OnA());          // same code, other object
+  event->Subscribe(a->OnB());          // same object, other method
+  event->Subscribe(a->OnA());          // duplicate: ignored
+  event->PrioritySubscribe(b->OnA());  // already there: not moved to the front
+  event->PrioritySubscribe(c->OnA());
+  event->Subscribe(TNotifyEvent(nullptr, d.get()));  // no code: kept, never called
+  EXPECT_EQ(event->SubscriberCount(), 5);
+  EXPECT_TRUE(event->IsSubscribed(a->OnB()));
+  EXPECT_FALSE(event->IsSubscribed(c->OnB()));
+  event->Unsubscribe(d->OnA());  // absent: ignored
+  event->Unsubscribe(a->OnA());
+  event->FireCallbacks();
+  EXPECT_EQ(log, (TLog{"c.A", "b.A", "a.B"}));
+}
+
+TEST_F(Event, CompareOrdersByObjectThenCode) {
+  TProbe* lo = std::min(a.get(), b.get());
+  TProbe* hi = std::max(a.get(), b.get());
+  const TNotifyEvent loA = lo->OnA(), loB = lo->OnB(), hiA = hi->OnA();
+  const int codeOrder = loA.CodeAddress() < loB.CodeAddress() ? -1 : 1;
+  EXPECT_EQ(TQUMACallbackList::_CompareCallbacks(loA, loA), 0);
+  EXPECT_EQ(TQUMACallbackList::_CompareCallbacks(loA, hiA), -1);
+  EXPECT_EQ(TQUMACallbackList::_CompareCallbacks(hiA, loB), 1);  // the object decides first
+  EXPECT_EQ(TQUMACallbackList::_CompareCallbacks(loA, loB), codeOrder);
+  EXPECT_EQ(TQUMACallbackList::_CompareCallbacks(loB, loA), -codeOrder);
+}
+
+TEST_F(Event, SenderIsTheCallbackObjectOrTheEvent) {
+  auto owned = MakeObject<TQUMASubscribedEvent>(b.get());
+  owned->Subscribe(a->OnA());
+  owned->FireCallbacks();
+  EXPECT_EQ(a->LastSender, b.get());
+  owned->SetCallbackObject(nullptr);  // back to the default
+  owned->FireCallbacks();
+  EXPECT_EQ(a->LastSender, owned.get());
+}
+
+TEST_F(Event, SnapshotIsInvokedWithoutTheEvent) {
+  SubscribeA({a.get(), b.get()});
+  auto snapshot = MakeObject<TQUMACallbackList>();
+  snapshot->Add(b->OnA());
+  event->PopulateCallbacks(snapshot.get());  // appends, no duplicate check
+  event->PopulateCallbacks(nullptr);
+  event->Unsubscribe(a->OnA());
+  a->Action = [&] {  // the walk re-reads the count
+    if (snapshot->Count() == 3) snapshot->Add(c->OnA());
+  };
+  snapshot->InvokeCallbacks(c.get());
+  EXPECT_EQ(log, (TLog{"b.A", "a.A", "b.A", "c.A"}));
+  EXPECT_EQ(a->LastSender, c.get());
+}
+
+// Every step goes through the virtual slots, so an override changes all callers.
+class TCountingEvent : public TQUMASubscribedEvent {
+  QUMA_CLASS(TCountingEvent, TQUMASubscribedEvent)
+ public:
+  int Subscribes = 0;
+  void Subscribe(const TNotifyEvent& fnCallback) override {
+    ++Subscribes;
+    inherited::Subscribe(fnCallback);
+  }
+};
+
+TEST_F(Event, TransferAddsOnlyMissingSubscribersAndEmptiesTheSource) {
+  auto target = MakeObject<TCountingEvent>();
+  target->Subscribe(b->OnA());
+  SubscribeA({a.get(), b.get(), c.get()});
+  event->TransferSubscriptions(target.get());
+  EXPECT_EQ(event->SubscriberCount(), 0);
+  EXPECT_EQ(target->Subscribes, 3);
+  target->FireCallbacks();
+  EXPECT_EQ(log, (TLog{"b.A", "a.A", "c.A"}));
+  event->Subscribe(a->OnA());
+  event->TransferSubscriptions(nullptr);
+  event->TransferSubscriptions(event);
+  EXPECT_EQ(event->SubscriberCount(), 1);
+}
+
+TEST_F(Event, TypedEventsShareTheUntypedIdentityAndUnblockWithTheirOwnArgument) {
+  auto typed = MakeObject<TQUMASubscribed1ParamEvent<int>>();
+  const auto fn = Bind<&TProbe::Typed>(a.get());
+  typed->Subscribe(fn);
+  typed->Subscribe(fn);
+  typed->PrioritySubscribe(Bind<&TProbe::Typed>(b.get()));
+  EXPECT_TRUE(typed->IsSubscribed(MethodCast<void(TObject*)>(fn)));
+  typed->FireCallbacks(42);
+  EXPECT_EQ(log, (TLog{"b.Typed", "a.Typed"}));
+  EXPECT_EQ(a->LastParam, 42);
+  typed->Unsubscribe(fn);
+  EXPECT_FALSE(typed->IsSubscribed(fn));
+  // An untyped firing through the base class hands typed subscribers a value-initialised one.
+  static_cast<TQUMASubscribedEvent&>(*typed).FireCallbacks();
+  EXPECT_EQ(b->LastParam, 0);
+  {
+    TQUMAScopedSubscription sub(*event, a->OnA());
+    TQUMAScopedSubscription moved(std::move(sub));
+    TQUMAScopedSubscription kept(*event, b->OnA());
+    kept.Release();
+    TQUMAScopedSubscription typedSub(*typed, Bind<&TProbe::Typed>(c.get()));
+    EXPECT_TRUE(event->IsSubscribed(a->OnA()));
+    typed->FireCallbacks(7);
+  }
+  EXPECT_FALSE(event->IsSubscribed(a->OnA()));
+  EXPECT_TRUE(event->IsSubscribed(b->OnA()));
+  typed->FireCallbacks(8);
+  EXPECT_EQ(c->LastParam, 7);
+  // A typed Unblock fires once with its own argument and without OnUnblocked.
+  typed->SetOnUnblocked(d->OnB());
+  {
+    TQUMAScopedBlock block(*typed, 99);
+    typed->FireCallbacks(1);
+    typed->FireCallbacks(2);
+  }
+  EXPECT_EQ(b->LastParam, 99);
+  EXPECT_EQ(log, (TLog{"b.Typed", "a.Typed", "b.Typed", "b.Typed", "c.Typed", "b.Typed", "b.Typed"}));
+}
+
+TEST_F(Event, BlockedFiringsAreDeliveredOnceAndThePendingCountIsNeverReset) {
+  event->Subscribe(a->OnA());
+  event->SetOnUnblocked(d->OnB());
+  event->Unblock();  // surplus: the counter does not go below zero
+  event->Unblock();
+  event->Block();
+  EXPECT_TRUE(event->Blocked());
+  event->Unblock();  // nothing suppressed yet: nothing fires
+  EXPECT_FALSE(event->CallbacksPending());
+  event->Block();
+  event->Block();
+  for (int i = 0; i < 3; ++i) event->FireCallbacks();
+  event->Unblock();  // still blocked once
+  EXPECT_TRUE(log.empty());
+  event->SetCallbackObject(c.get());
+  event->Unblock();
+  EXPECT_EQ(log, (TLog{"d.B", "a.A"}));
+  EXPECT_EQ(d->LastSender, event);  // OnUnblocked always gets the event
+  EXPECT_EQ(a->LastSender, c.get());
+  EXPECT_TRUE(event->CallbacksPending());
+  event->Block();  // nothing fired in between, yet the pair fires again
+  event->Unblock();
+  EXPECT_EQ(log, (TLog{"d.B", "a.A", "d.B", "a.A"}));
+}
+
+TEST_F(Event, BlockCheckerReplacesTheCounter) {
+  event->Subscribe(a->OnA());
+  event->SetOnUnblocked(d->OnB());
+  event->SetOnIsBlocked(Bind<&TProbe::Check>(c.get()));
+  event->FireCallbacks();
+  EXPECT_TRUE(log.empty());
+  c->Answer = false;
+  event->Block();  // ignored while the checker decides
+  EXPECT_FALSE(event->Blocked());
+  event->Unblock();
+  EXPECT_EQ(log, (TLog{"d.B", "a.A"}));
+  event->SetOnIsBlocked(nullptr);  // the counter is back, untouched by the Block above
+  EXPECT_FALSE(event->Blocked());
+}
+
+TEST_F(Event, StopFlagEndsThePassAndWhenAlreadySetCallsNobodyButStillCounts) {
+  SubscribeA({a.get(), b.get(), c.get()});
+  bool stop = false;
+  b->Action = [&] { stop = true; };
+  event->FireCallbacksWhileFalse(stop);
+  EXPECT_EQ(log, (TLog{"a.A", "b.A"}));
+  event->FireCallbacksWhileFalse(stop);
+  EXPECT_EQ(log.size(), 2u);
+  EXPECT_FALSE(event->CallbacksPending());
+  event->Block();
+  event->FireCallbacksWhileFalse(stop);
+  EXPECT_TRUE(event->CallbacksPending());
+}
+
+TEST_F(Event, ScopedBlockUnblocksOnExitAndOnException) {
+  event->Subscribe(a->OnA());
+  a->Action = [] { throw std::runtime_error("subscriber failed"); };
+  try {
+    TQUMAScopedBlock block(*event);
+    event->FireCallbacks();
+    throw std::logic_error("scope failed");  // wins over the subscriber's exception
+  } catch (const std::logic_error&) {
+  }
+  EXPECT_FALSE(event->Blocked());
+  EXPECT_EQ(log, (TLog{"a.A"}));
+  // Leaving normally, the subscriber's exception reaches the caller.
+  EXPECT_THROW({ TQUMAScopedBlock block(*event); }, std::runtime_error);
+  EXPECT_FALSE(event->Blocked());
+}
+
+// Re-entrancy: the pass walks the live list by index on the firing thread.
+
+TEST_F(Event, SelfUnsubscribeSkipsTheSuccessorInThatPass) {
+  SubscribeA({a.get(), b.get(), c.get()});
+  a->Action = [&] { event->Unsubscribe(a->OnA()); };
+  event->FireCallbacks();
+  event->FireCallbacks();
+  EXPECT_EQ(log, (TLog{"a.A", "c.A", "b.A", "c.A"}));
+}
+
+TEST_F(Event, SubscribersAddedDuringThePass) {
+  SubscribeA({a.get(), b.get(), c.get()});
+  b->Action = [&] {
+    b->Action = [&] { event->PrioritySubscribe(d->OnA()); };
+    event->Subscribe(d->OnA());  // appended: called in this pass
+  };
+  event->FireCallbacks();
+  event->Unsubscribe(d->OnA());
+  // Inserting at the front moves the running subscriber on: it is reached again.
+  event->FireCallbacks();
+  EXPECT_EQ(log, (TLog{"a.A", "b.A", "c.A", "d.A", "a.A", "b.A", "b.A", "c.A"}));
+}
+
+TEST_F(Event, BlockingOrFiringAgainDuringThePass) {
+  SubscribeA({a.get(), b.get(), c.get()});
+  a->Action = [&] {
+    a->Action = [&] {
+      a->Action = nullptr;
+      event->Block();
+      event->FireCallbacks();  // counted, not nested
+    };
+    event->FireCallbacks();  // a full inner pass
+  };
+  event->FireCallbacks();
+  EXPECT_EQ(log, (TLog{"a.A", "a.A", "b.A", "c.A", "b.A", "c.A"}));
+  event->Unblock();
+  EXPECT_EQ(log.size(), 9u);
+}
+
+TEST_F(Event, SubscriberMayFreeTheEvent) {
+  SubscribeA({a.get(), b.get(), c.get()});
+  b->Action = [&] { FreeAndNil(event); };
+  event->FireCallbacks();  // stops after b, touching nothing of the freed event
+  EXPECT_EQ(log, (TLog{"a.A", "b.A"}));
+}
+
+// A derived event that can swap its subscriber list for a fresh one.
+class TSwappingEvent : public TQUMASubscribedEvent {
+  QUMA_CLASS(TSwappingEvent, TQUMASubscribedEvent)
+ public:
+  void SwapForEmptyList() { Free(ExchangeCallbackList(New<TQUMACallbackList>())); }
+};
+
+TEST_F(Event, PassStopsWhenTheEventDropsItsList) {
+  auto swapping = MakeObject<TSwappingEvent>();
+  for (auto* p : {a.get(), b.get()}) swapping->Subscribe(p->OnA());
+  a->Action = [&] {
+    a->Action = nullptr;
+    swapping->SwapForEmptyList();  // frees the list the pass walks, monitor included
+  };
+  swapping->FireCallbacks();
+  swapping->Subscribe(d->OnA());
+  swapping->FireCallbacks();
+  EXPECT_EQ(log, (TLog{"a.A", "d.A"}));
+}
+
+TEST_F(Event, ThrowingSubscriberEndsThePassAndReleasesTheMonitor) {
+  SubscribeA({a.get(), b.get(), c.get()});
+  b->Action = [] { throw std::runtime_error("boom"); };
+  EXPECT_THROW(event->FireCallbacks(), std::runtime_error);
+  EXPECT_EQ(log, (TLog{"a.A", "b.A"}));
+  std::thread other([&] { event->Subscribe(d->OnA()); });  // would wait forever otherwise
+  other.join();
+  EXPECT_TRUE(event->IsSubscribed(d->OnA()));
+}
+
+// Other threads.
+
+class TCounter : public TObject {
+  QUMA_CLASS(TCounter, TObject)
+ public:
+  std::atomic<int> Inside{0}, Calls{0};
+  std::atomic<bool> Overlap{false};
+  void Enter(TObject*) {
+    if (Inside.fetch_add(1) != 0) Overlap = true;
+    Calls.fetch_add(1);
+  }
+  void Leave(TObject*) { Inside.fetch_sub(1); }
+  TNotifyEvent OnEnter() { return Bind<&TCounter::Enter>(this); }
+};
+
+TEST_F(Event, SubscribeFromAnotherThreadWaitsForThePass) {
+  std::atomic<bool> inPass{false}, otherStarting{false};
+  bool otherFinishedDuringPass = false;
+  a->Action = [&] {  // holds the pass open until the other thread is about to subscribe, then lingers
+    inPass = true;
+    while (!otherStarting) std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    otherFinishedDuringPass = event->IsSubscribed(d->OnA());
+  };
+  event->Subscribe(a->OnA());
+  std::thread other([&] {
+    while (!inPass) std::this_thread::yield();
+    otherStarting = true;
+    event->Subscribe(d->OnA());
+  });
+  event->FireCallbacks();
+  other.join();
+  EXPECT_FALSE(otherFinishedDuringPass);
+  EXPECT_EQ(log, (TLog{"a.A"}));  // the late subscriber arrived after the pass
+  EXPECT_TRUE(event->IsSubscribed(d->OnA()));
+}
+
+TEST_F(Event, ChurnAndFiringsFromSeveralThreads) {
+  auto probe = MakeObject<TCounter>();  // Enter..Leave must never overlap: passes are serialised
+  event->Subscribe(probe->OnEnter());
+  event->Subscribe(Bind<&TCounter::Leave>(probe.get()));
+  std::vector<TObjectPtr<TCounter>> churners;
+  for (int i = 0; i < 16; ++i) churners.push_back(MakeObject<TCounter>());
+  std::atomic<bool> done{false};
+  std::vector<std::thread> firers, churn;
+  for (int t = 0; t < 2; ++t)
+    firers.emplace_back([&] {
+      do event->FireCallbacks();
+      while (!done);
+    });
+  for (int t = 0; t < 2; ++t)
+    churn.emplace_back([&, t] {
+      for (int round = 0; round < 200; ++round)
+        for (int i = t * 8; i < t * 8 + 8; ++i) {
+          const TNotifyEvent fn = churners[static_cast<std::size_t>(i)]->OnEnter();
+          if (round % 2 == 0) {
+            event->Subscribe(fn);
+            event->PrioritySubscribe(fn);  // a duplicate: ignored
+          } else {
+            event->Unsubscribe(fn);
+          }
+        }
+    });
+  for (auto& th : churn) th.join();
+  done = true;
+  for (auto& th : firers) th.join();
+  EXPECT_FALSE(probe->Overlap);
+  EXPECT_GT(probe->Calls, 0);
+  EXPECT_EQ(event->SubscriberCount(), 2);  // every churner ended unsubscribed, no duplicate left
+}
+
+}  // namespace
