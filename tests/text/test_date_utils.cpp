@@ -29,8 +29,6 @@ std::string ConvertErrorOf(F&& f) {
     f();
   } catch (const EConvertError& e) {
     return e.what();
-  } catch (const std::exception& e) {
-    return std::string("unexpected exception: ") + e.what();
   }
   return "no exception";
 }
@@ -200,7 +198,7 @@ TEST(DateReaders, RejectedTextsAreNamedInTheMessage) {
   }
 }
 
-TEST(RFC822Date, YearsShiftByTheEightyRule) {
+TEST(RFC822Date, YearsShiftByTheEightyRuleAndZonesAddInTheDirectionOfTheirSign) {
   EXPECT_DOUBLE_EQ(RFC822DateToGMTime(u"01 Jan 99 10:00 GMT"), DT(1999, 1, 1, 10));
   EXPECT_DOUBLE_EQ(RFC822DateToGMTime(u"01 Jan 05 10:00 GMT"), DT(2005, 1, 1, 10));
   EXPECT_DOUBLE_EQ(RFC822DateToGMTime(u"01 Jan 80 10:00 UT"), DT(1980, 1, 1, 10));
@@ -209,9 +207,7 @@ TEST(RFC822Date, YearsShiftByTheEightyRule) {
   EXPECT_DOUBLE_EQ(RFC822DateToGMTime(u"01 Jan 123 10:00:30 UTC"), DT(2023, 1, 1, 10, 0, 30));
   EXPECT_DOUBLE_EQ(RFC822DateToGMTime(u"01 Jan 2000 10:00:00 EST"), DT(3900, 1, 1, 5));
   EXPECT_DOUBLE_EQ(RFC822DateToGMTime("01 Jan 2000 10:00:00 EST"), DT(3900, 1, 1, 5));
-}
-
-TEST(RFC822Date, ZonesAreAddedInTheDirectionOfTheirSign) {
+  // Zones are added in the direction of their sign.
   const struct {
     const char16_t* Zone;
     int Hours;
@@ -260,6 +256,13 @@ TEST(XMLDate, ThreeLayoutsAndAQuietZeroForOtherTexts) {
 }
 
 TEST(LocalDates, ConvertThroughTheProcessTimeZone) {
+  {
+    // West of GMT; zero still means now.
+    ScopedTimeZone tz("EST5EDT,M3.2.0,M11.1.0");
+    EXPECT_EQ(LocalTimeToHTTPDate(DT(2024, 1, 15, 22)), u"Tue, 16 Jan 2024 03:00:00 GMT");
+    EXPECT_DOUBLE_EQ(HTTPDateToLocalTime(u"Tue, 16 Jan 2024 03:00:00 GMT"), DT(2024, 1, 15, 22));
+    EXPECT_NEAR(HTTPDateToGMTime(LocalTimeToHTTPDate(0)), NowUTC(), 2.0 / SecsPerDay);
+  }
   ScopedTimeZone tz("CET-1CEST,M3.5.0,M10.5.0/3");
   // Winter: one hour east of GMT; summer: two.
   EXPECT_EQ(LocalTimeToHTTPDate(DT(2024, 1, 15, 12)), u"Mon, 15 Jan 2024 11:00:00 GMT");
@@ -284,11 +287,4 @@ TEST(LocalDates, ConvertThroughTheProcessTimeZone) {
     if (v < DT(1971, 1, 1) || v > DT(9999, 12, 30)) continue;  // local time must stay a valid date
     ASSERT_DOUBLE_EQ(HTTPDateToLocalTime(LocalTimeToHTTPDate(UniversalTimeToLocal(v))), UniversalTimeToLocal(v)) << t;
   }
-}
-
-TEST(LocalDates, WesternZoneAndZeroMeansNow) {
-  ScopedTimeZone tz("EST5EDT,M3.2.0,M11.1.0");
-  EXPECT_EQ(LocalTimeToHTTPDate(DT(2024, 1, 15, 22)), u"Tue, 16 Jan 2024 03:00:00 GMT");
-  EXPECT_DOUBLE_EQ(HTTPDateToLocalTime(u"Tue, 16 Jan 2024 03:00:00 GMT"), DT(2024, 1, 15, 22));
-  EXPECT_NEAR(HTTPDateToGMTime(LocalTimeToHTTPDate(0)), NowUTC(), 2.0 / SecsPerDay);
 }

@@ -12,13 +12,10 @@ namespace {
 
 using test::ConvertErrorOf;
 
-TEST(HexStrings, PlainFormIsLowerCasePairs) {
+TEST(HexStrings, PlainFormIsLowerCasePairsAndTheLaidOutFormAddsSpacesAndSeparators) {
   EXPECT_EQ(BytesToHexString(TBytes{}), u"");
   EXPECT_EQ(BytesToHexString(TBytes{0x00, 0x0A, 0xFF, 0x7b}), u"000aff7b");
   EXPECT_EQ(BytesToHexStringUtf8(TBytes{0xDE, 0xAD}), "dead");
-}
-
-TEST(HexStrings, LaidOutForm) {
   const TBytes five{1, 2, 3, 4, 5};
   EXPECT_EQ(BytesToHexString(five, 1, 2, u"\r\n"), u"01 02\r\n03 04\r\n05");
   EXPECT_EQ(BytesToHexString(five, 0, 0, u"|"), u"0102030405");

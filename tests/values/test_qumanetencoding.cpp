@@ -18,15 +18,13 @@ using test::ConvertErrorOf;
 TQUMABase32Encoding* B32() { return TQUMANetEncoding::Base32Encoding(); }
 
 TEST(Base32, Rfc4648Vectors) {
-  const std::pair<const char16_t*, const char16_t*> vectors[] = {
-      {u"", u""},
-      {u"f", u"MY======"},
-      {u"fo", u"MZXQ===="},
-      {u"foo", u"MZXW6==="},
-      {u"foob", u"MZXW6YQ="},
-      {u"fooba", u"MZXW6YTB"},
-      {u"foobar", u"MZXW6YTBOI======"},
-  };
+  const std::pair<const char16_t*, const char16_t*> vectors[] = {{u"", u""},
+                                                                 {u"f", u"MY======"},
+                                                                 {u"fo", u"MZXQ===="},
+                                                                 {u"foo", u"MZXW6==="},
+                                                                 {u"foob", u"MZXW6YQ="},
+                                                                 {u"fooba", u"MZXW6YTB"},
+                                                                 {u"foobar", u"MZXW6YTBOI======"}};
   for (const auto& [plain, encoded] : vectors) {
     EXPECT_EQ(B32()->Encode(UnicodeStringView(plain)), encoded);
     EXPECT_EQ(B32()->Decode(UnicodeStringView(encoded)), plain);

@@ -28,7 +28,6 @@ TEST(UuidText, StandardAndMSFormsMatchLibuuidAndEveryFormReadsBack) {
     if (u._baUuid[0] == 'Q' && u._baUuid[1] == 0) u._baUuid[1] = 1;  // not an internal reference
     char ref[37];
     uuid_unparse_lower(u._baUuid, ref);
-    ASSERT_EQ(u.Format(), Utf8ToUtf16(ref));
     ASSERT_EQ(u.Format(u""), Utf8ToUtf16(ref));
     ASSERT_EQ(u.FormatUtf8(), ref);
     char upper[37];
@@ -45,7 +44,6 @@ TEST(UuidText, StandardAndMSFormsMatchLibuuidAndEveryFormReadsBack) {
     for (const char16_t* name : {u"", u"ms", u"MICROSOFT", u"base64", u"base.64", u"base:64", u"base::64", u"hex",
                                  u"dbhex", u"base16", u"base.16", u"base:16", u"Base::16", u"jhashpath"}) {
       const UnicodeString text = u.Format(name);
-      if (UnicodeStringView(name).empty() && text.starts_with(u"Internal")) continue;
       ASSERT_EQ(TQUMA_Uuid::Create(text), u) << Utf16ToUtf8(name) << " " << Utf16ToUtf8(text);
       ASSERT_EQ(TQUMA_Uuid::TryParseText(text), u);
       ASSERT_EQ(TQUMA_Uuid::Create(Utf16ToUtf8(text)), u);
@@ -74,10 +72,7 @@ TEST(UuidText, ShapesOfTheForms) {
   // Bytes beginning with the UTF-16 text "QUM" format as an internal reference, NULs kept.
   TQUMA_Uuid ref;
   ref._SetAsString(u"QUMA-Ref");
-  const UnicodeString text = ref.Format();
-  ASSERT_EQ(text.size(), 36u);
-  EXPECT_EQ(text.substr(0, 20), u"Internal Reference: ");
-  EXPECT_EQ(text.substr(20), UnicodeString(u"Q\0U\0M\0A\0-\0R\0e\0f\0", 16));
+  EXPECT_EQ(ref.Format(), u"Internal Reference: " + UnicodeString(u"Q\0U\0M\0A\0-\0R\0e\0f\0", 16));
   EXPECT_EQ(ref.Format(u"hex").substr(0, 10), u"510055004d");  // named forms are unaffected
 }
 
