@@ -113,19 +113,21 @@ TEST_F(Event, SnapshotIsInvokedWithoutTheEvent) {
   EXPECT_EQ(a->LastSender, c.get());
 }
 
-// Every step goes through the virtual slots, so an override changes all callers.
-class TCountingEvent : public TQUMASubscribedEvent {
-  QUMA_CLASS(TCountingEvent, TQUMASubscribedEvent)
+// Every step goes through the virtual slots, so an override changes all callers. This one counts
+// Subscribe calls and can swap its subscriber list for a fresh one.
+class TOpenEvent : public TQUMASubscribedEvent {
+  QUMA_CLASS(TOpenEvent, TQUMASubscribedEvent)
  public:
   int Subscribes = 0;
   void Subscribe(const TNotifyEvent& fnCallback) override {
     ++Subscribes;
     inherited::Subscribe(fnCallback);
   }
+  void SwapForEmptyList() { Free(ExchangeCallbackList(New<TQUMACallbackList>())); }
 };
 
 TEST_F(Event, TransferAddsOnlyMissingSubscribersAndEmptiesTheSource) {
-  auto target = MakeObject<TCountingEvent>();
+  auto target = MakeObject<TOpenEvent>();
   target->Subscribe(b->OnA());
   SubscribeA({a.get(), b.get(), c.get()});
   event->TransferSubscriptions(target.get());
@@ -294,15 +296,8 @@ TEST_F(Event, SubscriberMayFreeTheEvent) {
   EXPECT_EQ(log, (TLog{"a.A", "b.A"}));
 }
 
-// A derived event that can swap its subscriber list for a fresh one.
-class TSwappingEvent : public TQUMASubscribedEvent {
-  QUMA_CLASS(TSwappingEvent, TQUMASubscribedEvent)
- public:
-  void SwapForEmptyList() { Free(ExchangeCallbackList(New<TQUMACallbackList>())); }
-};
-
 TEST_F(Event, PassStopsWhenTheEventDropsItsList) {
-  auto swapping = MakeObject<TSwappingEvent>();
+  auto swapping = MakeObject<TOpenEvent>();
   for (auto* p : {a.get(), b.get()}) swapping->Subscribe(p->OnA());
   a->Action = [&] {
     a->Action = nullptr;

@@ -50,6 +50,7 @@ TEST(UTF8CompareStr, OrdersByCodePointThenByStoredLength) {
 }
 
 TEST(UTF8CompareStr, MixedFormsCompareCodeUnitsAndStoredLengths) {
+  EXPECT_EQ(UTF8CompareStr("abc", u"abc"), 0);
   EXPECT_EQ(UTF8CompareStr(u8"\u00E9", u8"z"), 1);
   EXPECT_EQ(UTF8CompareStr(u8"\u00E9", u"\u00E9"), 1);
   // The same text, but 2 UTF-8 bytes against 1 UTF-16 unit.
@@ -206,6 +207,7 @@ TEST(RectText, WritesAndReadsWithFixedSettings) {
 }
 
 TEST(FixedFormatSettings, BothUseThePointAndTheComma) {
+  EXPECT_EQ(GBFormatSettings.DecimalSeparator, u'.');
   EXPECT_EQ(GBFormatSettings.ThousandSeparator, u',');
   EXPECT_EQ(GBFormatSettings.CurrencyString, u"\u00A3");
   EXPECT_EQ(USFormatSettings.CurrencyString, u"$");

@@ -154,6 +154,7 @@ TEST(UuidValue, CompareOrdersByteWiseWhileOperatorsTestEveryByte) {
   b._baUuid[15] = 17;
   EXPECT_EQ(TQUMA_Uuid::Compare(a, b), -1);
   EXPECT_EQ(TQUMA_Uuid::Compare(b, a), 1);
+  EXPECT_EQ(TQUMA_Uuid::Compare(a, a), 0);
   TQUMA_Uuid high = a;
   high._baUuid[0] = 0xFF;  // above in byte 0, so Compare says greater
   EXPECT_EQ(TQUMA_Uuid::Compare(high, b), 1);
