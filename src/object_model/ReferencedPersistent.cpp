@@ -1,5 +1,7 @@
 #include <quma/ReferencedPersistent.h>
 
+#include <quma/CoreUtils.h>
+
 #include <time.h>
 
 #include <algorithm>
@@ -719,40 +721,28 @@ bool TQUMAOpportunisticReferencingStringList::DropReference(TQUMAReferencedPersi
 }
 
 void TQUMAOpportunisticReferencingStringList::InsertItem(Integer Index, const UnicodeString& S, TObject* AObject) {
-  BeginUpdate();
-  try {
-    inherited::InsertItem(Index, S, AObject);
-    if (TQUMAReferencedPersistent* r = QUMAAsReferenced(AObject)) {
-      Remember(r);
-      TakeReference(r, _GetReferencingObject());
-    }
-  } catch (...) {
-    EndUpdate();
-    throw;
+  const auto update = UpdateScope(*this);
+  inherited::InsertItem(Index, S, AObject);
+  if (TQUMAReferencedPersistent* r = QUMAAsReferenced(AObject)) {
+    Remember(r);
+    TakeReference(r, _GetReferencingObject());
   }
-  EndUpdate();
 }
 
 void TQUMAOpportunisticReferencingStringList::PutObject(Integer Index, TObject* AObject) {
   CheckIndex(Index);
   TObject* old = Objects(Index);
   if (old == AObject) return;
-  BeginUpdate();
-  try {
-    if (TQUMAReferencedPersistent* r = Referenced(old)) {
-      Forget(old);
-      DropReference(r, _GetReferencingObject());
-    }
-    inherited::PutObject(Index, AObject);
-    if (TQUMAReferencedPersistent* r = QUMAAsReferenced(AObject)) {
-      Remember(r);
-      TakeReference(r, _GetReferencingObject());
-    }
-  } catch (...) {
-    EndUpdate();
-    throw;
+  const auto update = UpdateScope(*this);
+  if (TQUMAReferencedPersistent* r = Referenced(old)) {
+    Forget(old);
+    DropReference(r, _GetReferencingObject());
   }
-  EndUpdate();
+  inherited::PutObject(Index, AObject);
+  if (TQUMAReferencedPersistent* r = QUMAAsReferenced(AObject)) {
+    Remember(r);
+    TakeReference(r, _GetReferencingObject());
+  }
 }
 
 void TQUMAOpportunisticReferencingStringList::Delete(Integer Index) {

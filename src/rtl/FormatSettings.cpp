@@ -46,25 +46,14 @@ TFormatSettings MakeGB() {
   return fs;
 }
 
+// en-US differs from en-GB only in the currency sign and the date and time patterns.
 TFormatSettings MakeUS() {
-  TFormatSettings fs;
+  TFormatSettings fs = MakeGB();
   fs.CurrencyString = u"$";
-  fs.CurrencyFormat = 0;
-  fs.NegCurrFormat = 1;
-  fs.CurrencyDecimals = 2;
-  fs.ThousandSeparator = u',';
-  fs.DecimalSeparator = u'.';
-  fs.DateSeparator = u'/';
-  fs.TimeSeparator = u':';
-  fs.ListSeparator = u',';
   fs.ShortDateFormat = u"m/d/yyyy";
   fs.LongDateFormat = u"dddd, mmmm d, yyyy";
-  fs.TimeAMString = u"AM";
-  fs.TimePMString = u"PM";
   fs.ShortTimeFormat = u"h:nn AMPM";
   fs.LongTimeFormat = u"h:nn:ss AMPM";
-  fs.TwoDigitYearCenturyWindow = 50;
-  FillEnglishNames(fs);
   return fs;
 }
 
