@@ -461,6 +461,7 @@ UnicodeString FormatV(UnicodeStringView fmt, const TFormatArg* args, std::size_t
           throw invalid();
         }
         body = IntToHex(v, directive.precision < 0 ? 0 : directive.precision);
+        if (directive.type == u'x') body = LowerCase(body);  // "%x" lower case, "%X" upper case
         break;
       }
       case u'S': {

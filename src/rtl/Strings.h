@@ -76,7 +76,8 @@ class TFormatArg {
 };
 
 // The host Format: "%" [index ":"] ["-"] [width] ["." precision] type, with types d u x X s f e
-// g n c p and "%%". Width and precision may be "*". A mismatch raises EConvertError
+// g n c p and "%%". Width and precision may be "*"; "%2.2x" writes two lower-case hexadecimal
+// digits, "%X" upper-case ones. A mismatch raises EConvertError
 // ("Format '%s' invalid or incompatible with argument"). The decimal separator is ".".
 UnicodeString FormatV(UnicodeStringView fmt, const TFormatArg* args, std::size_t count);
 template <class... A>

@@ -50,12 +50,12 @@ TEST(Strings, IntegerConversion) {
 TEST(Strings, FormatSubset) {
   EXPECT_EQ(Format(u"%d items", 3), u"3 items");
   EXPECT_EQ(Format(u"%s=%s", u"a", std::string("b")), u"a=b");
-  EXPECT_EQ(Format(u"%x|%.2x|%2.2x", 255, 10, 7), u"FF|0A|07");
+  EXPECT_EQ(Format(u"%x|%.2x|%2.2x|%X", 255, 10, 7, 0xAB), u"ff|0a|07|AB");
   EXPECT_EQ(Format(u"%4.2f", 3.14159), u"3.14");
   EXPECT_EQ(Format(u"%8.2f|%-4d|", 2.5, 7), u"    2.50|7   |");
   EXPECT_EQ(Format(u"%1:s %0:s", u"world", u"hello"), u"hello world");
   EXPECT_EQ(Format(u"100%%"), u"100%");
-  EXPECT_EQ(Format(u"%x", -1), u"FFFFFFFF");
+  EXPECT_EQ(Format(u"%x", -1), u"ffffffff");
   try {
     Format(u"%d", u"text");
     FAIL();
