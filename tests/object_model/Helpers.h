@@ -6,80 +6,103 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace omtest {
 
 using namespace quma;
+using Journal = std::vector<std::string>;
 
 // A referenced persistent with a name that logs the removal notifications it receives into a
-// shared journal and can run a test-supplied action when told.
+// shared journal and can run a test-supplied action (which may free it) instead of the default.
 class TNode : public TQUMAReferencedPersistent {
   QUMA_CLASS(TNode, TQUMAReferencedPersistent)
  public:
   using TQUMAReferencedPersistent::TQUMAReferencedPersistent;
-  TNode(TPersistent* AOwner, std::string name, std::vector<std::string>* journal = nullptr)
-      : TQUMAReferencedPersistent(AOwner), Name(std::move(name)), Journal(journal) {}
+  TNode(TPersistent* AOwner, std::string name, Journal* journal = nullptr)
+      : TQUMAReferencedPersistent(AOwner), Name(std::move(name)), Log(journal) {}
 
   void NotificationRef(TQUMAReferencedPersistent* Other, TOperation op) override {
-    if (op == opRemove && Journal) {
-      auto* other = dynamic_cast<TNode*>(Other);
-      Journal->push_back(Name + "<-" + (other ? other->Name : std::string("?")));
-    }
-    if (op == opRemove && OnRemove) {
-      auto action = OnRemove;
-      action(this, Other);  // may free this object
-      return;
-    }
+    if (op == opRemove && Log) Log->push_back(Name + "<-" + NameOf(Other));
+    if (op == opRemove && OnRemove) return std::function(OnRemove)(this, Other);
     inherited::NotificationRef(Other, op);
   }
-  // Lets an action that frees the node finish the inherited handling first when it wants to.
   void InheritedNotificationRef(TQUMAReferencedPersistent* Other, TOperation op) { inherited::NotificationRef(Other, op); }
+  static std::string NameOf(TObject* o) {
+    auto* node = dynamic_cast<TNode*>(o);
+    return node ? node->Name : std::string("?");
+  }
 
   std::string Name;
-  std::vector<std::string>* Journal = nullptr;
+  Journal* Log = nullptr;
   std::function<void(TNode* self, TQUMAReferencedPersistent* other)> OnRemove;
 };
 
-// A plain object that holds callbacks and records what it was told.
+// Runs f and expects it to throw E with the given message.
+template <class E, class F>
+void ExpectError(F f, std::u16string_view message) {
+  try {
+    f();
+    ADD_FAILURE() << "no exception";
+  } catch (const E& e) {
+    EXPECT_EQ(e.Message(), message);
+  }
+}
+
+// Frees each object in turn (null-safe): the objects a test still holds at its end.
+template <class... T>
+void FreeAll(T*... objects) {
+  (Free(objects), ...);
+}
+
+inline TNode* N(const std::string& name, Journal* journal = nullptr) { return New<TNode>(nullptr, name, journal); }
+
+// A plain object that is every kind of handler the tests need: a callback holder, a twilight
+// handler, a list watcher and a safe box's removal handler. Its handlers can free a target.
 class THolder : public TObject {
   QUMA_CLASS(THolder, TObject)
  public:
-  explicit THolder(std::string name = "holder", std::vector<std::string>* journal = nullptr)
-      : Name(std::move(name)), Journal(journal) {}
+  explicit THolder(std::string name = "holder", Journal* journal = nullptr) : Name(std::move(name)), Log(journal) {}
   void Told(TQUMAReferencedPersistent* Other, TOperation op) {
     ++Count;
-    if (Journal && op == opRemove) {
-      auto* other = dynamic_cast<TNode*>(Other);
-      Journal->push_back(Name + "<-" + (other ? other->Name : std::string("?")));
-    }
+    if (Log && op == opRemove) Log->push_back(Name + "<-" + TNode::NameOf(Other));
   }
   TQUMAReferencedNotification Callback() { return Bind<&THolder::Told>(this); }
+  void Enter(TObject*, bool& stop) { ++Entered, stop = KeepAlive; }
+  void Leave(TObject*) { ++Left; }
+  void Changed(TObject* Sender, TNode* const& Item, TCollectionNotification Action) {
+    Events.push_back((Action == cnAdded ? "+" : "-") + (Item ? Item->Name : std::string("null")));
+    if (FreeOnRemove && Action == cnRemoved) FreeOnRemove = false, Free(Sender);
+  }
+  void Removed(TObject* Sender) {
+    Senders.push_back(Sender);
+    FreeAndNil(Victim);
+  }
   std::string Name;
-  std::vector<std::string>* Journal;
-  int Count = 0;
+  Journal* Log;
+  Journal Events;
+  std::vector<TObject*> Senders;
+  TObject* Victim = nullptr;
+  bool KeepAlive = true, FreeOnRemove = false;
+  int Count = 0, Entered = 0, Left = 0;
 };
 
 // A component that records removal notifications.
 class TWatcher : public TComponent {
   QUMA_CLASS(TWatcher, TComponent)
  public:
-  explicit TWatcher(TComponent* AOwner = nullptr, std::vector<std::string>* journal = nullptr, std::string name = "watcher")
-      : TComponent(AOwner), Journal(journal), Label(std::move(name)) {}
+  explicit TWatcher(TComponent* AOwner = nullptr, Journal* journal = nullptr, std::string name = "watcher")
+      : TComponent(AOwner), Log(journal), Label(std::move(name)) {}
   void Notification(TComponent* AComponent, TOperation Operation) override {
-    if (Operation == opRemove) {
+    if (auto* w = dynamic_cast<TQUMAPersistentWrapper*>(AComponent); w && Operation == opRemove) {
       ++Removals;
-      if (auto* w = dynamic_cast<TQUMAPersistentWrapper*>(AComponent)) {
-        LastPayload = w->Payload();
-        if (Journal) {
-          auto* node = dynamic_cast<TNode*>(w->Payload());
-          Journal->push_back(Label + "<-" + (node ? node->Name : std::string("?")));
-        }
-      }
+      LastPayload = w->Payload();
+      if (Log) Log->push_back(Label + "<-" + TNode::NameOf(w->Payload()));
     }
     inherited::Notification(AComponent, Operation);
   }
-  std::vector<std::string>* Journal;
+  Journal* Log;
   std::string Label;
   int Removals = 0;
   TPersistent* LastPayload = nullptr;

@@ -9,8 +9,7 @@ using namespace omtest;
 
 TEST(ReferencedStack, LocksWhileOnTheStack) {
   auto* stack = New<TQUMAReferencedPersistentStack<TNode>>();
-  auto* a = New<TNode>(nullptr, "a");
-  auto* b = New<TNode>(nullptr, "b");
+  auto *a = N("a"), *b = N("b");
   THolder keeper;
   a->AddMemLockReference(&keeper);
   stack->Push(a);
@@ -20,11 +19,7 @@ TEST(ReferencedStack, LocksWhileOnTheStack) {
   EXPECT_TRUE(QUMAIsFreed(b));
   EXPECT_EQ(stack->Pop(), a);
   EXPECT_THROW(stack->Pop(), EListError);
-  try {
-    stack->Peek();
-  } catch (const EListError& e) {
-    EXPECT_EQ(e.Message(), u"Unbalanced stack or queue operation");
-  }
+  ExpectError<EListError>([&] { stack->Peek(); }, u"Unbalanced stack or queue operation");
   a->RemoveMemLockReference(&keeper);
   EXPECT_TRUE(QUMAIsFreed(a));
   Free(stack);
@@ -35,7 +30,7 @@ TEST(NamedLists, FoundByNameAndHeldByTheOuterList) {
   auto* red = lists->ListByName(u"Red");
   EXPECT_EQ(lists->ListByName(u"RED"), red);
   EXPECT_EQ(lists->FindList(u"blue"), nullptr);
-  auto* x = New<TNode>(nullptr, "x");
+  auto* x = N("x");
   red->Items()->Add(x);
   EXPECT_TRUE(x->IsLockedBy(red));
   TQUMAGuardedPtr<TNode> gx(x);
@@ -49,22 +44,18 @@ class TColumn : public TCollectionItem {
  public:
   using TCollectionItem::TCollectionItem;
   void Assign(TPersistent* Source) override {
-    if (auto* c = dynamic_cast<TColumn*>(Source)) {
-      Width = c->Width;
-      return;
-    }
+    if (auto* c = dynamic_cast<TColumn*>(Source)) return void(Width = c->Width);
     inherited::Assign(Source);
   }
   int Width = 0;
 };
+using TColumns = TQUMAOwnedCollection<TColumn>;
 }  // namespace
 
 TEST(OwnedCollection, TypedItemsWithOwnerIndexAndIds) {
-  auto* owner = New<TNode>(nullptr, "grid");
-  TObjectPtr<TQUMAOwnedCollection<TColumn>> columns(New<TQUMAOwnedCollection<TColumn>>(owner));
-  TColumn* a = columns->Add();
-  TColumn* b = columns->Add();
-  TColumn* c = columns->Insert(0);
+  auto* owner = N("grid");
+  TObjectPtr<TColumns> columns(New<TColumns>(owner)), copy(New<TColumns>(nullptr));
+  TColumn *a = columns->Add(), *b = columns->Add(), *c = columns->Insert(0);
   EXPECT_EQ(columns->Count(), 3);
   EXPECT_EQ(columns->Items(0), c);
   EXPECT_EQ(b->Index(), 2);
@@ -75,18 +66,11 @@ TEST(OwnedCollection, TypedItemsWithOwnerIndexAndIds) {
   a->Width = 7;
   b->SetIndex(0);
   EXPECT_EQ((*columns)[0], b);
-  try {
-    columns->Items(3);
-    FAIL();
-  } catch (const EListError& e) {
-    EXPECT_EQ(e.Message(), u"List index out of bounds (3)");
-  }
+  ExpectError<EListError>([&] { columns->Items(3); }, u"List index out of bounds (3)");
   columns->Delete(0);
   EXPECT_EQ(columns->Count(), 2);
   Free(c);  // an item freed directly leaves its collection
   EXPECT_EQ(columns->Count(), 1);
-
-  TObjectPtr<TQUMAOwnedCollection<TColumn>> copy(New<TQUMAOwnedCollection<TColumn>>(nullptr));
   copy->Add();
   copy->Add();
   copy->Assign(columns.get());
