@@ -4,6 +4,8 @@
 
 #include <functional>
 
+#include "CallbackReceiver.h"
+
 #include <quma/Method.h>
 #include <quma/Object.h>
 
@@ -11,16 +13,7 @@ using namespace quma;
 
 namespace {
 
-class TReceiver : public TObject {
-  QUMA_CLASS(TReceiver, TObject)
- public:
-  long Count = 0;
-  // Not inlinable into the caller: every variant pays for one real call of the handler.
-  [[gnu::noinline]] void Handle(TObject* Sender) {
-    Count += Sender != nullptr;
-    benchmark::ClobberMemory();
-  }
-};
+using quma_bench::TReceiver;
 
 void BM_NotifyEvent(benchmark::State& state) {
   auto receiver = MakeObject<TReceiver>();

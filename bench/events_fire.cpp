@@ -9,6 +9,8 @@
 #include <memory>
 #include <vector>
 
+#include "CallbackReceiver.h"
+
 #include <quma/Method.h>
 #include <quma/Object.h>
 #include <quma/SubscribedEvent.h>
@@ -17,16 +19,7 @@ using namespace quma;
 
 namespace {
 
-class TReceiver : public TObject {
-  QUMA_CLASS(TReceiver, TObject)
- public:
-  long Count = 0;
-  // The same handler for every variant; not inlined, so each pays for one real call of it.
-  [[gnu::noinline]] void Handle(TObject* Sender) {
-    Count += Sender != nullptr;
-    benchmark::ClobberMemory();
-  }
-};
+using quma_bench::TReceiver;
 
 std::vector<TObjectPtr<TReceiver>> MakeReceivers(std::int64_t n) {
   std::vector<TObjectPtr<TReceiver>> receivers;

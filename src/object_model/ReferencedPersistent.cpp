@@ -147,6 +147,39 @@ detail::TLockerKind detail::KindOf(const TObject* Holder) noexcept {
   return TLockerKind::lkOther;
 }
 
+void detail::TakeContainerReference(TQUMAReferencedPersistent* Item, TObject* Holder, TQUMAReferenceAction Action,
+                                    TObject* Self, TQUMAReferencedNotification Callback) {
+  if (!Item || QUMAIsFreed(Item)) return;
+  if (Action == _raMemLock) {
+    if (Holder != Self)
+      Item->AddMemLockReference(Holder);
+    else
+      Item->AddMemLockReference(Self, Callback);
+  } else if (Holder == Self) {
+    Item->AddNotifyReference(Self, Callback);
+  } else if (const auto kind = KindOf(Holder); kind == TLockerKind::lkReferenced) {
+    Item->AddNotifyReference(static_cast<TQUMAReferencedPersistent*>(Holder));
+  } else if (kind == TLockerKind::lkComponent) {
+    Item->AddNotifyReference(static_cast<TComponent*>(Holder));
+  }
+}
+
+bool detail::DropContainerReference(TQUMAReferencedPersistent* Item, TObject* Holder, TQUMAReferenceAction Action,
+                                    TObject* Self, TQUMAReferencedNotification Callback) {
+  if (!Item || QUMAIsFreed(Item)) return true;
+  bool deleted = false;
+  if (Action == _raMemLock) {
+    Item->RemoveMemLockReference(Holder, &deleted);
+  } else if (Holder == Self) {
+    Item->RemoveNotifyReference(Self, Callback);
+  } else if (const auto kind = KindOf(Holder); kind == TLockerKind::lkReferenced) {
+    Item->RemoveNotifyReference(static_cast<TQUMAReferencedPersistent*>(Holder));
+  } else if (kind == TLockerKind::lkComponent) {
+    Item->RemoveNotifyReference(static_cast<TComponent*>(Holder));
+  }
+  return deleted;
+}
+
 // ---- TQUMAReferencedPersistent: construction and plain properties ----
 
 TQUMAReferencedPersistent::TQUMAReferencedPersistent(TPersistent* AOwner)
@@ -690,34 +723,11 @@ void TQUMAOpportunisticReferencingStringList::Forget(const TObject* p) {
 }
 
 void TQUMAOpportunisticReferencingStringList::TakeReference(TQUMAReferencedPersistent* p, TObject* Holder) {
-  if (!p || QUMAIsFreed(p)) return;
-  if (_RefAction == _raMemLock) {
-    if (Holder != this)
-      p->AddMemLockReference(Holder);
-    else
-      p->AddMemLockReference(this, Callback());
-  } else if (Holder == this) {
-    p->AddNotifyReference(this, Callback());
-  } else if (const auto kind = detail::KindOf(Holder); kind == detail::TLockerKind::lkReferenced) {
-    p->AddNotifyReference(static_cast<TQUMAReferencedPersistent*>(Holder));
-  } else if (kind == detail::TLockerKind::lkComponent) {
-    p->AddNotifyReference(static_cast<TComponent*>(Holder));
-  }
+  detail::TakeContainerReference(p, Holder, _RefAction, this, Callback());
 }
 
 bool TQUMAOpportunisticReferencingStringList::DropReference(TQUMAReferencedPersistent* p, TObject* Holder) {
-  if (!p || QUMAIsFreed(p)) return true;
-  bool deleted = false;
-  if (_RefAction == _raMemLock) {
-    p->RemoveMemLockReference(Holder, &deleted);
-  } else if (Holder == this) {
-    p->RemoveNotifyReference(this, Callback());
-  } else if (const auto kind = detail::KindOf(Holder); kind == detail::TLockerKind::lkReferenced) {
-    p->RemoveNotifyReference(static_cast<TQUMAReferencedPersistent*>(Holder));
-  } else if (kind == detail::TLockerKind::lkComponent) {
-    p->RemoveNotifyReference(static_cast<TComponent*>(Holder));
-  }
-  return deleted;
+  return detail::DropContainerReference(p, Holder, _RefAction, this, Callback());
 }
 
 void TQUMAOpportunisticReferencingStringList::InsertItem(Integer Index, const UnicodeString& S, TObject* AObject) {

@@ -267,6 +267,14 @@ struct TLockEntry {
 };
 // The kind of a live holder, from its class (no registry look-up).
 TLockerKind KindOf(const TObject* Holder) noexcept;
+// The reference a container takes on an item for Holder: a memory lock, or a notify reference
+// matching the holder's kind. A container that holds for itself (Holder == Self) is told through
+// Callback. Items already freed are left alone.
+void TakeContainerReference(TQUMAReferencedPersistent* Item, TObject* Holder, TQUMAReferenceAction Action,
+                            TObject* Self, TQUMAReferencedNotification Callback);
+// Undoes TakeContainerReference; true when releasing a memory lock freed the item.
+bool DropContainerReference(TQUMAReferencedPersistent* Item, TObject* Holder, TQUMAReferenceAction Action,
+                            TObject* Self, TQUMAReferencedNotification Callback);
 }  // namespace detail
 
 class TQUMAReferencedPersistent : public TPersistent, public IInterface {
@@ -668,33 +676,10 @@ class TQUMAReferencedList : public TQUMASubscribedList<T*> {
   TQUMAReferencedNotification Callback() noexcept { return Bind<&TQUMAReferencedList::_NotificationRef>(this); }
 
   void TakeReference(T* Item, TObject* Holder, TQUMAReferenceAction Action) {
-    TQUMAReferencedPersistent* item = Item;
-    if (!item || QUMAIsFreed(item)) return;
-    if (Action == _raMemLock) {
-      if (Holder != this)
-        item->AddMemLockReference(Holder);
-      else
-        item->AddMemLockReference(this, Callback());
-    } else if (Holder == this) {
-      item->AddNotifyReference(this, Callback());
-    } else if (const auto kind = detail::KindOf(Holder); kind == detail::TLockerKind::lkReferenced) {
-      item->AddNotifyReference(static_cast<TQUMAReferencedPersistent*>(Holder));
-    } else if (kind == detail::TLockerKind::lkComponent) {
-      item->AddNotifyReference(static_cast<TComponent*>(Holder));
-    }
+    detail::TakeContainerReference(Item, Holder, Action, this, Callback());
   }
   void DropReference(T* Item, TObject* Holder, TQUMAReferenceAction Action) {
-    TQUMAReferencedPersistent* item = Item;
-    if (!item || QUMAIsFreed(item)) return;
-    if (Action == _raMemLock) {
-      item->RemoveMemLockReference(Holder, nullptr);
-    } else if (Holder == this) {
-      item->RemoveNotifyReference(this, Callback());
-    } else if (const auto kind = detail::KindOf(Holder); kind == detail::TLockerKind::lkReferenced) {
-      item->RemoveNotifyReference(static_cast<TQUMAReferencedPersistent*>(Holder));
-    } else if (kind == detail::TLockerKind::lkComponent) {
-      item->RemoveNotifyReference(static_cast<TComponent*>(Holder));
-    }
+    detail::DropContainerReference(Item, Holder, Action, this, Callback());
   }
 
   TObject* _pRefObject = nullptr;
