@@ -1,11 +1,29 @@
-# Installs the built library into a scratch prefix, then builds the consumer project against it
-# with find_package and with pkg-config, and runs both programs.
+# Installs the built library into a scratch prefix (MODE install), or builds the Debian package
+# with CPack and unpacks it into a scratch root (MODE deb); then builds the consumer project
+# against it with find_package and with pkg-config, and runs both programs.
 file(REMOVE_RECURSE ${WORK_DIR})
-set(prefix ${WORK_DIR}/prefix)
-execute_process(COMMAND ${CMAKE_COMMAND} --install ${QUMA_BINARY_DIR} --prefix ${prefix}
-                RESULT_VARIABLE rc)
-if(rc)
-  message(FATAL_ERROR "install failed: ${rc}")
+if(MODE STREQUAL "deb")
+  execute_process(COMMAND cpack -G DEB --config ${QUMA_BINARY_DIR}/CPackConfig.cmake -B ${WORK_DIR}/cpack
+                  RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE out)
+  file(GLOB debs ${WORK_DIR}/cpack/*.deb)
+  if(rc OR NOT debs)
+    message(FATAL_ERROR "cpack failed: ${rc}\n${out}")
+  endif()
+  execute_process(COMMAND dpkg-deb -x ${debs} ${WORK_DIR}/root RESULT_VARIABLE rc)
+  if(rc)
+    message(FATAL_ERROR "unpacking ${debs} failed: ${rc}")
+  endif()
+  set(prefix ${WORK_DIR}/root/usr)
+  if(NOT EXISTS ${prefix}/bin/quma)
+    message(FATAL_ERROR "the package has no quma tool")
+  endif()
+else()
+  set(prefix ${WORK_DIR}/prefix)
+  execute_process(COMMAND ${CMAKE_COMMAND} --install ${QUMA_BINARY_DIR} --prefix ${prefix}
+                  RESULT_VARIABLE rc)
+  if(rc)
+    message(FATAL_ERROR "install failed: ${rc}")
+  endif()
 endif()
 execute_process(COMMAND ${CMAKE_COMMAND} -S ${QUMA_SOURCE_DIR}/tests/package/consumer
                   -B ${WORK_DIR}/build -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_BUILD_TYPE=Release

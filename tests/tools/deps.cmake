@@ -1,0 +1,3 @@
+# zlib is the oracle for the crc32 sub-command.
+find_package(ZLIB REQUIRED)
+list(APPEND QUMA_TEST_EXTRA_LIBS ZLIB::ZLIB)

@@ -1,0 +1,195 @@
+// The quma tool, driven as a user would: arguments, standard input, output, status.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <zlib.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <string>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct TRun {
+  int status = -1;
+  std::string out, err;
+};
+
+fs::path Scratch() {
+  static const fs::path dir = [] {
+    auto d = fs::temp_directory_path() / ("quma-tool-test-" + std::to_string(::getpid()));
+    fs::create_directories(d);
+    return d;
+  }();
+  return dir;
+}
+
+std::string Slurp(const fs::path& p) {
+  std::ifstream f(p, std::ios::binary);
+  std::ostringstream s;
+  s << f.rdbuf();
+  return s.str();
+}
+
+void Spit(const fs::path& p, const std::string& data) {
+  std::ofstream f(p, std::ios::binary);
+  f << data;
+}
+
+// Runs the tool with a shell-quoted argument string and the given standard input.
+TRun Quma(const std::string& args, const std::string& input = {}) {
+  const auto dir = Scratch();
+  Spit(dir / "in", input);
+  const std::string cmd = std::string("'") + QUMA_TOOL_PATH + "' " + args + " <'" + (dir / "in").string() + "' >'" +
+                          (dir / "out").string() + "' 2>'" + (dir / "err").string() + "'";
+  const int rc = std::system(cmd.c_str());
+  TRun r;
+  r.status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+  r.out = Slurp(dir / "out");
+  r.err = Slurp(dir / "err");
+  return r;
+}
+
+unsigned long ZlibCrc(const std::string& s) {
+  return crc32(crc32(0L, Z_NULL, 0), reinterpret_cast<const Bytef*>(s.data()), static_cast<uInt>(s.size()));
+}
+
+std::string RandomBytes(std::size_t n, unsigned seed) {
+  std::mt19937 gen(seed);
+  std::string s(n, '\0');
+  for (auto& c : s) c = static_cast<char>(gen());
+  return s;
+}
+
+TEST(QumaTool, HelpVersionAndUsageErrors) {
+  auto help = Quma("--help");
+  EXPECT_EQ(help.status, 0);
+  for (const char* sub : {"uuid", "crc32", "base32", "hex", "date"}) EXPECT_NE(help.out.find(sub), std::string::npos) << sub;
+  auto version = Quma("--version");
+  EXPECT_EQ(version.status, 0);
+  EXPECT_EQ(version.out.rfind("quma (QUMALib.Utils) ", 0), 0u) << version.out;
+
+  for (const char* bad : {"", "frobnicate", "hex --group x", "uuid", "date http --to nowhere", "crc32 --nope"}) {
+    auto r = Quma(bad);
+    EXPECT_EQ(r.status, 2) << bad;
+    EXPECT_TRUE(r.out.empty()) << bad;
+    EXPECT_EQ(r.err.rfind("quma: ", 0), 0u) << bad << ": " << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+  }
+}
+
+TEST(QumaTool, UuidFormsRoundTrip) {
+  const std::string id = "6ba7b810-9dad-11d1-80b4-00c04fd430c8";
+  struct {
+    const char* form;
+    const char* text;
+  } const cases[] = {{"ms", "{6BA7B810-9DAD-11D1-80B4-00C04FD430C8}"},
+                     {"hex", "6ba7b8109dad11d180b400c04fd430c8"},
+                     {"base64", "a6e4EJ2tEdGAtADAT9QwyA=="},
+                     {"standard", "6ba7b810-9dad-11d1-80b4-00c04fd430c8"}};
+  for (const auto& c : cases) {
+    auto r = Quma(std::string("uuid format ") + c.form + " " + id);
+    EXPECT_EQ(r.status, 0) << c.form << r.err;
+    EXPECT_EQ(r.out, std::string(c.text) + "\n") << c.form;
+    auto back = Quma(std::string("uuid parse '") + c.text + "'");
+    EXPECT_EQ(back.out, id + "\n") << c.form;
+  }
+  // Lines of standard input when no argument is given.
+  auto lines = Quma("uuid format hex", id + "\n\n{6BA7B810-9DAD-11D1-80B4-00C04FD430C8}\n");
+  EXPECT_EQ(lines.out, "6ba7b8109dad11d180b400c04fd430c8\n6ba7b8109dad11d180b400c04fd430c8\n");
+
+  auto made = Quma("uuid new -n 3");
+  ASSERT_EQ(made.status, 0);
+  ASSERT_EQ(made.out.size(), 3 * 37u);
+  EXPECT_NE(made.out.substr(0, 36), made.out.substr(37, 36));
+  EXPECT_EQ(made.out[14], '4');  // version 4
+
+  auto bad = Quma("uuid parse 6ba7b810-9dad-11d1-80b4");
+  EXPECT_EQ(bad.status, 1);
+  EXPECT_EQ(bad.err, "quma: Unrecognised Format\n");
+}
+
+TEST(QumaTool, Crc32MatchesZlibLikeCksum) {
+  const std::string a = RandomBytes(200000, 1), b = "123456789";
+  Spit(Scratch() / "a.bin", a);
+  Spit(Scratch() / "b.txt", b);
+  char expected[128];
+  std::snprintf(expected, sizeof expected, "%08lx %zu %s\n%08lx %zu %s\n", ZlibCrc(a), a.size(),
+                (Scratch() / "a.bin").c_str(), ZlibCrc(b), b.size(), (Scratch() / "b.txt").c_str());
+  auto r = Quma("crc32 " + (Scratch() / "a.bin").string() + " " + (Scratch() / "b.txt").string());
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, expected);
+
+  auto in = Quma("crc32", b);
+  EXPECT_EQ(in.out, "cbf43926 9\n");
+  EXPECT_EQ(Quma("crc32 -", "").out, "00000000 0 -\n");
+
+  // A missing file is reported and the others still get their line.
+  auto missing = Quma("crc32 /nonexistent/x " + (Scratch() / "b.txt").string());
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_NE(missing.err.find("/nonexistent/x: No such file or directory"), std::string::npos) << missing.err;
+  EXPECT_NE(missing.out.find("cbf43926 9"), std::string::npos);
+}
+
+TEST(QumaTool, Base32AndHexRoundTripLargeInputs) {
+  const std::string data = RandomBytes(300001, 2);
+  for (const char* wrap : {"", " -w 0", " -w 7"}) {
+    auto enc = Quma(std::string("base32") + wrap, data);
+    ASSERT_EQ(enc.status, 0);
+    auto dec = Quma("base32 -d", enc.out);
+    ASSERT_EQ(dec.status, 0) << dec.err;
+    EXPECT_TRUE(dec.out == data) << wrap;
+  }
+  EXPECT_EQ(Quma("base32", "foobar").out, "MZXW6YTBOI======\n");
+  EXPECT_EQ(Quma("base32 -d", "MZXW6YTBOI======\n").out, "foobar");
+  auto bad32 = Quma("base32 -d", "MZ!W6YTB");
+  EXPECT_EQ(bad32.status, 1);
+  EXPECT_EQ(bad32.err, "quma: Invalid Base32 Input character: ! at offset 2 of buffer\n");
+
+  for (const char* layout : {"", " -g 1 -l 16", " -g 2", " -l 3"}) {
+    auto enc = Quma(std::string("hex") + layout, data);
+    ASSERT_EQ(enc.status, 0);
+    auto dec = Quma("hex -d", enc.out);
+    ASSERT_EQ(dec.status, 0) << dec.err;
+    EXPECT_TRUE(dec.out == data) << layout;
+  }
+  EXPECT_EQ(Quma("hex -g 1 -l 2", std::string("\x01\x02\x03\x04\x05", 5)).out, "01 02\n03 04\n05\n");
+  for (const char* bad : {"ABC", "0G"}) {
+    auto r = Quma("hex -d", bad);
+    EXPECT_EQ(r.status, 1) << bad;
+    EXPECT_EQ(r.err, "quma: HexStringToBytes: String contains invalid characters\n") << bad;
+  }
+}
+
+TEST(QumaTool, DatesFormatAndParse) {
+  struct {
+    const char* args;
+    const char* out;
+  } const cases[] = {
+      {"date http --at 784111777", "Sun, 06 Nov 1994 08:49:37 GMT\n"},
+      {"date xml --at 784111777", "1994-11-06T08:49:37Z\n"},
+      {"date http 'Sun, 06 Nov 1994 08:49:37 GMT'", "1994-11-06T08:49:37Z\n"},
+      {"date http --unix 'Sun, 06 Nov 1994 08:49:37 GMT'", "784111777\n"},
+      {"date xml --to http 1994-11-06T08:49:37Z", "Sun, 06 Nov 1994 08:49:37 GMT\n"},
+  };
+  for (const auto& c : cases) {
+    auto r = Quma(c.args);
+    EXPECT_EQ(r.status, 0) << c.args << r.err;
+    EXPECT_EQ(r.out, c.out) << c.args;
+  }
+  auto now = Quma("date http");
+  EXPECT_EQ(now.status, 0);
+  EXPECT_EQ(now.out.size(), 30u) << now.out;
+
+  auto bad = Quma("date http 'Sun, 06 Nov 1994'");
+  EXPECT_EQ(bad.status, 1);
+  EXPECT_EQ(bad.err, "quma: Unable to convert \"Sun, 06 Nov 1994\" to TDateTime\n");
+}
+
+}  // namespace
