@@ -21,6 +21,7 @@ class TCollectionItem : public TPersistent {
   QUMA_VIRTUAL_CONSTRUCTOR(TCollection*)
  public:
   explicit TCollectionItem(TCollection* Collection = nullptr);
+  void BeforeDestruction() override;
   ~TCollectionItem() override;
 
   TCollection* Collection() const noexcept { return FCollection; }
@@ -52,6 +53,7 @@ class TCollection : public TPersistent {
   QUMA_CLASS(TCollection, TPersistent)
  public:
   explicit TCollection(TCollectionItemClass ItemClass);
+  void BeforeDestruction() override;
   ~TCollection() override;
 
   // A new item of the item class, appended.
