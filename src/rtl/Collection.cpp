@@ -89,7 +89,11 @@ TCollectionItem* TCollection::Insert(Integer Index) {
   return item;
 }
 
-void TCollection::Delete(Integer Index) { Free(Items(Index)); }
+void TCollection::Delete(Integer Index) {
+  TCollectionItem* item = Items(Index);
+  Notify(item, cnDeleting);
+  Free(item);
+}
 
 void TCollection::Clear() {
   if (FItems.empty()) return;

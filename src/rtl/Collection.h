@@ -80,7 +80,8 @@ class TCollection : public TPersistent {
  protected:
   // Called after an item changed (Item null: possibly every item), outside update brackets.
   virtual void Update(TCollectionItem* Item) { (void)Item; }
-  // Called when an item joins (cnAdded) or leaves (cnExtracting) the collection.
+  // Called when an item joins (cnAdded) or leaves (cnExtracting) the collection, and before
+  // Delete frees one (cnDeleting).
   virtual void Notify(TCollectionItem* Item, TCollectionNotification Action) { (void)Item, (void)Action; }
   void Changed();
 
