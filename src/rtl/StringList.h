@@ -79,6 +79,7 @@ class TStrings : public TPersistent {
   Integer IndexOf(std::string_view S) const { return IndexOf(UnicodeStringView(Utf8ToUtf16(S))); }
   // First index whose name (the text before NameValueSeparator) equals Name, or -1.
   virtual Integer IndexOfName(UnicodeStringView Name) const;
+  Integer IndexOfName(std::string_view Name) const { return IndexOfName(UnicodeStringView(Utf8ToUtf16(Name))); }
   virtual Integer IndexOfObject(const TObject* AObject) const;
 
   // The name of entry Index ("" when it has no separator).
@@ -89,6 +90,7 @@ class TStrings : public TPersistent {
   void SetValueFromIndex(Integer Index, UnicodeStringView Value);
   // The value of the first entry named Name, or "".
   UnicodeString Values(UnicodeStringView Name) const;
+  UnicodeString Values(std::string_view Name) const { return Values(UnicodeStringView(Utf8ToUtf16(Name))); }
   // Sets the value of Name: replaces the entry, adds one when there is none, and deletes the
   // entry when Value is empty.
   void SetValue(UnicodeStringView Name, UnicodeStringView Value);
@@ -97,6 +99,7 @@ class TStrings : public TPersistent {
   // the default (LF), else on LineBreak exactly.
   UnicodeString Text() const;
   void SetText(UnicodeStringView Value);
+  void SetText(std::string_view Value) { SetText(UnicodeStringView(Utf8ToUtf16(Value))); }
 
   // The strings joined by Delimiter. A string is quoted (QuoteChar around it, embedded quote
   // characters doubled) when it contains the delimiter or the quote character, or, unless
@@ -105,9 +108,11 @@ class TStrings : public TPersistent {
   // StrictDelimiter blanks also separate items and are dropped around them.
   UnicodeString DelimitedText() const;
   void SetDelimitedText(UnicodeStringView Value);
+  void SetDelimitedText(std::string_view Value) { SetDelimitedText(UnicodeStringView(Utf8ToUtf16(Value))); }
   // DelimitedText with ',' and '"' and without StrictDelimiter, whatever the settings.
   UnicodeString CommaText() const;
   void SetCommaText(UnicodeStringView Value);
+  void SetCommaText(std::string_view Value) { SetCommaText(UnicodeStringView(Utf8ToUtf16(Value))); }
 
   WideChar Delimiter() const noexcept { return FDelimiter; }
   void SetDelimiter(WideChar c) noexcept { FDelimiter = c; }

@@ -103,7 +103,7 @@ TEST(StringList, NameValuePairs) {
   list->SetValueFromIndex(0, u"");
   list->SetNameValueSeparator(u':');
   list->AddPair(u"k", u"v");
-  EXPECT_EQ(list->Values(u"K"), u"v");
+  EXPECT_EQ(list->Values("K"), u"v");
   EXPECT_EQ(list->IndexOfName(u"colour"), -1);
   EXPECT_EQ(list->Count(), 4);
 }
@@ -245,7 +245,7 @@ TEST(DelimitedText, DocumentedSplittingRules) {
   list->SetDelimiter(u';');
   list->SetQuoteChar(u'\'');
   EXPECT_EQ(list->CommaText(), u"\"say \"\"hi\"\"\",\"x,y\"");  // its own delimiter and quote
-  list->SetCommaText(u"p q, r");
+  list->SetCommaText("p q, r");
   EXPECT_EQ(Items(*list), (Strings{u"p", u"q", u"r"}));
   EXPECT_EQ(list->DelimitedText(), u"p;q;r");
 }
