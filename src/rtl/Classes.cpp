@@ -27,12 +27,18 @@ TComponent::TComponent(TComponent* AOwner) {
   if (AOwner) AOwner->InsertComponent(this);
 }
 
+// The host's teardown order, run while the component is whole: every notified component and the
+// owner see this component's own class and overrides.
 void TComponent::BeforeDestruction() {
-  if (!FComponentState.Contains(csDestroying)) Destroying();
+  TearDown();
   TPersistent::BeforeDestruction();
 }
 
-TComponent::~TComponent() {
+// Only a component whose AfterConstruction failed gets here unfinished; it must still leave its
+// owner and links.
+TComponent::~TComponent() { TearDown(); }
+
+void TComponent::TearDown() {
   Destroying();
   RemoveFreeNotifications();
   DestroyComponents();
@@ -76,11 +82,16 @@ void TComponent::RemoveComponent(TComponent* AComponent) {
 }
 
 void TComponent::DestroyComponents() {
-  // Newest first; each component removes itself from FComponents as it goes.
+  // Newest first. As in the host, a component with free-notification links leaves through
+  // RemoveComponent (the owner and its components are told); the others just leave.
   while (!FComponents.empty()) {
     TComponent* c = FComponents.back();
-    FComponents.pop_back();
-    c->FOwner = nullptr;
+    if (c->FComponentState.Contains(csFreeNotification)) {
+      RemoveComponent(c);
+    } else {
+      FComponents.pop_back();
+      c->FOwner = nullptr;
+    }
     Free(c);
   }
 }

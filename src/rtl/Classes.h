@@ -56,6 +56,7 @@ class TComponent : public TPersistent {
  public:
   explicit TComponent(TComponent* AOwner = nullptr);
   ~TComponent() override;
+  // Tells the linked components, frees the owned ones (newest first) and leaves the owner.
   void BeforeDestruction() override;
 
   TComponent* GetComponentOwner() const noexcept { return FOwner; }
@@ -101,6 +102,7 @@ class TComponent : public TPersistent {
 
  private:
   void RemoveNotification(TComponent* AComponent);
+  void TearDown();
 
   TComponent* FOwner = nullptr;
   UnicodeString FName;

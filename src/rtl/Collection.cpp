@@ -8,6 +8,12 @@ namespace quma {
 
 TCollectionItem::TCollectionItem(TCollection* Collection) { SetCollection(Collection); }
 
+// The collection hears of the item leaving while the item is whole.
+void TCollectionItem::BeforeDestruction() {
+  SetCollection(nullptr);
+  inherited::BeforeDestruction();
+}
+
 TCollectionItem::~TCollectionItem() { SetCollection(nullptr); }
 
 void TCollectionItem::SetCollection(TCollection* Value) {
@@ -49,8 +55,15 @@ void TCollectionItem::Changed(bool AllItems) {
 
 TCollection::TCollection(TCollectionItemClass ItemClass) : FItemClass(ItemClass) {}
 
-TCollection::~TCollection() {
+// The items go while the collection is whole, so that Notify overrides see each one leave.
+void TCollection::BeforeDestruction() {
   FUpdateCount = 1;  // no Update calls while going
+  Clear();
+  inherited::BeforeDestruction();
+}
+
+TCollection::~TCollection() {
+  FUpdateCount = 1;
   Clear();
 }
 
@@ -76,7 +89,11 @@ TCollectionItem* TCollection::Insert(Integer Index) {
   return item;
 }
 
-void TCollection::Delete(Integer Index) { Free(Items(Index)); }
+void TCollection::Delete(Integer Index) {
+  TCollectionItem* item = Items(Index);
+  Notify(item, cnDeleting);
+  Free(item);
+}
 
 void TCollection::Clear() {
   if (FItems.empty()) return;

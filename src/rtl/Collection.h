@@ -21,6 +21,7 @@ class TCollectionItem : public TPersistent {
   QUMA_VIRTUAL_CONSTRUCTOR(TCollection*)
  public:
   explicit TCollectionItem(TCollection* Collection = nullptr);
+  void BeforeDestruction() override;
   ~TCollectionItem() override;
 
   TCollection* Collection() const noexcept { return FCollection; }
@@ -52,6 +53,7 @@ class TCollection : public TPersistent {
   QUMA_CLASS(TCollection, TPersistent)
  public:
   explicit TCollection(TCollectionItemClass ItemClass);
+  void BeforeDestruction() override;
   ~TCollection() override;
 
   // A new item of the item class, appended.
@@ -78,7 +80,8 @@ class TCollection : public TPersistent {
  protected:
   // Called after an item changed (Item null: possibly every item), outside update brackets.
   virtual void Update(TCollectionItem* Item) { (void)Item; }
-  // Called when an item joins (cnAdded) or leaves (cnExtracting) the collection.
+  // Called when an item joins (cnAdded) or leaves (cnExtracting) the collection, and before
+  // Delete frees one (cnDeleting).
   virtual void Notify(TCollectionItem* Item, TCollectionNotification Action) { (void)Item, (void)Action; }
   void Changed();
 

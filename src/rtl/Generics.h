@@ -95,6 +95,12 @@ class TList : public TObject {
   TList() : FComparer(TComparer<T>::Default()) {}
   explicit TList(std::shared_ptr<const IComparer<T>> comparer)
       : FComparer(comparer ? std::move(comparer) : TComparer<T>::Default()) {}
+  // Freeing a list removes its items first, while the object is whole, so that Notify overrides
+  // hear of every item as Clear would tell them.
+  void BeforeDestruction() override {
+    Clear();
+    TObject::BeforeDestruction();
+  }
   ~TList() override { detail::TAliveFlag::KillAll(FAlive); }
 
   Integer Count() const noexcept { return static_cast<Integer>(FItems.size() - FHead); }
@@ -239,6 +245,9 @@ class TList : public TObject {
   static void CheckIndex(Integer index, Integer limit) {
     if (index < 0 || index >= limit) throw EArgumentOutOfRangeException(SArgumentOutOfRange);
   }
+  // A handler that frees the list while the final Clear notifies leaves the release to the
+  // Free already under way.
+  bool EnterDestruction() noexcept override { return !std::exchange(FDestroying, true); }
 
  private:
   // Storage: the live items are FItems[FHead..]. Removing the first item only moves FHead, so a
@@ -275,6 +284,7 @@ class TList : public TObject {
   std::size_t FHead = 0;
   std::shared_ptr<const IComparer<T>> FComparer;
   detail::TAliveFlag* FAlive = nullptr;
+  bool FDestroying = false;
 };
 
 // A list of objects that frees the objects it removes while OwnsObjects is true (extraction
@@ -286,7 +296,11 @@ class TObjectList : public TList<T*> {
   explicit TObjectList(bool ownsObjects = true) : FOwnsObjects(ownsObjects) {}
   TObjectList(std::shared_ptr<const IComparer<T*>> comparer, bool ownsObjects = true)
       : TList<T*>(std::move(comparer)), FOwnsObjects(ownsObjects) {}
-  ~TObjectList() override { this->Clear(); }
+  // Owned items left by a handler of the final Clear; the list frees them without notifying.
+  ~TObjectList() override {
+    if (FOwnsObjects)
+      for (T* item : this->View()) Free(item);
+  }
 
   bool OwnsObjects() const noexcept { return FOwnsObjects; }
   void SetOwnsObjects(bool value) noexcept { FOwnsObjects = value; }

@@ -45,6 +45,16 @@ class TSample : public TQUMAPropertySet {
   Integer FValue = 0;
 };
 
+class TSampleChild : public TSample {
+  QUMA_CLASS(TSampleChild, TSample)
+};
+// Equal to every property set it is asked about.
+class TSampleSibling : public TQUMAPropertySet {
+  QUMA_CLASS(TSampleSibling, TQUMAPropertySet)
+ public:
+  bool EqualTo(const TQUMAPropertySet*) const override { return true; }
+};
+
 class TListener : public TObject {
   QUMA_CLASS(TListener, TObject)
  public:
@@ -87,10 +97,9 @@ TEST_F(PropertySetBatching, OneDeliveryPerBatchHooksBeforeListener) {
   EXPECT_EQ(listener->Calls, 2);
 }
 
-TEST_F(PropertySetBatching, NestedBatchesDeliverAtTheOutermostEnd) {
+TEST_F(PropertySetBatching, NestedEmptyAndUnmatchedBatchesAndTheScopeGuard) {
   set->BeginUpdate();
   set->BeginUpdate();
-  EXPECT_EQ(set->UpdateCount(), 2);
   set->SetValue(5);
   set->SetValue(6);
   EXPECT_EQ(set->UpdateCount(), 2);  // the depth, not the number of changes
@@ -98,30 +107,18 @@ TEST_F(PropertySetBatching, NestedBatchesDeliverAtTheOutermostEnd) {
   EXPECT_EQ(listener->Calls, 0);
   set->EndUpdate();
   EXPECT_EQ(listener->Calls, 1);
-}
-
-TEST_F(PropertySetBatching, EmptyBatchAndUnmatchedEndDeliverNothing) {
   set->BeginUpdate();
   set->EndUpdate();
-  set->EndUpdate();
-  set->EndUpdate();
+  set->EndUpdate();  // unmatched: the depth never goes negative
   EXPECT_EQ(set->UpdateCount(), 0);
-  EXPECT_EQ(listener->Calls, 0);
-  set->BeginUpdate();  // the depth never went negative: one Begin opens a batch again
-  set->SetValue(1);
-  EXPECT_EQ(listener->Calls, 0);
-  set->EndUpdate();
   EXPECT_EQ(listener->Calls, 1);
-}
-
-TEST_F(PropertySetBatching, ScopeGuardClosesTheBatch) {
   {
     auto scope = set->Update();
     set->SetValue(1);
     set->SetValue(2);
-    EXPECT_EQ(listener->Calls, 0);
+    EXPECT_EQ(listener->Calls, 1);
   }
-  EXPECT_EQ(listener->Calls, 1);
+  EXPECT_EQ(listener->Calls, 2);
   EXPECT_EQ(set->UpdateCount(), 0);
 }
 
@@ -163,6 +160,14 @@ TEST(PropertySetIdentity, EqualsAndEqualTo) {
   EXPECT_FALSE(s1->Equals(s2.get()));
   auto unrelated = MakeObject<TListener>();
   EXPECT_FALSE(s1->Equals(unrelated.get()));
+  // Between an ancestor and a descendant class, either way round, the properties decide.
+  auto child = MakeObject<TSampleChild>();
+  child->SetValue(3);
+  EXPECT_TRUE(s1->Equals(child.get()));
+  EXPECT_TRUE(child->Equals(s1.get()));
+  auto sibling = MakeObject<TSampleSibling>();
+  EXPECT_FALSE(s1->Equals(sibling.get()));  // neither class descends from the other
+  EXPECT_FALSE(sibling->Equals(s1.get()));
 }
 
 TEST(PropertySetDuplicate, CopiesTheRunTimeClassAndOwner) {
