@@ -8,6 +8,19 @@ namespace quma {
 namespace {
 [[noreturn]] void NoMapping() { throw EEncodingError(SNoMappingForUnicode); }
 
+constexpr bool IsHigh(char16_t c) noexcept { return c >= 0xD800 && c <= 0xDBFF; }
+constexpr bool IsLow(char16_t c) noexcept { return c >= 0xDC00 && c <= 0xDFFF; }
+
+// Decoded UTF-16 must pair its surrogates. A high surrogate at the very end is an incomplete
+// character (the next bytes may bring its partner), so a reader that feeds bytes one at a time
+// never splits a pair.
+void CheckSurrogates(UnicodeStringView s) {
+  for (std::size_t i = 0; i < s.size(); ++i) {
+    if (IsLow(s[i])) NoMapping();
+    if (IsHigh(s[i]) && (++i == s.size() || !IsLow(s[i]))) NoMapping();
+  }
+}
+
 template <class T>
 const T* Shared() noexcept {
   static T* instance = New<T>();  // process lifetime: encodings are handed out as shared objects
@@ -96,11 +109,11 @@ void TUnicodeEncoding::DoGetBytes(UnicodeStringView S, TBytes& Out) const {
 void TUnicodeEncoding::DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const {
   if (Count % 2) NoMapping();  // half a code unit
   const bool be = BigEndian();
+  const std::size_t first = Out.size();
   for (std::size_t i = 0; i < Count; i += 2)
     Out.push_back(be ? static_cast<char16_t>(Bytes[i] << 8 | Bytes[i + 1])
                      : static_cast<char16_t>(Bytes[i + 1] << 8 | Bytes[i]));
-  // A high surrogate at the end still waits for its partner.
-  if (!Out.empty() && Out.back() >= 0xD800 && Out.back() <= 0xDBFF) NoMapping();
+  CheckSurrogates(UnicodeStringView(Out).substr(first));
 }
 
 // ---- UTF-7 (RFC 2152) ----
@@ -139,10 +152,12 @@ void TUTF7Encoding::DoGetBytes(UnicodeStringView S, TBytes& Out) const {
       ++i;
       continue;
     }
+    // A run takes every character that is not written directly, '+' included: closing the run
+    // for "+-" and opening a new one costs more, and would break the GetMaxByteCount bound.
     Out.push_back('+');
     std::uint32_t bits = 0;
     int nbits = 0;
-    while (i < S.size() && !DirectUtf7(S[i]) && S[i] != u'+') {
+    while (i < S.size() && !DirectUtf7(S[i])) {
       bits = (bits << 16) | S[i++];
       nbits += 16;
       while (nbits >= 6) {
@@ -158,6 +173,7 @@ void TUTF7Encoding::DoGetBytes(UnicodeStringView S, TBytes& Out) const {
 }
 
 void TUTF7Encoding::DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const {
+  const std::size_t first = Out.size();
   std::size_t i = 0;
   while (i < Count) {
     const Byte b = Bytes[i++];
@@ -183,6 +199,7 @@ void TUTF7Encoding::DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeStri
     }
     if (i < Count && Bytes[i] == '-') ++i;  // the terminator is absorbed
   }
+  CheckSurrogates(UnicodeStringView(Out).substr(first));
 }
 
 // ---- single-byte ----

@@ -32,13 +32,15 @@ class TEncoding : public TObject {
   virtual Integer CodePage() const noexcept = 0;
   virtual bool IsSingleByte() const noexcept { return false; }
   virtual TBytes GetPreamble() const { return {}; }
-  // Most bytes CharCount UTF-16 code units can take, and most code units ByteCount bytes give.
+  // Most bytes CharCount UTF-16 code units can take (GetBytes never writes more), and most code
+  // units ByteCount bytes give.
   virtual Integer GetMaxByteCount(Integer CharCount) const = 0;
   virtual Integer GetMaxCharCount(Integer ByteCount) const = 0;
 
   TBytes GetBytes(UnicodeStringView S) const;
   // Decoding raises EEncodingError on input that is not valid (an incomplete final sequence
-  // included), except for the single-byte encodings, which map every byte.
+  // included, and in UTF-16 and UTF-7 a surrogate without its partner, a high surrogate at the
+  // end counting as incomplete), except for the single-byte encodings, which map every byte.
   UnicodeString GetString(const TBytes& Bytes) const { return GetChars(Bytes.data(), Bytes.size()); }
   UnicodeString GetString(const TBytes& Bytes, Integer ByteIndex, Integer ByteCount) const;
   UnicodeString GetChars(const Byte* Bytes, std::size_t Count) const;
