@@ -44,6 +44,8 @@ class TEncoding : public TObject {
   UnicodeString GetString(const TBytes& Bytes) const { return GetChars(Bytes.data(), Bytes.size()); }
   UnicodeString GetString(const TBytes& Bytes, Integer ByteIndex, Integer ByteCount) const;
   UnicodeString GetChars(const Byte* Bytes, std::size_t Count) const;
+  // GetChars without the exception: false (Out then unspecified) where GetChars would raise.
+  bool TryGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const;
 
   // Byte-order-mark detection. With AEncoding null, looks for the UTF-8, UTF-16 LE and UTF-16 BE
   // marks in that order and sets AEncoding to the one found (or to ADefaultEncoding); with
@@ -54,7 +56,8 @@ class TEncoding : public TObject {
 
  protected:
   virtual void DoGetBytes(UnicodeStringView S, TBytes& Out) const = 0;
-  virtual void DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const = 0;
+  // Appends the decoded text to Out; false for input that does not decode.
+  virtual bool DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const = 0;
 };
 
 class TUTF8Encoding : public TEncoding {
@@ -68,7 +71,7 @@ class TUTF8Encoding : public TEncoding {
 
  protected:
   void DoGetBytes(UnicodeStringView S, TBytes& Out) const override;
-  void DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const override;
+  bool DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const override;
 };
 
 class TUnicodeEncoding : public TEncoding {
@@ -83,7 +86,7 @@ class TUnicodeEncoding : public TEncoding {
  protected:
   virtual bool BigEndian() const noexcept { return false; }
   void DoGetBytes(UnicodeStringView S, TBytes& Out) const override;
-  void DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const override;
+  bool DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const override;
 };
 
 class TBigEndianUnicodeEncoding : public TUnicodeEncoding {
@@ -107,7 +110,7 @@ class TUTF7Encoding : public TEncoding {
 
  protected:
   void DoGetBytes(UnicodeStringView S, TBytes& Out) const override;
-  void DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const override;
+  bool DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const override;
 };
 
 // Single-byte encodings: every byte decodes; characters outside the set encode as '?'.
@@ -122,7 +125,7 @@ class TSingleByteEncoding : public TEncoding {
   // The code unit of each byte value.
   virtual const char16_t* Table() const noexcept = 0;
   void DoGetBytes(UnicodeStringView S, TBytes& Out) const override;
-  void DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const override;
+  bool DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const override;
 };
 
 class TASCIIEncoding : public TSingleByteEncoding {

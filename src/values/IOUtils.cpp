@@ -41,16 +41,21 @@ bool QUMAFetchEncodedCharacter(TStream* Stream, const TEncoding* Encoding, WideC
   while (Stream->Position() < Stream->Size() && count < limit) {
     if (Stream->Read(bytes + count, 1) != 1) break;
     ++count;
+    // Input that does not decode (EEncodingError from GetChars) is not a whole character yet:
+    // read one more byte. The non-raising form keeps exceptions off this per-byte path.
+    bool decoded = false;
     try {
-      UnicodeString decoded = Encoding->GetChars(bytes, static_cast<std::size_t>(count));
-      if (decoded.empty()) continue;  // a shift sequence (UTF-7 '+') that has no character yet
-      Character = decoded[0];
-      Text = std::move(decoded);
-      ByteCount = count;
-      return true;
+      decoded = Encoding->TryGetChars(bytes, static_cast<std::size_t>(count), Text);
     } catch (const EEncodingError&) {
-      // Not a whole character yet: read one more byte.
+      // an encoding of the caller's that raises instead
     }
+    if (!decoded || Text.empty()) {
+      Text.clear();
+      continue;  // (an empty result is a shift sequence, UTF-7 '+', with no character yet)
+    }
+    Character = Text[0];
+    ByteCount = count;
+    return true;
   }
   return false;
 }
