@@ -33,14 +33,15 @@ struct TMatchData {
     return Data;
   }
 };
-thread_local TMatchData tlsMatchData;
+// Initial-exec: read on every match, so no __tls_get_addr call (a few bytes of static TLS).
+[[gnu::tls_model("initial-exec")]] thread_local TMatchData tlsMatchData;
 
 // The JIT's stack, one per thread; the machine stack's 32 KB would end deep matches early.
 struct TJitStack {
   pcre2_jit_stack* Stack = nullptr;
   ~TJitStack() { pcre2_jit_stack_free(Stack); }
 };
-thread_local TJitStack tlsJitStack;
+[[gnu::tls_model("initial-exec")]] thread_local TJitStack tlsJitStack;
 pcre2_jit_stack* JitStack(void*) {
   if (!tlsJitStack.Stack) tlsJitStack.Stack = pcre2_jit_stack_create(64 * 1024, 8 * 1024 * 1024, nullptr);
   return tlsJitStack.Stack;  // null falls back to the machine stack
@@ -54,6 +55,7 @@ struct TRegex::TImpl {
   TPerlRegExOptions Options;
   uint32_t CaptureCount = 0;
   pcre2_match_context* Context = nullptr;
+  bool JitComplete = false, JitPartial = false;  // which modes the JIT compiled
   ~TImpl() {
     pcre2_match_context_free(Context);
     pcre2_code_free(Code);
@@ -81,7 +83,10 @@ TRegex::TRegex(UnicodeStringView pattern, TPerlRegExOptions options, const TRege
                                          UnicodeStringView(reinterpret_cast<const char16_t*>(buf))));
   }
   // Best effort; the interpreter serves otherwise.
-  pcre2_jit_compile(FImpl->Code, PCRE2_JIT_COMPLETE | (partial ? PCRE2_JIT_PARTIAL_HARD : 0));
+  if (pcre2_jit_compile(FImpl->Code, PCRE2_JIT_COMPLETE | (partial ? PCRE2_JIT_PARTIAL_HARD : 0)) == 0) {
+    FImpl->JitComplete = true;
+    FImpl->JitPartial = partial;
+  }
   pcre2_pattern_info(FImpl->Code, PCRE2_INFO_CAPTURECOUNT, &FImpl->CaptureCount);
   FImpl->Context = pcre2_match_context_create(nullptr);
   if (!FImpl->Context) throw ERegularExpressionError(u"Error while matching regular expression: no memory");
@@ -110,8 +115,12 @@ TRegexMatchResult TRegex::Run(UnicodeStringView subject, TRegexMatch& m, std::si
   const uint32_t pairs = FImpl->CaptureCount + 1;
   pcre2_match_data* md = tlsMatchData.Get(pairs);
   if (startOffset > subject.size()) return mrNoMatch;
-  const int rc = pcre2_match(FImpl->Code, reinterpret_cast<PCRE2_SPTR>(subject.data()), subject.size(), startOffset,
-                             flags, md, FImpl->Context);
+  // The JIT's direct entry skips the checks pcre2_match repeats on every call (the subject's
+  // validity is not checked either way).
+  const bool jit = flags == 0 ? FImpl->JitComplete : FImpl->JitPartial;
+  const auto text = reinterpret_cast<PCRE2_SPTR>(subject.data());
+  const int rc = jit ? pcre2_jit_match(FImpl->Code, text, subject.size(), startOffset, flags, md, FImpl->Context)
+                     : pcre2_match(FImpl->Code, text, subject.size(), startOffset, flags, md, FImpl->Context);
   if (rc == PCRE2_ERROR_NOMATCH) return mrNoMatch;
   if (rc < 0 && rc != PCRE2_ERROR_PARTIAL) {
     PCRE2_UCHAR buf[256];

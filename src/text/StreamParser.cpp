@@ -184,7 +184,7 @@ TQUMAStreamedNode* TQUMAStreamedNodeDefinition::CreateNode(TQUMAStreamParser* pF
 
 TQUMAStreamedNode* TQUMAStreamedNodeDefinition::TryMatchOpen(UnicodeString& szCandidate, TQUMAStreamParser* pForParser) {
   const TRegex* open = _GetOpenRegEx();
-  TRegexMatch m;
+  TRegexMatch& m = _Match;
   if (!open || !open->Match(szCandidate, m)) return nullptr;
   TQUMAStreamedNode* node = CreateNode(pForParser);
   node->_pDefinition = this;
@@ -212,11 +212,13 @@ bool TQUMAStreamedNodeDefinition::_CheckClose(UnicodeString& szCandidate, TQUMAS
   // extends the one searched then.
   auto& scan = pCandidate->_CloseScan;
   std::size_t start = 0;
+  // (\G ties a match to the start offset, so a pattern that uses it is always searched whole.)
   if (scan.Valid && scan.Serial == _nCloseSerial && contentLength >= scan.ContentLength &&
+      _szClose.find(u"\\G") == UnicodeString::npos &&
       subject.size() >= scan.ContentLength + scan.Tail.size() &&
       subject.compare(scan.ContentLength, scan.Tail.size(), scan.Tail) == 0)
     start = scan.Safe;
-  TRegexMatch m;
+  TRegexMatch& m = _Match;
   std::size_t safe = 0;
   bool found = false;
   try {
@@ -279,7 +281,7 @@ bool TQUMAStreamedNodeDefinition::TryAccept(UnicodeString& szCandidate, TQUMAStr
   if (accepted || szCandidate.empty()) return accepted;
   if (AllowsContainedText()) {
     const TRegex* valid = _GetValidRegEx();
-    TRegexMatch m;
+    TRegexMatch& m = _Match;
     if (valid) {
       const UnicodeString subject = pCandidate->Text() + szCandidate;
       if (valid->Match(subject, m)) {
@@ -313,9 +315,8 @@ bool TQUMAStreamedNodeDefinition::EndOfStream(UnicodeString& szResidual, TQUMASt
   const TRegex* valid = _GetValidRegEx();
   if (!valid) return false;
   const UnicodeString subject = pCandidate->Text() + szResidual;
-  TRegexMatch m;
-  if (!valid->Match(subject, m)) return false;
-  szResidual = After(m);
+  if (!valid->Match(subject, _Match)) return false;
+  szResidual = After(_Match);
   _DoClose(pCandidate);
   return true;
 }

@@ -260,6 +260,8 @@ class TQUMAStreamedNodeDefinition : public TQUMAReferencedPersistent {
   // Changes whenever the close regex is dropped, so that nodes do not resume a search made with
   // an older one.
   std::uint64_t _nCloseSerial = 0;
+  // Reused by every match (no allocation per character); read only before any callback runs.
+  TRegexMatch _Match;
 
  private:
   friend class TQUMAStreamParser;

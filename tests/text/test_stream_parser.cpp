@@ -105,6 +105,10 @@ TEST_F(StreamParserTest, ContentCloseAndNesting) {
   Parser->Definition(0)->AllowNodeClass(TQUMAStreamedNodeDefinition::StaticClass());
   EXPECT_TRUE(Parse("<b>x<i>y</i>z</b>"));
   EXPECT_EQ(Rec->Events, (std::vector<std::string>{"open:b:<b>", "open:i:<i>", "close:i:<i>y</i>", "close:b:<b>xz</b>"}));
+  // Near-misses of the close pattern (its search resumes as the subject grows) stay content.
+  Rec->Events.clear();
+  EXPECT_TRUE(Parse("<b>x</</bx</b>"));
+  EXPECT_EQ(Rec->Events, (std::vector<std::string>{"open:b:<b>", "close:b:<b>x</</bx</b>"}));
   // A node that takes neither text nor nodes closes before foreign text, which goes to its parent.
   Rec->Events.clear();
   Add({u"hr", u"<hr>", u"</hr>", u"", u"", {}});
