@@ -164,6 +164,7 @@ TEST(Streams, PositionsAndCountsStayInsideTheBuffer) {
   mem->SetSize(-1);
   EXPECT_EQ(mem->Size(), 0);
   EXPECT_EQ(mem->Position(), 0);
+#ifndef __SANITIZE_ADDRESS__  // the sanitizer's allocator aborts on such a request instead of failing
   mem->SetPosition(Int64(1) << 62);
   try {
     mem->Write("x", 1);
@@ -172,6 +173,7 @@ TEST(Streams, PositionsAndCountsStayInsideTheBuffer) {
     EXPECT_EQ(e.Message(), u"Out of memory while expanding memory stream");
   }
   EXPECT_EQ(mem->Size(), 0);
+#endif
   mem->SetPosition(0x7FFFFFFFFFFFFFFF);
   EXPECT_EQ(mem->Write("x", 1), 0);  // the end would overflow
   EXPECT_EQ(mem->Seek(1, soCurrent), 0x7FFFFFFFFFFFFFFF);
