@@ -8,6 +8,20 @@ namespace quma {
 namespace {
 [[noreturn]] void NoMapping() { throw EEncodingError(SNoMappingForUnicode); }
 
+constexpr bool IsHigh(char16_t c) noexcept { return c >= 0xD800 && c <= 0xDBFF; }
+constexpr bool IsLow(char16_t c) noexcept { return c >= 0xDC00 && c <= 0xDFFF; }
+
+// Decoded UTF-16 must pair its surrogates. A high surrogate at the very end is an incomplete
+// character (the next bytes may bring its partner), so a reader that feeds bytes one at a time
+// never splits a pair.
+bool SurrogatesPaired(UnicodeStringView s) noexcept {
+  for (std::size_t i = 0; i < s.size(); ++i) {
+    if (IsLow(s[i])) return false;
+    if (IsHigh(s[i]) && (++i == s.size() || !IsLow(s[i]))) return false;
+  }
+  return true;
+}
+
 template <class T>
 const T* Shared() noexcept {
   static T* instance = New<T>();  // process lifetime: encodings are handed out as shared objects
@@ -42,8 +56,13 @@ UnicodeString TEncoding::GetString(const TBytes& Bytes, Integer ByteIndex, Integ
 UnicodeString TEncoding::GetChars(const Byte* Bytes, std::size_t Count) const {
   UnicodeString out;
   out.reserve(Count);
-  DoGetChars(Bytes, Count, out);
+  if (!DoGetChars(Bytes, Count, out)) NoMapping();
   return out;
+}
+
+bool TEncoding::TryGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const {
+  Out.clear();
+  return DoGetChars(Bytes, Count, Out);
 }
 
 Integer TEncoding::GetBufferEncoding(const TBytes& Buffer, const TEncoding*& AEncoding,
@@ -76,10 +95,11 @@ void TUTF8Encoding::DoGetBytes(UnicodeStringView S, TBytes& Out) const {
   Out.insert(Out.end(), s.begin(), s.end());
 }
 
-void TUTF8Encoding::DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const {
+bool TUTF8Encoding::DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const {
   auto r = TryUtf8ToUtf16(std::string_view(reinterpret_cast<const char*>(Bytes), Count));
-  if (!r) NoMapping();
+  if (!r) return false;
   Out += *r;
+  return true;
 }
 
 // ---- UTF-16 ----
@@ -93,14 +113,14 @@ void TUnicodeEncoding::DoGetBytes(UnicodeStringView S, TBytes& Out) const {
   }
 }
 
-void TUnicodeEncoding::DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const {
-  if (Count % 2) NoMapping();  // half a code unit
+bool TUnicodeEncoding::DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const {
+  if (Count % 2) return false;  // half a code unit
   const bool be = BigEndian();
+  const std::size_t first = Out.size();
   for (std::size_t i = 0; i < Count; i += 2)
     Out.push_back(be ? static_cast<char16_t>(Bytes[i] << 8 | Bytes[i + 1])
                      : static_cast<char16_t>(Bytes[i + 1] << 8 | Bytes[i]));
-  // A high surrogate at the end still waits for its partner.
-  if (!Out.empty() && Out.back() >= 0xD800 && Out.back() <= 0xDBFF) NoMapping();
+  return SurrogatesPaired(UnicodeStringView(Out).substr(first));
 }
 
 // ---- UTF-7 (RFC 2152) ----
@@ -139,10 +159,12 @@ void TUTF7Encoding::DoGetBytes(UnicodeStringView S, TBytes& Out) const {
       ++i;
       continue;
     }
+    // A run takes every character that is not written directly, '+' included: closing the run
+    // for "+-" and opening a new one costs more, and would break the GetMaxByteCount bound.
     Out.push_back('+');
     std::uint32_t bits = 0;
     int nbits = 0;
-    while (i < S.size() && !DirectUtf7(S[i]) && S[i] != u'+') {
+    while (i < S.size() && !DirectUtf7(S[i])) {
       bits = (bits << 16) | S[i++];
       nbits += 16;
       while (nbits >= 6) {
@@ -157,11 +179,12 @@ void TUTF7Encoding::DoGetBytes(UnicodeStringView S, TBytes& Out) const {
   }
 }
 
-void TUTF7Encoding::DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const {
+bool TUTF7Encoding::DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const {
+  const std::size_t first = Out.size();
   std::size_t i = 0;
   while (i < Count) {
     const Byte b = Bytes[i++];
-    if (b >= 128) NoMapping();
+    if (b >= 128) return false;
     if (b != '+') {
       Out.push_back(b);
       continue;
@@ -183,6 +206,7 @@ void TUTF7Encoding::DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeStri
     }
     if (i < Count && Bytes[i] == '-') ++i;  // the terminator is absorbed
   }
+  return SurrogatesPaired(UnicodeStringView(Out).substr(first));
 }
 
 // ---- single-byte ----
@@ -204,9 +228,10 @@ void TSingleByteEncoding::DoGetBytes(UnicodeStringView S, TBytes& Out) const {
   }
 }
 
-void TSingleByteEncoding::DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const {
+bool TSingleByteEncoding::DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const {
   const char16_t* table = Table();
   for (std::size_t i = 0; i < Count; ++i) Out.push_back(table[Bytes[i]]);
+  return true;
 }
 
 namespace {

@@ -32,16 +32,20 @@ class TEncoding : public TObject {
   virtual Integer CodePage() const noexcept = 0;
   virtual bool IsSingleByte() const noexcept { return false; }
   virtual TBytes GetPreamble() const { return {}; }
-  // Most bytes CharCount UTF-16 code units can take, and most code units ByteCount bytes give.
+  // Most bytes CharCount UTF-16 code units can take (GetBytes never writes more), and most code
+  // units ByteCount bytes give.
   virtual Integer GetMaxByteCount(Integer CharCount) const = 0;
   virtual Integer GetMaxCharCount(Integer ByteCount) const = 0;
 
   TBytes GetBytes(UnicodeStringView S) const;
   // Decoding raises EEncodingError on input that is not valid (an incomplete final sequence
-  // included), except for the single-byte encodings, which map every byte.
+  // included, and in UTF-16 and UTF-7 a surrogate without its partner, a high surrogate at the
+  // end counting as incomplete), except for the single-byte encodings, which map every byte.
   UnicodeString GetString(const TBytes& Bytes) const { return GetChars(Bytes.data(), Bytes.size()); }
   UnicodeString GetString(const TBytes& Bytes, Integer ByteIndex, Integer ByteCount) const;
   UnicodeString GetChars(const Byte* Bytes, std::size_t Count) const;
+  // GetChars without the exception: false (Out then unspecified) where GetChars would raise.
+  bool TryGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const;
 
   // Byte-order-mark detection. With AEncoding null, looks for the UTF-8, UTF-16 LE and UTF-16 BE
   // marks in that order and sets AEncoding to the one found (or to ADefaultEncoding); with
@@ -52,7 +56,8 @@ class TEncoding : public TObject {
 
  protected:
   virtual void DoGetBytes(UnicodeStringView S, TBytes& Out) const = 0;
-  virtual void DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const = 0;
+  // Appends the decoded text to Out; false for input that does not decode.
+  virtual bool DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const = 0;
 };
 
 class TUTF8Encoding : public TEncoding {
@@ -66,7 +71,7 @@ class TUTF8Encoding : public TEncoding {
 
  protected:
   void DoGetBytes(UnicodeStringView S, TBytes& Out) const override;
-  void DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const override;
+  bool DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const override;
 };
 
 class TUnicodeEncoding : public TEncoding {
@@ -81,7 +86,7 @@ class TUnicodeEncoding : public TEncoding {
  protected:
   virtual bool BigEndian() const noexcept { return false; }
   void DoGetBytes(UnicodeStringView S, TBytes& Out) const override;
-  void DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const override;
+  bool DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const override;
 };
 
 class TBigEndianUnicodeEncoding : public TUnicodeEncoding {
@@ -105,7 +110,7 @@ class TUTF7Encoding : public TEncoding {
 
  protected:
   void DoGetBytes(UnicodeStringView S, TBytes& Out) const override;
-  void DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const override;
+  bool DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const override;
 };
 
 // Single-byte encodings: every byte decodes; characters outside the set encode as '?'.
@@ -120,7 +125,7 @@ class TSingleByteEncoding : public TEncoding {
   // The code unit of each byte value.
   virtual const char16_t* Table() const noexcept = 0;
   void DoGetBytes(UnicodeStringView S, TBytes& Out) const override;
-  void DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const override;
+  bool DoGetChars(const Byte* Bytes, std::size_t Count, UnicodeString& Out) const override;
 };
 
 class TASCIIEncoding : public TSingleByteEncoding {

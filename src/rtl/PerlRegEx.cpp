@@ -33,7 +33,19 @@ struct TMatchData {
     return Data;
   }
 };
-thread_local TMatchData tlsMatchData;
+// Initial-exec: read on every match, so no __tls_get_addr call (a few bytes of static TLS).
+[[gnu::tls_model("initial-exec")]] thread_local TMatchData tlsMatchData;
+
+// The JIT's stack, one per thread; the machine stack's 32 KB would end deep matches early.
+struct TJitStack {
+  pcre2_jit_stack* Stack = nullptr;
+  ~TJitStack() { pcre2_jit_stack_free(Stack); }
+};
+[[gnu::tls_model("initial-exec")]] thread_local TJitStack tlsJitStack;
+pcre2_jit_stack* JitStack(void*) {
+  if (!tlsJitStack.Stack) tlsJitStack.Stack = pcre2_jit_stack_create(64 * 1024, 8 * 1024 * 1024, nullptr);
+  return tlsJitStack.Stack;  // null falls back to the machine stack
+}
 
 }  // namespace
 
@@ -42,12 +54,20 @@ struct TRegex::TImpl {
   UnicodeString Pattern;
   TPerlRegExOptions Options;
   uint32_t CaptureCount = 0;
-  ~TImpl() { pcre2_code_free(Code); }
+  pcre2_match_context* Context = nullptr;
+  bool JitComplete = false, JitPartial = false;  // which modes the JIT compiled
+  ~TImpl() {
+    pcre2_match_context_free(Context);
+    pcre2_code_free(Code);
+  }
 };
 
 TRegex::TRegex(std::string_view pattern, TPerlRegExOptions options) : TRegex(Utf8ToUtf16(pattern), options) {}
 
-TRegex::TRegex(UnicodeStringView pattern, TPerlRegExOptions options) : FImpl(std::make_unique<TImpl>()) {
+TRegex::TRegex(UnicodeStringView pattern, TPerlRegExOptions options) : TRegex(pattern, options, TRegexLimits{}) {}
+
+TRegex::TRegex(UnicodeStringView pattern, TPerlRegExOptions options, const TRegexLimits& limits, bool partial)
+    : FImpl(std::make_unique<TImpl>()) {
   FImpl->Pattern.assign(pattern);
   FImpl->Options = options;
   int err = 0;
@@ -62,8 +82,17 @@ TRegex::TRegex(UnicodeStringView pattern, TPerlRegExOptions options) : FImpl(std
     throw ERegularExpressionError(Format(u"Error in regular expression at offset %d: %s", static_cast<Int64>(errOffset),
                                          UnicodeStringView(reinterpret_cast<const char16_t*>(buf))));
   }
-  pcre2_jit_compile(FImpl->Code, PCRE2_JIT_COMPLETE);  // best effort; the interpreter serves otherwise
+  // Best effort; the interpreter serves otherwise.
+  if (pcre2_jit_compile(FImpl->Code, PCRE2_JIT_COMPLETE | (partial ? PCRE2_JIT_PARTIAL_HARD : 0)) == 0) {
+    FImpl->JitComplete = true;
+    FImpl->JitPartial = partial;
+  }
   pcre2_pattern_info(FImpl->Code, PCRE2_INFO_CAPTURECOUNT, &FImpl->CaptureCount);
+  FImpl->Context = pcre2_match_context_create(nullptr);
+  if (!FImpl->Context) throw ERegularExpressionError(u"Error while matching regular expression: no memory");
+  pcre2_jit_stack_assign(FImpl->Context, JitStack, nullptr);
+  if (limits.MatchLimit) pcre2_set_match_limit(FImpl->Context, limits.MatchLimit);
+  if (limits.DepthLimit) pcre2_set_depth_limit(FImpl->Context, limits.DepthLimit);
 }
 
 TRegex::TRegex(TRegex&&) noexcept = default;
@@ -75,20 +104,40 @@ const UnicodeString& TRegex::Pattern() const noexcept { return FImpl->Pattern; }
 TPerlRegExOptions TRegex::Options() const noexcept { return FImpl->Options; }
 
 bool TRegex::Match(UnicodeStringView subject, TRegexMatch& m, std::size_t startOffset) const {
+  return Run(subject, m, startOffset, 0) == mrMatch;
+}
+
+TRegexMatchResult TRegex::MatchPartial(UnicodeStringView subject, TRegexMatch& m, std::size_t startOffset) const {
+  return Run(subject, m, startOffset, PCRE2_PARTIAL_HARD);
+}
+
+TRegexMatchResult TRegex::Run(UnicodeStringView subject, TRegexMatch& m, std::size_t startOffset, uint32_t flags) const {
   const uint32_t pairs = FImpl->CaptureCount + 1;
   pcre2_match_data* md = tlsMatchData.Get(pairs);
-  if (startOffset > subject.size()) return false;
-  const int rc = pcre2_match(FImpl->Code, reinterpret_cast<PCRE2_SPTR>(subject.data()), subject.size(), startOffset, 0, md, nullptr);
-  if (rc < 0) return false;
+  if (startOffset > subject.size()) return mrNoMatch;
+  // The JIT's direct entry skips the checks pcre2_match repeats on every call (the subject's
+  // validity is not checked either way).
+  const bool jit = flags == 0 ? FImpl->JitComplete : FImpl->JitPartial;
+  const auto text = reinterpret_cast<PCRE2_SPTR>(subject.data());
+  const int rc = jit ? pcre2_jit_match(FImpl->Code, text, subject.size(), startOffset, flags, md, FImpl->Context)
+                     : pcre2_match(FImpl->Code, text, subject.size(), startOffset, flags, md, FImpl->Context);
+  if (rc == PCRE2_ERROR_NOMATCH) return mrNoMatch;
+  if (rc < 0 && rc != PCRE2_ERROR_PARTIAL) {
+    PCRE2_UCHAR buf[256];
+    pcre2_get_error_message(rc, buf, 256);
+    throw ERegularExpressionError(
+        Format(u"Error while matching regular expression: %s", UnicodeStringView(reinterpret_cast<const char16_t*>(buf))));
+  }
   const PCRE2_SIZE* ov = pcre2_get_ovector_pointer(md);
+  const uint32_t valid = rc == PCRE2_ERROR_PARTIAL ? 1 : static_cast<uint32_t>(rc);  // a partial match has no groups
   m.FSubject = subject;
   m.FOffsets.resize(2 * pairs);
   for (uint32_t i = 0; i < pairs; ++i) {
-    const bool set = i < static_cast<uint32_t>(rc) && ov[2 * i] != PCRE2_UNSET;
+    const bool set = i < valid && ov[2 * i] != PCRE2_UNSET;
     m.FOffsets[2 * i] = set ? ov[2 * i] : TRegexMatch::npos;
     m.FOffsets[2 * i + 1] = set ? ov[2 * i + 1] : TRegexMatch::npos;
   }
-  return true;
+  return rc == PCRE2_ERROR_PARTIAL ? mrPartial : mrMatch;
 }
 
 bool TRegex::IsMatch(UnicodeStringView subject) const {

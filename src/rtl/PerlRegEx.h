@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <vector>
 
@@ -19,8 +20,24 @@ enum class TPerlRegExOption { preCaseLess, preMultiLine, preSingleLine, preExten
 using enum TPerlRegExOption;
 using TPerlRegExOptions = TSet<TPerlRegExOption>;
 
-// Raised for a pattern that does not compile: "Error in regular expression at offset %d: %s".
+// Raised for a pattern that does not compile: "Error in regular expression at offset %d: %s",
+// and for a match that PCRE2 gives up (a limit reached): "Error while matching regular
+// expression: %s".
 QUMA_DECLARE_EXCEPTION(ERegularExpressionError, Exception);
+
+// Bounds on the work of one match, so that a hostile pattern or subject ends with an error
+// instead of running for ever. Zero keeps PCRE2's default. MatchLimit counts backtracking steps
+// (interpreter and JIT), DepthLimit the nesting of backtracking frames (interpreter only; the
+// JIT runs on a per-thread stack of at most 8 MB).
+struct TRegexLimits {
+  std::uint32_t MatchLimit = 0;
+  std::uint32_t DepthLimit = 0;
+};
+
+// The outcome of a match that may need more text: the subject ended while a match was still
+// possible (mrPartial; group 0 then starts at the first code unit the partial match inspected).
+enum class TRegexMatchResult { mrNoMatch, mrMatch, mrPartial };
+using enum TRegexMatchResult;
 
 // The groups of one match; group 0 is the whole match. Offsets are 0-based code-unit offsets
 // into the subject; a group that did not take part has offset npos and length 0.
@@ -47,6 +64,8 @@ class TRegex {
  public:
   explicit TRegex(UnicodeStringView pattern, TPerlRegExOptions options = {});
   explicit TRegex(std::string_view pattern, TPerlRegExOptions options = {});
+  // With limits; Partial also prepares MatchPartial for the JIT.
+  TRegex(UnicodeStringView pattern, TPerlRegExOptions options, const TRegexLimits& limits, bool partial = false);
   TRegex(TRegex&&) noexcept;
   TRegex& operator=(TRegex&&) noexcept;
   ~TRegex();
@@ -54,12 +73,19 @@ class TRegex {
   // Searches subject from startOffset; fills m on success. The subject must outlive m's views.
   bool Match(UnicodeStringView subject, TRegexMatch& m, std::size_t startOffset = 0) const;
   bool IsMatch(UnicodeStringView subject) const;
+  // A match in PCRE2's hard partial mode: a partial match is reported as soon as one is found,
+  // in preference to a later complete one. When it answers mrNoMatch from startOffset, no match
+  // can start at or after startOffset however the subject is extended; when it answers
+  // mrPartial, none can start before the partial match. A caller that sees its subject grow can
+  // therefore resume the search there instead of scanning the whole subject again.
+  TRegexMatchResult MatchPartial(UnicodeStringView subject, TRegexMatch& m, std::size_t startOffset = 0) const;
   Integer GroupCount() const noexcept;
   const UnicodeString& Pattern() const noexcept;
   TPerlRegExOptions Options() const noexcept;
 
  private:
   struct TImpl;
+  TRegexMatchResult Run(UnicodeStringView subject, TRegexMatch& m, std::size_t startOffset, std::uint32_t flags) const;
   std::unique_ptr<TImpl> FImpl;
 };
 

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <stdexcept>
 
 #include <quma/Encoding.h>
 
@@ -51,7 +52,7 @@ TBytes TStream::ReadBytes(Int64 Count) {
 }
 
 Int64 TStream::CopyFrom(TStream* Source, Int64 Count) {
-  if (Count == 0) {
+  if (Count <= 0) {
     Source->SetPosition(0);
     Count = Source->Size();
   }
@@ -68,6 +69,9 @@ Int64 TStream::CopyFrom(TStream* Source, Int64 Count) {
 
 // ---- TMemoryStream ----
 
+// The position never goes below zero (Seek rejects such a target), so every access below stays
+// inside the buffer; a position past the end reads nothing and a write there extends the stream.
+
 Int64 TMemoryStream::Read(void* Buffer, Int64 Count) {
   const Int64 size = Size();
   if (Count <= 0 || FPosition >= size) return 0;
@@ -78,26 +82,37 @@ Int64 TMemoryStream::Read(void* Buffer, Int64 Count) {
 }
 
 Int64 TMemoryStream::Write(const void* Buffer, Int64 Count) {
-  if (Count <= 0 || FPosition < 0) return 0;
-  const Int64 end = FPosition + Count;
-  if (end > Size()) FData.resize(static_cast<std::size_t>(end));
+  Int64 end = 0;
+  if (Count <= 0 || __builtin_add_overflow(FPosition, Count, &end)) return 0;
+  if (end > Size()) Grow(end);
   std::memcpy(FData.data() + FPosition, Buffer, static_cast<std::size_t>(Count));
   FPosition = end;
   return Count;
 }
 
 Int64 TMemoryStream::Seek(Int64 Offset, TSeekOrigin Origin) {
-  switch (Origin) {
-    case soBeginning: FPosition = Offset; break;
-    case soCurrent: FPosition += Offset; break;
-    case soEnd: FPosition = Size() + Offset; break;
-  }
+  const Int64 base = Origin == soBeginning ? 0 : Origin == soCurrent ? FPosition : Size();
+  Int64 target = 0;
+  // A target below zero (or beyond the integer range) is rejected: the position stays, as a
+  // file's offset does when lseek fails.
+  if (!__builtin_add_overflow(base, Offset, &target) && target >= 0) FPosition = target;
   return FPosition;
 }
 
 void TMemoryStream::SetSize(Int64 NewSize) {
-  FData.resize(static_cast<std::size_t>(std::max<Int64>(NewSize, 0)));
+  NewSize = std::max<Int64>(NewSize, 0);
+  if (NewSize > Size()) Grow(NewSize);
+  else FData.resize(static_cast<std::size_t>(NewSize));
   if (FPosition > NewSize) FPosition = NewSize;
+}
+
+void TMemoryStream::Grow(Int64 NewSize) {
+  try {
+    if (static_cast<std::uint64_t>(NewSize) > FData.max_size()) throw std::length_error("memory stream");
+    FData.resize(std::max<std::size_t>(FData.size(), static_cast<std::size_t>(NewSize)));
+  } catch (const std::exception&) {
+    throw EStreamError(SMemoryStreamError);
+  }
 }
 
 void TMemoryStream::Clear() noexcept {
@@ -186,7 +201,9 @@ Int64 TFileStream::Write(const void* Buffer, Int64 Count) {
 
 Int64 TFileStream::Seek(Int64 Offset, TSeekOrigin Origin) {
   const int whence = Origin == soBeginning ? SEEK_SET : Origin == soCurrent ? SEEK_CUR : SEEK_END;
-  return ::lseek(FHandle, Offset, whence);
+  const off_t pos = ::lseek(FHandle, Offset, whence);
+  // A rejected target (below zero) leaves the offset where it was; report that, never -1.
+  return pos >= 0 ? pos : ::lseek(FHandle, 0, SEEK_CUR);
 }
 
 void TFileStream::SetSize(Int64 NewSize) {

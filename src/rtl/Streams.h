@@ -30,11 +30,13 @@ inline constexpr char16_t SMemoryStreamError[] = u"Out of memory while expanding
 class TStream : public TObject {
   QUMA_CLASS(TStream, TObject)
  public:
-  // Reads up to Count bytes; returns how many were read (0 at the end).
+  // Reads up to Count bytes; returns how many were read (0 at or past the end, or for a count
+  // below one).
   virtual Int64 Read(void* Buffer, Int64 Count) = 0;
   // Writes up to Count bytes; returns how many were written.
   virtual Int64 Write(const void* Buffer, Int64 Count) = 0;
-  // Moves the position; returns the new position.
+  // Moves the position; returns the new position. A target below zero is rejected: the position
+  // stays where it was. Positions past the end are allowed.
   virtual Int64 Seek(Int64 Offset, TSeekOrigin Origin) = 0;
   virtual Int64 Size();
   virtual void SetSize(Int64 NewSize);
@@ -45,7 +47,8 @@ class TStream : public TObject {
   void ReadBuffer(void* Buffer, Int64 Count);
   void WriteBuffer(const void* Buffer, Int64 Count);
   TBytes ReadBytes(Int64 Count);  // up to Count bytes
-  // Copies Count bytes from Source (all of it from the start when Count is 0); returns the count.
+  // Copies Count bytes from Source (all of it from the start when Count is 0 or less); returns
+  // the count.
   Int64 CopyFrom(TStream* Source, Int64 Count);
 };
 
@@ -66,6 +69,9 @@ class TMemoryStream : public TStream {
   void SaveToStream(TStream* Stream);
 
  protected:
+  // Enlarges the buffer to at least NewSize bytes (new bytes are zero); EStreamError ("Out of
+  // memory while expanding memory stream") when it cannot.
+  void Grow(Int64 NewSize);
   TBytes FData;
   Int64 FPosition = 0;
 };

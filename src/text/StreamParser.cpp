@@ -1,0 +1,519 @@
+#include <quma/StreamParser.h>
+
+#include <cxxabi.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <thread>
+
+#include <quma/IOUtils.h>
+
+namespace quma {
+
+namespace {
+// Enough for any sane pattern over a node of many megabytes; a catastrophic one stops at once.
+constexpr TRegexLimits kLimits{10'000'000, 250'000};
+
+bool Contains(const std::vector<TClass>& list, TClass cls) {
+  return std::find(list.begin(), list.end(), cls) != list.end();
+}
+
+UnicodeString After(const TRegexMatch& m) {
+  return UnicodeString(m.Subject().substr(m.GroupOffset(0) + m.GroupLength(0)));
+}
+
+UnicodeString TypeName(const std::exception& e) {
+  int status = 0;
+  char* name = abi::__cxa_demangle(typeid(e).name(), nullptr, nullptr, &status);
+  UnicodeString result = Utf8ToUtf16(status == 0 && name ? name : typeid(e).name());
+  std::free(name);
+  return result;
+}
+}  // namespace
+
+// ---- TQUMAStreamedNode ----
+
+bool TQUMAStreamedNode::IsAllowedNodeClass(TClass pNodeClass) const {
+  return _pDefinition && _pDefinition->IsAllowedNodeClass(pNodeClass);
+}
+
+bool TQUMAStreamedNode::TryAccept(UnicodeString& szNextChar) {
+  return _pDefinition && _pDefinition->TryAccept(szNextChar, this);
+}
+
+// ---- TQUMAStreamedNodeDefinition ----
+
+void TQUMAStreamedNodeDefinition::Assign(TPersistent* Source) {
+  auto* source = dynamic_cast<TQUMAStreamedNodeDefinition*>(Source);
+  if (!source) {
+    inherited::Assign(Source);
+    return;
+  }
+  // The name, the valid pattern, the case flags, CanBeRootNode, AllowsMultiLineText and the
+  // disallowed classes stay as they are.
+  SetAllowedContentMatch(source->AllowedContentMatch());
+  SetAllowsContainedNodes(source->AllowsContainedNodes());
+  SetAllowsContainedText(source->AllowsContainedText());
+  SetCloseMatch(source->CloseMatch());
+  SetEscapes(source->Escapes());
+  _fnEscapeHandler = source->_fnEscapeHandler;
+  _fnOpenCallback = source->_fnOpenCallback;
+  _fnCloseCallback = source->_fnCloseCallback;
+  SetOpenMatch(source->OpenMatch());
+  _pAllowedNodes = source->_pAllowedNodes;
+}
+
+const TRegex* TQUMAStreamedNodeDefinition::Compiled(std::unique_ptr<TRegex>& Cache, const UnicodeString& Pattern,
+                                                    bool Anchor, bool AnchorEnd, TPerlRegExOptions Options,
+                                                    bool Partial) {
+  if (!Cache && !Pattern.empty()) {
+    UnicodeString pattern = Pattern;
+    if (Anchor && pattern.front() != u'^') pattern.insert(pattern.begin(), u'^');
+    if (AnchorEnd && pattern.back() != u'$') pattern.push_back(u'$');
+    Cache = std::make_unique<TRegex>(pattern, Options, kLimits, Partial);
+  }
+  return Cache.get();
+}
+
+const TRegex* TQUMAStreamedNodeDefinition::_GetOpenRegEx() {
+  TPerlRegExOptions options{preSingleLine};
+  if (CaseInsensitiveOpen()) options.Include(preCaseLess);
+  return Compiled(_pRegOpen, _szOpen, true, false, options);
+}
+
+const TRegex* TQUMAStreamedNodeDefinition::_GetCloseRegEx() {
+  TPerlRegExOptions options{preSingleLine};
+  if (CaseInsensitiveClose()) options.Include(preCaseLess);
+  return Compiled(_pRegClose, _szClose, false, true, options, true);
+}
+
+const TRegex* TQUMAStreamedNodeDefinition::_GetAllowedRegEx() {
+  TPerlRegExOptions options{preSingleLine};
+  if (CaseInsensitiveContent()) options.Include(preCaseLess);
+  return Compiled(_pRegAllowed, _szAllowed, false, false, options);
+}
+
+const TRegex* TQUMAStreamedNodeDefinition::_GetValidRegEx() {
+  TPerlRegExOptions options;
+  if (AllowsMultiLineText()) options.Include(preSingleLine);
+  if (CaseInsensitiveValid()) options.Include(preCaseLess);
+  return Compiled(_pRegValid, _szValid, true, true, options);
+}
+
+namespace {
+void SetPattern(UnicodeString& Field, std::unique_ptr<TRegex>& Regex, const UnicodeString& Value) {
+  if (Field == Value) return;
+  Field = Value;
+  Regex.reset();
+}
+}  // namespace
+
+void TQUMAStreamedNodeDefinition::_SetOpenMatch(const UnicodeString& Value) { SetPattern(_szOpen, _pRegOpen, Value); }
+void TQUMAStreamedNodeDefinition::_SetAllowedMatch(const UnicodeString& Value) {
+  SetPattern(_szAllowed, _pRegAllowed, Value);
+}
+void TQUMAStreamedNodeDefinition::_SetValidMatch(const UnicodeString& Value) { SetPattern(_szValid, _pRegValid, Value); }
+void TQUMAStreamedNodeDefinition::_SetCloseMatch(const UnicodeString& Value) {
+  if (Value != _szClose) ++_nCloseSerial;
+  SetPattern(_szClose, _pRegClose, Value);
+}
+
+void TQUMAStreamedNodeDefinition::SetCaseOption(TNodeOption Option, bool Value, std::unique_ptr<TRegex>& Regex) {
+  if (_NodeOptions.Contains(Option) == Value) return;
+  SetOption(Option, Value);
+  Regex.reset();  // recompiled with the new case rule on next use
+}
+
+void TQUMAStreamedNodeDefinition::_SetCaseInsensitiveOpen(bool Value) {
+  SetCaseOption(snd_CaseInsensitiveOpen, Value, _pRegOpen);
+}
+void TQUMAStreamedNodeDefinition::_SetCaseInsensitiveClose(bool Value) {
+  if (Value != CaseInsensitiveClose()) ++_nCloseSerial;
+  SetCaseOption(snd_CaseInsensitiveClose, Value, _pRegClose);
+}
+void TQUMAStreamedNodeDefinition::_SetCaseInsensitiveContent(bool Value) {
+  SetCaseOption(snd_CaseInsensitiveContent, Value, _pRegAllowed);
+}
+void TQUMAStreamedNodeDefinition::_SetCaseInsensitiveValid(bool Value) {
+  SetCaseOption(snd_CaseInsensitiveValid, Value, _pRegValid);
+}
+void TQUMAStreamedNodeDefinition::_SetAllowsMultiLineText(bool Value) {
+  SetCaseOption(snd_AllowsMultiLineText, Value, _pRegValid);  // single-line mode of the valid regex
+}
+
+void TQUMAStreamedNodeDefinition::_SetEscapes(const UnicodeString& Value) {
+  // As many bytes as characters, from the text's UTF-16 (low byte first) into the zeroed array.
+  _caEscapes.assign(Value.size(), 0);
+  for (std::size_t b = 0; b < Value.size(); ++b) {
+    const char16_t unit = Value[b / 2];
+    _caEscapes[b / 2] |= b % 2 == 0 ? static_cast<char16_t>(unit & 0xFF) : static_cast<char16_t>(unit & 0xFF00);
+  }
+}
+
+void TQUMAStreamedNodeDefinition::AllowNodeClass(TClass pNodeClass) {
+  if (!pNodeClass) return;
+  std::erase(_pDisallowedNodes, pNodeClass);
+  _pAllowedNodes.push_back(pNodeClass);
+}
+
+void TQUMAStreamedNodeDefinition::DisallowNodeClass(TClass pNodeClass) {
+  if (!pNodeClass) return;
+  std::erase(_pAllowedNodes, pNodeClass);
+  _pDisallowedNodes.push_back(pNodeClass);
+}
+
+bool TQUMAStreamedNodeDefinition::IsAllowedNodeClass(TClass pNodeClass) const {
+  if (!AllowsContainedNodes()) return false;
+  if (!_pDisallowedNodes.empty() && Contains(_pDisallowedNodes, pNodeClass)) return false;
+  return _pAllowedNodes.empty() || Contains(_pAllowedNodes, pNodeClass);
+}
+
+TQUMAStreamedNodeClass TQUMAStreamedNodeDefinition::GetStreamedNodeClass() const {
+  return TQUMAStreamedNodeClass::Of<TQUMAStreamedNode>();
+}
+
+TQUMAStreamedNode* TQUMAStreamedNodeDefinition::CreateNode(TQUMAStreamParser* pForParser) {
+  const TQUMAStreamedNodeClass cls = GetStreamedNodeClass();
+  TQUMAStreamedNode* node = cls.Create(pForParser);
+  if (!node)
+    throw EInvalidOperation(Format(u"Cannot create a %s for the stream parser",
+                                   cls ? cls.Get()->ClassName() : UnicodeString(u"node")));
+  return node;
+}
+
+TQUMAStreamedNode* TQUMAStreamedNodeDefinition::TryMatchOpen(UnicodeString& szCandidate, TQUMAStreamParser* pForParser) {
+  const TRegex* open = _GetOpenRegEx();
+  TRegexMatch& m = _Match;
+  if (!open || !open->Match(szCandidate, m)) return nullptr;
+  TQUMAStreamedNode* node = CreateNode(pForParser);
+  node->_pDefinition = this;
+  node->_szOpen.assign(m.Group(0));
+  szCandidate = After(m);
+  if (_pParser) _pParser->PushNode(node);
+  if (_fnOpenCallback) _fnOpenCallback(this, node);
+  if (!_GetAllowedRegEx() && !_GetValidRegEx()) {
+    if (!_GetCloseRegEx()) _DoClose(node);
+    else _CheckClose(szCandidate, node);
+  }
+  return node;
+}
+
+bool TQUMAStreamedNodeDefinition::_CheckClose(UnicodeString& szCandidate, TQUMAStreamedNode* pCandidate) {
+  const TRegex* close = _GetCloseRegEx();
+  if (!close || !pCandidate) return false;
+  // The subject is the content followed by the candidate, built in the content's own storage
+  // (no copy of a long node per character) and cut back before anything else happens.
+  UnicodeString& subject = pCandidate->_szContent;
+  const std::size_t contentLength = subject.size();
+  subject += szCandidate;
+
+  // Resume where the previous search showed that no match can start earlier, if this subject
+  // extends the one searched then.
+  auto& scan = pCandidate->_CloseScan;
+  std::size_t start = 0;
+  // (\G ties a match to the start offset, so a pattern that uses it is always searched whole.)
+  if (scan.Valid && scan.Serial == _nCloseSerial && contentLength >= scan.ContentLength &&
+      _szClose.find(u"\\G") == UnicodeString::npos &&
+      subject.size() >= scan.ContentLength + scan.Tail.size() &&
+      subject.compare(scan.ContentLength, scan.Tail.size(), scan.Tail) == 0)
+    start = scan.Safe;
+  TRegexMatch& m = _Match;
+  std::size_t safe = 0;
+  bool found = false;
+  try {
+    const TRegexMatchResult probe = close->MatchPartial(subject, m, start);
+    safe = probe == mrNoMatch ? subject.size() : std::min(m.GroupOffset(0), subject.size());
+    // A hard partial result says where a match may start, not whether one ends here: the plain
+    // search from there gives the real answer.
+    found = probe != mrNoMatch && close->Match(subject, m, safe);
+  } catch (...) {
+    subject.resize(contentLength);
+    throw;
+  }
+  if (!found) {
+    subject.resize(contentLength);
+    scan.Valid = true;
+    scan.Serial = _nCloseSerial;
+    scan.ContentLength = contentLength;
+    scan.Tail = szCandidate;
+    scan.Safe = safe;
+    return false;
+  }
+  UnicodeString before(m.Subject().substr(0, m.GroupOffset(0)));
+  UnicodeString closeText(m.Group(0));
+  UnicodeString after = After(m);
+  subject.resize(contentLength);
+  if (!before.empty()) {
+    if (!AllowsContainedText()) {
+      const UnicodeString name = Name();
+      throw EQUMAStreamError(name.empty() ? UnicodeString(u"Unexpected text found in unnamed node")
+                                          : Format(u"Unexpected text found in %s node", name));
+    }
+    pCandidate->SetContent(std::move(before));
+  }
+  pCandidate->_szClose = std::move(closeText);
+  szCandidate = std::move(after);
+  _DoClose(pCandidate);
+  return true;
+}
+
+void TQUMAStreamedNodeDefinition::_DoClose(TQUMAStreamedNode* pNode) {
+  pNode->_NodeState.Include(TQUMAStreamedNode::sn_Complete);
+  if (_fnCloseCallback) _fnCloseCallback(this, pNode);  // may free the node: only its address is used below
+  if (_pParser && _pParser->CurrentNode() == pNode) _pParser->PopNode();
+}
+
+bool TQUMAStreamedNodeDefinition::TryAccept(UnicodeString& szCandidate, TQUMAStreamedNode* pCandidate) {
+  if (!pCandidate) return false;
+  bool accepted = false;
+  if (szCandidate.size() == 1 && std::find(_caEscapes.begin(), _caEscapes.end(), szCandidate[0]) != _caEscapes.end()) {
+    // An escaped character is content, never a close; it does not count on the line.
+    TQUMAStreamParser* parser = pCandidate->Parser() ? pCandidate->Parser() : _pParser;
+    UnicodeString text;
+    Integer bytes = 0;
+    if (!parser || !parser->Fetch(text, bytes)) szCandidate.clear();
+    else if (_fnEscapeHandler) szCandidate.assign(1, _fnEscapeHandler(this, text[0]));
+    else szCandidate = std::move(text);
+  } else {
+    accepted = _CheckClose(szCandidate, pCandidate);
+  }
+  if (accepted || szCandidate.empty()) return accepted;
+  if (AllowsContainedText()) {
+    const TRegex* valid = _GetValidRegEx();
+    TRegexMatch& m = _Match;
+    if (valid) {
+      const UnicodeString subject = pCandidate->Text() + szCandidate;
+      if (valid->Match(subject, m)) {
+        accepted = true;
+        const UnicodeStringView whole = m.Group(0);
+        pCandidate->SetContent(UnicodeString(whole.substr(std::min(pCandidate->_szOpen.size(), whole.size()))));
+        szCandidate = After(m);
+        if (!szCandidate.empty()) _DoClose(pCandidate);
+      }
+    }
+    if (!accepted) {
+      const TRegex* allowed = _GetAllowedRegEx();
+      if (allowed && allowed->Match(szCandidate, m)) {
+        accepted = true;
+        if (!valid) {
+          pCandidate->_szContent += m.Group(0);  // an append keeps the close search's progress
+          szCandidate = After(m);
+        }
+      }
+    }
+  }
+  if (!accepted && !AllowsContainedNodes()) _DoClose(pCandidate);
+  return accepted;
+}
+
+bool TQUMAStreamedNodeDefinition::EndOfStream(UnicodeString& szResidual, TQUMAStreamedNode* pCandidate) {
+  if (szResidual.empty() && !_GetCloseRegEx()) {
+    _DoClose(pCandidate);
+    return true;
+  }
+  const TRegex* valid = _GetValidRegEx();
+  if (!valid) return false;
+  const UnicodeString subject = pCandidate->Text() + szResidual;
+  if (!valid->Match(subject, _Match)) return false;
+  szResidual = After(_Match);
+  _DoClose(pCandidate);
+  return true;
+}
+
+// ---- TQUMAStreamParser ----
+
+void TQUMAStreamParser::AfterConstruction() {
+  inherited::AfterConstruction();
+  _pNodeDefs = New<TDefinitionList>();
+  _pNodeDefs->SetOnNotify(Bind<&TQUMAStreamParser::_DefinitionsChanged>(this));
+  _szNormedLineEnd = u"\r\n";
+}
+
+void TQUMAStreamParser::BeforeDestruction() {
+  inherited::BeforeDestruction();
+  _FreeNodes();
+  FreeAndNil(_pNodeDefs);  // its removals clear each definition's Parser
+}
+
+void TQUMAStreamParser::Assign(TPersistent* Source) {
+  auto* source = dynamic_cast<TQUMAStreamParser*>(Source);
+  if (!source) {
+    inherited::Assign(Source);
+    return;
+  }
+  if (source != this) {
+    const std::vector<TQUMAStreamedNodeDefinition*> definitions = source->_pNodeDefs->ToVector();
+    _pNodeDefs->Clear();
+    for (TQUMAStreamedNodeDefinition* definition : definitions) _pNodeDefs->Add(definition);
+  }
+  _FreeNodes();
+}
+
+void TQUMAStreamParser::_DefinitionsChanged(TObject*, TQUMAStreamedNodeDefinition* const& Item,
+                                            TCollectionNotification Action) {
+  if (!Item) return;
+  if (Action == cnAdded) Item->_pParser = this;
+  else if ((Action == cnRemoved || Action == cnExtracted) && !QUMAIsFreeing(Item)) Item->_pParser = nullptr;
+}
+
+void TQUMAStreamParser::_FreeNodes() {
+  while (!_pCurrentNodes.empty()) {
+    TQUMAStreamedNode* node = _pCurrentNodes.back();
+    _pCurrentNodes.pop_back();
+    Free(node);
+  }
+}
+
+void TQUMAStreamParser::_SetAllowMultiLineBuffer(bool Value) {
+  if (Value) _ParserOptions.Include(sp_AllowMultiLineBuffer);
+  else _ParserOptions.Exclude(sp_AllowMultiLineBuffer);
+}
+
+TQUMAStreamedNodeDefinition* TQUMAStreamParser::_GetDefinition(Integer nIndex) const {
+  return nIndex >= 0 && nIndex < _GetDefinitionCount() ? (*_pNodeDefs)[nIndex] : nullptr;
+}
+
+void TQUMAStreamParser::AddNodeDefinition(TQUMAStreamedNodeDefinition* pNodeDef) {
+  if (pNodeDef && !_pNodeDefs->ContainsItem(pNodeDef)) _pNodeDefs->Add(pNodeDef);
+}
+
+void TQUMAStreamParser::RemoveNodeDefinition(TQUMAStreamedNodeDefinition* pNodeDef) {
+  if (pNodeDef) _pNodeDefs->RemoveItem(pNodeDef);
+}
+
+bool TQUMAStreamParser::Fetch(UnicodeString& Text, Integer& ByteCount) {
+  WideChar c = 0;
+  return _pInput && QUMAFetchEncodedCharacter(_pInput, _pEncoding, c, Text, ByteCount);
+}
+
+bool TQUMAStreamParser::LookAhead(Integer nOffset, WideChar& cCharacter) {
+  cCharacter = 0;
+  if (!_pInput || nOffset < 0) return false;
+  const Int64 start = _pInput->Position();
+  Integer seen = 0;
+  UnicodeString text;
+  Integer bytes = 0;
+  for (;;) {
+    const Int64 before = _pInput->Position();
+    if (Fetch(text, bytes)) {
+      if (seen + static_cast<Integer>(text.size()) > nOffset) {
+        cCharacter = text[static_cast<std::size_t>(nOffset - seen)];
+        break;
+      }
+      seen += static_cast<Integer>(text.size());
+    } else {
+      // Not there yet: wait for the stream to grow (a stream that does not grow keeps us here).
+      _pInput->SetPosition(before);
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  }
+  _pInput->SetPosition(start);
+  return true;
+}
+
+UnicodeString TQUMAStreamParser::SlurpCharacters(Integer nCount) {
+  UnicodeString result;
+  if (!_pInput || nCount < 1) return result;
+  UnicodeString text;
+  Integer bytes = 0;
+  while (static_cast<Integer>(result.size()) < nCount && _pInput->Position() < _pInput->Size() && Fetch(text, bytes)) {
+    result += text;
+    ++_nCharCount;
+  }
+  return result;
+}
+
+void TQUMAStreamParser::Feed() {
+  while (TQUMAStreamedNode* node = CurrentNode()) {
+    if (_szBuffer.empty()) return;
+    node->TryAccept(_szBuffer);
+    if (CurrentNode() == node) return;  // still open: it has had its say
+  }
+}
+
+void TQUMAStreamParser::OpenNode() {
+  TQUMAStreamedNode* const current = CurrentNode();
+  for (Integer i = 0; i < DefinitionCount(); ++i) {
+    TQUMAStreamedNodeDefinition* definition = Definition(i);
+    const bool candidate = current ? current->IsAllowedNodeClass(definition->ClassType()) : definition->CanBeRootNode();
+    if (candidate && definition->TryMatchOpen(_szBuffer, this)) return;
+  }
+}
+
+void TQUMAStreamParser::FinishStream() {
+  while (TQUMAStreamedNode* node = CurrentNode()) {
+    TQUMAStreamedNodeDefinition* definition = node->Definition();
+    if (!definition || !definition->EndOfStream(_szBuffer, node)) return;
+    if (CurrentNode() == node) return;  // closed by a definition of another parser: not ours to pop
+  }
+}
+
+bool TQUMAStreamParser::ParseStream(TStream* pInput, const TEncoding*) {
+  if (!pInput) return false;
+  struct TInputScope {
+    TStream*& Input;
+    ~TInputScope() { Input = nullptr; }
+  } inputScope{_pInput};
+  _pInput = pInput;
+  _pEncoding = nullptr;
+  _nLineCount = 1;
+  _nCharCount = 0;
+  QUMAGetStreamEncoding(_pInput, _pEncoding, nullptr);
+  _szBuffer.clear();
+
+  auto fail = [this](UnicodeStringView Head) {
+    const Integer character = _nCharCount - 1;
+    UnicodeString next;
+    try {
+      next = SlurpCharacters(12);
+    } catch (const std::exception&) {
+      // The window is a courtesy; a stream that fails here still gets its message.
+    }
+    _szErrorMessage = Format(u"%s near line %d character %d (Next characters: %s)", Head, _nLineCount, character, next);
+    _FreeNodes();
+    return false;
+  };
+  try {
+    bool lineEnded = false;
+    UnicodeString szChar;
+    Integer bytes = 0;
+    while (_pInput->Position() < _pInput->Size()) {
+      if (lineEnded) {
+        ++_nLineCount;
+        _nCharCount = 0;
+        lineEnded = false;
+      }
+      if (!Fetch(szChar, bytes)) break;
+      ++_nCharCount;
+      if (szChar == u"\r") {
+        WideChar next = 0;
+        if (LookAhead(0, next) && next == u'\n') SlurpCharacters(1);
+        szChar = _szNormedLineEnd;
+        lineEnded = true;
+      } else if (szChar == u"\n") {
+        szChar = _szNormedLineEnd;
+        lineEnded = true;
+      }
+      _szBuffer += szChar;
+      Feed();
+      if (_szBuffer.empty()) continue;
+      OpenNode();
+    }
+    FinishStream();
+    if (CurrentNode()) {
+      _szErrorMessage = u"Unclosed nodes at end of stream";
+      _FreeNodes();
+      return false;
+    }
+    return true;
+  } catch (const EQUMAStreamError& e) {
+    return fail(Format(u"Stream Error %s", e.Message()));
+  } catch (const Exception& e) {
+    return fail(Format(u"Unexpected Error %s (%s)", e.ClassName(), e.Message()));
+  } catch (const std::exception& e) {
+    return fail(Format(u"Unexpected Error %s (%s)", TypeName(e), Utf8ToUtf16(e.what())));
+  }
+}
+
+}  // namespace quma
