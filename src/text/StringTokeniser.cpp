@@ -20,7 +20,7 @@ constexpr WideChar kDefaultSeparators[] = {u' ', u'\0', u'\t', u'\r', u'\n'};
 }  // namespace
 
 TQUMAStringTokeniser::TQUMAStringTokeniser(bool blSkipInit)
-    : _pTokens(MakeObject<TStringList>()), _pClasses(std::make_unique<detail::TCharClasses>()) {
+    : _pClasses(std::make_unique<detail::TCharClasses>()) {
   if (blSkipInit) return;
   SetSeparators(UnicodeStringView(kDefaultSeparators, std::size(kDefaultSeparators)));
   SetOpenQuotes(u"\"");
@@ -72,73 +72,72 @@ bool TQUMAStringTokeniser::_GetAllowEmbeddedQuotes() const {
 void TQUMAStringTokeniser::_SetAllowEmbeddedQuotes(bool Value) { SetOption(_stAllowEmbeddedQuotes, Value); }
 
 Integer TQUMAStringTokeniser::Tokenise(UnicodeStringView szInput) {
-  TStringList& tokens = *_pTokens;
-  tokens.Clear();
+  _nTokenCount = 0;
   if (szInput.empty()) return 0;
-
   const bool ignoreEmpty = IgnoreEmptyTokens();
   const bool removeQuotes = RemoveEnclosingQuotes();
   const bool allowEmbedded = AllowEmbeddedQuotes();
   const detail::TCharClasses& classes = *_pClasses;
 
-  UnicodeString token;
-  bool escaped = false;
+  // Each token is built in its own entry, reusing the storage an earlier line left there.
+  Integer count = 0;
+  auto entry = [this](Integer index) -> UnicodeString& {
+    if (static_cast<std::size_t>(index) == _Tokens.size()) _Tokens.emplace_back();
+    UnicodeString& e = _Tokens[static_cast<std::size_t>(index)];
+    e.clear();
+    return e;
+  };
+  UnicodeString* token = &entry(0);
+
   bool inQuotes = false;
+  const WideChar* const text = szInput.data();
   const std::size_t n = szInput.size();
-  struct TUpdate {  // one change bracket for the whole line
-    TStrings& List;
-    explicit TUpdate(TStrings& l) : List(l) { List.BeginUpdate(); }
-    ~TUpdate() { List.EndUpdate(); }
-  } update(tokens);
-  for (std::size_t i = 0; i < n; ++i) {
-    const WideChar c = szInput[i];
-    if (escaped) {
-      escaped = false;
-      token.push_back(c);
-      continue;
+  for (std::size_t i = 0; i < n;) {
+    // Characters that belong to no set are token text whatever the state; text is mostly runs
+    // of them between single special characters.
+    if (const std::size_t run = classes.PlainRun(text + i, n - i)) {
+      token->append(text + i, run);
+      i += run;
+      if (i == n) break;
     }
+    const WideChar c = text[i++];
     const Byte cls = classes.Of(c);
-    if (cls == 0) {
-      // A run of characters that belong to no set is token text whatever the state.
-      std::size_t end = i + 1;
-      while (end < n && classes.Of(szInput[end]) == 0) ++end;
-      token.append(szInput.substr(i, end - i));
-      i = end - 1;
-      continue;
-    }
-    if ((cls & kOpenQuote) && !inQuotes && (token.empty() || allowEmbedded)) {
+    if ((cls & kOpenQuote) && !inQuotes && (token->empty() || allowEmbedded)) {
       inQuotes = true;
-      if (!removeQuotes) token.push_back(c);
+      if (!removeQuotes) token->push_back(c);
     } else if (cls & kEscape) {
-      escaped = true;
+      if (i < n) token->push_back(text[i++]);  // taken literally; a final escape leaves nothing
     } else if (inQuotes && (cls & kCloseQuote)) {
       inQuotes = false;
-      if (!removeQuotes) token.push_back(c);
+      if (!removeQuotes) token->push_back(c);
     } else if (!inQuotes && (cls & kSeparator)) {
-      if (!ignoreEmpty || !token.empty()) tokens.Add(token);
-      token.clear();
+      if (!ignoreEmpty || !token->empty()) token = &entry(++count);  // else the entry is reused
     } else {
-      token.push_back(c);
+      token->push_back(c);
     }
   }
-  if (!ignoreEmpty || !token.empty()) tokens.Add(token);
-  return tokens.Count();
+  if (!ignoreEmpty || !token->empty()) ++count;
+  _nTokenCount = count;
+  return count;
 }
 
 Integer TQUMAStringTokeniser::Tokenise(std::string_view szInput) { return Tokenise(Utf8ToUtf16(szInput)); }
 
 const UnicodeString& TQUMAStringTokeniser::Token(Integer nIndex) const {
-  if (nIndex < 0 || nIndex >= _pTokens->Count()) throw EArgumentOutOfRangeException(SNoSuchToken);
-  return (*_pTokens)[nIndex];
+  if (nIndex < 0 || nIndex >= _nTokenCount) throw EArgumentOutOfRangeException(SNoSuchToken);
+  return _Tokens[static_cast<std::size_t>(nIndex)];
 }
 
 bool TQUMAStringTokeniser::ValueForName(UnicodeStringView szName, UnicodeString& szValue) const {
   szValue.clear();
-  if (_pTokens->Count() == 0) return false;
-  const Integer index = _pTokens->IndexOfName(szName);
-  if (index < 0) return false;
-  szValue = _pTokens->ValueFromIndex(index);
-  return true;
+  for (const UnicodeString& token : Tokens()) {
+    const auto equals = token.find(u'=');  // a token without one has no name
+    if (equals != UnicodeString::npos && SameText(UnicodeStringView(token).substr(0, equals), szName)) {
+      szValue = token.substr(equals + 1);
+      return true;
+    }
+  }
+  return false;
 }
 
 bool TQUMAStringTokeniser::ValueForName(std::string_view szName, std::string& szValue) const {

@@ -11,11 +11,12 @@
 // character; empty tokens ignored and enclosing quotes removed.
 #pragma once
 
+#include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <quma/Object.h>
-#include <quma/StringList.h>
 #include <quma/System.h>
 
 namespace quma {
@@ -61,13 +62,15 @@ class TQUMAStringTokeniser : public TObject {
 
   // Token nIndex (zero-based); EArgumentOutOfRangeException (SNoSuchToken) when there is none.
   const UnicodeString& Token(Integer nIndex) const;
-  Integer TokenCount() const noexcept { return _pTokens->Count(); }
-  // The tokens of the last Tokenise, in order.
-  const TStringList& Tokens() const noexcept { return *_pTokens; }
+  Integer TokenCount() const noexcept { return _nTokenCount; }
+  // The tokens of the last Tokenise, in order; valid until the next Tokenise.
+  std::span<const UnicodeString> Tokens() const noexcept {
+    return {_Tokens.data(), static_cast<std::size_t>(_nTokenCount)};
+  }
 
   // Reads the tokens as name=value pairs: szValue gets the text after the first '=' of the first
-  // token whose name (the text before it) equals szName without case. False, with szValue empty,
-  // when there is no such token.
+  // token whose name (the text before it) equals szName without ASCII case, as a string list
+  // compares names. False, with szValue empty, when there is no such token.
   bool ValueForName(UnicodeStringView szName, UnicodeString& szValue) const;
   bool ValueForName(std::string_view szName, std::string& szValue) const;  // UTF-8
 
@@ -111,7 +114,10 @@ class TQUMAStringTokeniser : public TObject {
  private:
   void SetCharacters(UnicodeString& Field, Byte Class, UnicodeStringView Value);
 
-  TObjectPtr<TStringList> _pTokens;
+  // The tokens are the first _nTokenCount entries; the entries after them keep their storage
+  // for the next Tokenise.
+  std::vector<UnicodeString> _Tokens;
+  Integer _nTokenCount = 0;
   TQUMAStringTokeniserOptions _TokeniserOptions;
   UnicodeString _caSeparators;
   UnicodeString _caOpenQuotes;
