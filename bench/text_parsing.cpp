@@ -18,50 +18,48 @@ namespace {
 
 constexpr std::size_t kMegabyte = 1 << 20;
 
-// About 1 MB of lines such as: alpha 1234 "two words" beta "x \"y\" z" gamma
-const std::vector<std::string>& Lines8() {
-  static const std::vector<std::string> lines = [] {
-    std::mt19937 rng(11);
-    const char* words[] = {"alpha", "beta", "gamma", "delta", "epsilon", "zeta", "eta", "theta", "1234", "56.78"};
-    std::vector<std::string> out;
-    std::size_t total = 0;
-    while (total < kMegabyte) {
-      std::string line;
-      const int fields = 4 + static_cast<int>(rng() % 8);
-      for (int f = 0; f < fields; ++f) {
-        if (f) line += ' ';
-        switch (rng() % 4) {
-          case 0:  // quoted, with a separator inside
-            line += '"' + std::string(words[rng() % 10]) + ' ' + words[rng() % 10] + '"';
-            break;
-          case 1:  // quoted, with escaped quotes
-            line += "\"x \\\"" + std::string(words[rng() % 10]) + "\\\" z\"";
-            break;
-          default:
-            line += words[rng() % 10];
-        }
-      }
-      total += line.size() + 1;
-      out.push_back(std::move(line));
+// About 1 MB of lines of space-separated fields. Of every eight fields, Quoted on average are
+// two words in quotes and Escaped are quoted with escaped quotes inside; the rest are words.
+struct TLineSet {
+  std::vector<std::string> Lines8;
+  std::vector<quma::UnicodeString> Lines16;
+  std::size_t Bytes = 0;
+};
+
+TLineSet MakeLines(unsigned seed, const std::vector<std::string>& words, unsigned quoted, unsigned escaped) {
+  TLineSet s;
+  std::mt19937 rng(seed);
+  auto word = [&]() -> const std::string& { return words[rng() % words.size()]; };
+  while (s.Bytes < kMegabyte) {
+    std::string line;
+    const unsigned fields = 4 + rng() % 8;
+    for (unsigned f = 0; f < fields; ++f) {
+      if (f) line += ' ';
+      const unsigned kind = rng() % 8;
+      if (kind < quoted)
+        line += '"' + word() + ' ' + word() + '"';  // alpha "beta eta"
+      else if (kind < quoted + escaped)
+        line += "\"x \\\"" + word() + "\\\" z\"";  // "x \"gamma\" z"
+      else
+        line += word();
     }
-    return out;
-  }();
-  return lines;
+    s.Bytes += line.size() + 1;
+    s.Lines16.push_back(quma::Utf8ToUtf16(line));
+    s.Lines8.push_back(std::move(line));
+  }
+  return s;
 }
 
-const std::vector<quma::UnicodeString>& Lines16() {
-  static const std::vector<quma::UnicodeString> lines = [] {
-    std::vector<quma::UnicodeString> out;
-    for (const auto& l : Lines8()) out.push_back(quma::Utf8ToUtf16(l));
-    return out;
-  }();
-  return lines;
-}
-
-std::size_t BytesOf(const std::vector<std::string>& lines) {
-  std::size_t n = 0;
-  for (const auto& l : lines) n += l.size() + 1;
-  return n;
+// 0: dense (short words, half the fields quoted, a quarter of them with escapes);
+// 1: log-like (log words, a quarter quoted, one in eight with escapes).
+const TLineSet& Lines(int mix) {
+  static const TLineSet sets[] = {
+      MakeLines(11, {"alpha", "beta", "gamma", "delta", "epsilon", "zeta", "eta", "theta", "1234", "56.78"}, 2, 2),
+      MakeLines(12,
+                {"GET", "server-04", "2024-05-01T12:00:01Z", "/var/log/app.log", "200", "user@example.com",
+                 "timeout", "0.125", "connection", "request_id=7f3a9c"},
+                2, 1)};
+  return sets[mix];
 }
 
 quma::TObjectPtr<quma::TQUMAStringTokeniser> MakeTokeniser() {
@@ -71,68 +69,55 @@ quma::TObjectPtr<quma::TQUMAStringTokeniser> MakeTokeniser() {
 }
 
 // Both tokenisers must agree on every line before their speed means anything.
-void CheckSameTokens() {
-  static const bool checked = [] {
-    auto t = MakeTokeniser();
-    const boost::escaped_list_separator<char> sep('\\', ' ', '"');
-    for (const auto& line : Lines8()) {
-      t->Tokenise(line);
-      boost::tokenizer<boost::escaped_list_separator<char>> tok(line, sep);
-      quma::Integer i = 0;
-      for (const std::string& field : tok)
-        if (i >= t->TokenCount() || quma::Utf16ToUtf8(t->Token(i++)) != field) std::abort();
-      if (i != t->TokenCount()) std::abort();
-    }
-    return true;
-  }();
-  (void)checked;
+void CheckSameTokens(int mix) {
+  auto t = MakeTokeniser();
+  const boost::escaped_list_separator<char> sep('\\', ' ', '"');
+  for (const auto& line : Lines(mix).Lines8) {
+    t->Tokenise(line);
+    boost::tokenizer<boost::escaped_list_separator<char>> tok(line, sep);
+    quma::Integer i = 0;
+    for (const std::string& field : tok)
+      if (i >= t->TokenCount() || quma::Utf16ToUtf8(t->Token(i++)) != field) std::abort();
+    if (i != t->TokenCount()) std::abort();
+  }
 }
 
-void BM_Tokenise_QUMA_UTF16(benchmark::State& state) {
-  CheckSameTokens();
+template <class Line>
+void RunQUMA(benchmark::State& state, const std::vector<Line>& lines) {
+  CheckSameTokens(static_cast<int>(state.range(0)));
   auto t = MakeTokeniser();
   for (auto _ : state) {
     std::size_t chars = 0;
-    for (const auto& line : Lines16()) {
+    for (const auto& line : lines) {
       const quma::Integer n = t->Tokenise(line);
       for (quma::Integer i = 0; i < n; ++i) chars += t->Token(i).size();
     }
     benchmark::DoNotOptimize(chars);
   }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * BytesOf(Lines8())));
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * Lines(static_cast<int>(state.range(0))).Bytes));
 }
-BENCHMARK(BM_Tokenise_QUMA_UTF16)->Unit(benchmark::kMillisecond);
+
+void BM_Tokenise_QUMA_UTF16(benchmark::State& state) { RunQUMA(state, Lines(static_cast<int>(state.range(0))).Lines16); }
+BENCHMARK(BM_Tokenise_QUMA_UTF16)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
 // The UTF-8 entry converts each line first.
-void BM_Tokenise_QUMA_UTF8(benchmark::State& state) {
-  CheckSameTokens();
-  auto t = MakeTokeniser();
-  for (auto _ : state) {
-    std::size_t chars = 0;
-    for (const auto& line : Lines8()) {
-      const quma::Integer n = t->Tokenise(line);
-      for (quma::Integer i = 0; i < n; ++i) chars += t->Token(i).size();
-    }
-    benchmark::DoNotOptimize(chars);
-  }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * BytesOf(Lines8())));
-}
-BENCHMARK(BM_Tokenise_QUMA_UTF8)->Unit(benchmark::kMillisecond);
+void BM_Tokenise_QUMA_UTF8(benchmark::State& state) { RunQUMA(state, Lines(static_cast<int>(state.range(0))).Lines8); }
+BENCHMARK(BM_Tokenise_QUMA_UTF8)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
 void BM_Tokenise_BoostEscapedList(benchmark::State& state) {
-  CheckSameTokens();
+  const TLineSet& set = Lines(static_cast<int>(state.range(0)));
   const boost::escaped_list_separator<char> sep('\\', ' ', '"');
   for (auto _ : state) {
     std::size_t chars = 0;
-    for (const auto& line : Lines8()) {
+    for (const auto& line : set.Lines8) {
       boost::tokenizer<boost::escaped_list_separator<char>> tok(line, sep);
       for (const std::string& field : tok) chars += field.size();
     }
     benchmark::DoNotOptimize(chars);
   }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * BytesOf(Lines8())));
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * set.Bytes));
 }
-BENCHMARK(BM_Tokenise_BoostEscapedList)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Tokenise_BoostEscapedList)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
 // N MB of lines such as: call(arg1, "quoted, text", [x y]) = 42; \"escaped\"
 quma::UnicodeString ParserText(std::size_t megabytes) {

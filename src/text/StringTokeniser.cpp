@@ -19,8 +19,26 @@ constexpr WideChar kDefaultSeparators[] = {u' ', u'\0', u'\t', u'\r', u'\n'};
 
 }  // namespace
 
+namespace detail {
+// The character sets as one membership table, and the characters that can end a run of token
+// text in each state of the tokeniser.
+struct TTokeniserTables {
+  TCharClasses Classes;
+  TCharSkipper AtTokenStart;  // outside quotes, nothing kept yet: separators, escapes, open quotes
+  TCharSkipper InToken;       // outside quotes, later: separators and escapes
+  TCharSkipper InQuotes;      // escapes and close quotes
+
+  void Assign(Byte Class, UnicodeStringView Chars) {
+    Classes.Assign(Class, Chars);
+    AtTokenStart.Build(Classes, kSeparator | kEscape | kOpenQuote);
+    InToken.Build(Classes, kSeparator | kEscape);
+    InQuotes.Build(Classes, kEscape | kCloseQuote);
+  }
+};
+}  // namespace detail
+
 TQUMAStringTokeniser::TQUMAStringTokeniser(bool blSkipInit)
-    : _pClasses(std::make_unique<detail::TCharClasses>()) {
+    : _pClasses(std::make_unique<detail::TTokeniserTables>()) {
   if (blSkipInit) return;
   SetSeparators(UnicodeStringView(kDefaultSeparators, std::size(kDefaultSeparators)));
   SetOpenQuotes(u"\"");
@@ -77,32 +95,38 @@ Integer TQUMAStringTokeniser::Tokenise(UnicodeStringView szInput) {
   const bool ignoreEmpty = IgnoreEmptyTokens();
   const bool removeQuotes = RemoveEnclosingQuotes();
   const bool allowEmbedded = AllowEmbeddedQuotes();
-  const detail::TCharClasses& classes = *_pClasses;
+  const detail::TTokeniserTables& tables = *_pClasses;
+  const detail::TCharClasses& classes = tables.Classes;
+  const detail::TCharSkipper& inToken = allowEmbedded ? tables.AtTokenStart : tables.InToken;
 
   // Each token is built in its own entry, reusing the storage an earlier line left there.
   Integer count = 0;
-  auto entry = [this](Integer index) -> UnicodeString& {
-    if (static_cast<std::size_t>(index) == _Tokens.size()) _Tokens.emplace_back();
-    UnicodeString& e = _Tokens[static_cast<std::size_t>(index)];
-    e.clear();
+  auto entry = [this](Integer index) -> UnicodeString* {
+    if (static_cast<std::size_t>(index) == _Tokens.size()) [[unlikely]]
+      _Tokens.emplace_back();
+    UnicodeString* e = &_Tokens[static_cast<std::size_t>(index)];
+    e->clear();
     return e;
   };
-  UnicodeString* token = &entry(0);
+  UnicodeString* token = entry(0);
 
   bool inQuotes = false;
   const WideChar* const text = szInput.data();
   const std::size_t n = szInput.size();
   for (std::size_t i = 0; i < n;) {
-    // Characters that belong to no set are token text whatever the state; text is mostly runs
-    // of them between single special characters.
-    if (const std::size_t run = classes.PlainRun(text + i, n - i)) {
+    // Token text up to the next character that can mean something in this state; text is
+    // mostly such runs between single special characters.
+    const detail::TCharSkipper& skipper = inQuotes ? tables.InQuotes : token->empty() ? tables.AtTokenStart : inToken;
+    if (const std::size_t run = skipper.Skip(text + i, n - i)) {
       token->append(text + i, run);
       i += run;
       if (i == n) break;
     }
     const WideChar c = text[i++];
     const Byte cls = classes.Of(c);
-    if ((cls & kOpenQuote) && !inQuotes && (token->empty() || allowEmbedded)) {
+    if (cls == kSeparator && !inQuotes) {  // the common case, decided by the last test below
+      if (!ignoreEmpty || !token->empty()) token = entry(++count);
+    } else if ((cls & kOpenQuote) && !inQuotes && (token->empty() || allowEmbedded)) {
       inQuotes = true;
       if (!removeQuotes) token->push_back(c);
     } else if (cls & kEscape) {
@@ -111,7 +135,7 @@ Integer TQUMAStringTokeniser::Tokenise(UnicodeStringView szInput) {
       inQuotes = false;
       if (!removeQuotes) token->push_back(c);
     } else if (!inQuotes && (cls & kSeparator)) {
-      if (!ignoreEmpty || !token->empty()) token = &entry(++count);  // else the entry is reused
+      if (!ignoreEmpty || !token->empty()) token = entry(++count);  // else the entry is reused
     } else {
       token->push_back(c);
     }
@@ -153,7 +177,7 @@ UnicodeString TQUMAStringTokeniser::EscapeAndQuote(UnicodeStringView szInput) co
   escapedText.reserve(szInput.size() + 2);
   bool hasSeparator = false;
   for (const WideChar c : szInput) {
-    const Byte cls = _pClasses->Of(c);
+    const Byte cls = _pClasses->Classes.Of(c);
     if (cls & kSeparator)
       hasSeparator = true;  // never escaped: it only makes the value quoted
     else if ((cls & (kOpenQuote | kCloseQuote | kEscape)) && !_caEscapes.empty())

@@ -22,7 +22,7 @@
 namespace quma {
 
 namespace detail {
-class TCharClasses;
+struct TTokeniserTables;
 }
 
 enum class TQUMAStringTokeniserOptionFlags : Byte {
@@ -124,7 +124,7 @@ class TQUMAStringTokeniser : public TObject {
   UnicodeString _caCloseQuotes;
   UnicodeString _caEscapes;
   // The four sets above as one membership table, kept in step by the setters.
-  std::unique_ptr<detail::TCharClasses> _pClasses;
+  std::unique_ptr<detail::TTokeniserTables> _pClasses;
   UnicodeString _szPendingInput;  // the string constructor's input, tokenised in AfterConstruction
 };
 
