@@ -197,16 +197,6 @@ void EncodeFolderName(UnicodeStringView szName, UnicodeString& szResult) {
   szResult = std::move(result);
 }
 
-UnicodeString EncodeFolderName(UnicodeStringView szName) {
-  UnicodeString result;
-  EncodeFolderName(szName, result);
-  return result;
-}
-
-std::string EncodeFolderName(std::string_view szName) {
-  return Utf16ToUtf8(EncodeFolderName(UnicodeStringView(Utf8ToUtf16(szName))));
-}
-
 void ExpandFolderName(UnicodeStringView szName, UnicodeString& szResult) {
   const bool quoted = szName.size() >= 2 && szName.front() == u'"' && szName.back() == u'"';
   if (quoted) szName = szName.substr(1, szName.size() - 2);
@@ -226,15 +216,22 @@ void ExpandFolderName(UnicodeStringView szName, UnicodeString& szResult) {
   szResult = quoted ? u'"' + result + u'"' : std::move(result);
 }
 
-UnicodeString ExpandFolderName(UnicodeStringView szName) {
+namespace {
+using TFolderNameFunction = void (*)(UnicodeStringView, UnicodeString&);
+UnicodeString Returned(TFolderNameFunction f, UnicodeStringView szName) {
   UnicodeString result;
-  ExpandFolderName(szName, result);
+  f(szName, result);
   return result;
 }
-
-std::string ExpandFolderName(std::string_view szName) {
-  return Utf16ToUtf8(ExpandFolderName(UnicodeStringView(Utf8ToUtf16(szName))));
+std::string ReturnedUtf8(TFolderNameFunction f, std::string_view szName) {
+  return Utf16ToUtf8(Returned(f, Utf8ToUtf16(szName)));
 }
+}  // namespace
+
+UnicodeString EncodeFolderName(UnicodeStringView szName) { return Returned(EncodeFolderName, szName); }
+std::string EncodeFolderName(std::string_view szName) { return ReturnedUtf8(EncodeFolderName, szName); }
+UnicodeString ExpandFolderName(UnicodeStringView szName) { return Returned(ExpandFolderName, szName); }
+std::string ExpandFolderName(std::string_view szName) { return ReturnedUtf8(ExpandFolderName, szName); }
 
 // ---- the standard folders ----
 

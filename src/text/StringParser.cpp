@@ -181,34 +181,32 @@ void TQUMAStringParser::_SetIgnoreWhitespace(bool Value) {
     _ParserOptions.Exclude(spoIgnoreWS);
 }
 
+void TQUMAStringParser::AddPair(UnicodeString& Opens, UnicodeString& Closes, WideChar cOpen, WideChar cClose) {
+  if (_IsDeclaredCharacter(cOpen) || _IsDeclaredCharacter(cClose)) return;
+  Opens.push_back(cOpen);
+  Closes.push_back(cClose);
+  ClassesChanged();
+}
+
+void TQUMAStringParser::RemovePair(UnicodeString& Opens, UnicodeString& Closes, WideChar cOpen, WideChar cClose) {
+  const Integer k = IndexIn(Opens, cOpen);
+  if (k < 0 || k != IndexIn(Closes, cClose)) return;
+  Opens.erase(static_cast<std::size_t>(k), 1);
+  Closes.erase(static_cast<std::size_t>(k), 1);
+  ClassesChanged();
+}
+
 void TQUMAStringParser::AddBracketPair(WideChar cOpenBracket, WideChar cCloseBracket) {
-  if (_IsDeclaredCharacter(cOpenBracket) || _IsDeclaredCharacter(cCloseBracket)) return;
-  _acOpenBrackets.push_back(cOpenBracket);
-  _acCloseBrackets.push_back(cCloseBracket);
-  ClassesChanged();
+  AddPair(_acOpenBrackets, _acCloseBrackets, cOpenBracket, cCloseBracket);
 }
-
 void TQUMAStringParser::AddQuotePair(WideChar cOpenQuote, WideChar cCloseQuote) {
-  if (_IsDeclaredCharacter(cOpenQuote) || _IsDeclaredCharacter(cCloseQuote)) return;
-  _acOpenQuotes.push_back(cOpenQuote);
-  _acCloseQuotes.push_back(cCloseQuote);
-  ClassesChanged();
+  AddPair(_acOpenQuotes, _acCloseQuotes, cOpenQuote, cCloseQuote);
 }
-
 void TQUMAStringParser::RemoveBracketPair(WideChar cOpenBracket, WideChar cCloseBracket) {
-  const Integer k = OpenBracketIndex(cOpenBracket);
-  if (k < 0 || k != CloseBracketIndex(cCloseBracket)) return;
-  _acOpenBrackets.erase(static_cast<std::size_t>(k), 1);
-  _acCloseBrackets.erase(static_cast<std::size_t>(k), 1);
-  ClassesChanged();
+  RemovePair(_acOpenBrackets, _acCloseBrackets, cOpenBracket, cCloseBracket);
 }
-
 void TQUMAStringParser::RemoveQuotePair(WideChar cOpenQuote, WideChar cCloseQuote) {
-  const Integer k = OpenQuoteIndex(cOpenQuote);
-  if (k < 0 || k != CloseQuoteIndex(cCloseQuote)) return;
-  _acOpenQuotes.erase(static_cast<std::size_t>(k), 1);
-  _acCloseQuotes.erase(static_cast<std::size_t>(k), 1);
-  ClassesChanged();
+  RemovePair(_acOpenQuotes, _acCloseQuotes, cOpenQuote, cCloseQuote);
 }
 
 bool TQUMAStringParser::LookAhead(Integer nOffset, WideChar& cCharacter) {

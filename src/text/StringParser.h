@@ -273,6 +273,8 @@ class TQUMAStringParser : public TObject {
     return p == UnicodeString::npos ? -1 : static_cast<Integer>(p);
   }
   void ClassesChanged();
+  void AddPair(UnicodeString& Opens, UnicodeString& Closes, WideChar cOpen, WideChar cClose);
+  void RemovePair(UnicodeString& Opens, UnicodeString& Closes, WideChar cOpen, WideChar cClose);
   bool HasClass(WideChar c, Byte Class) const noexcept;
 
   Integer _nParsePoint = 0;
