@@ -31,8 +31,7 @@ TQUMAParsedNode* TQUMAParsedNode::_GetParent() const { return _pParent; }
 
 bool TQUMATextNode::TryAddChar(WideChar cChar, TQUMAStringParser* pParser) {
   if (!pParser) return false;
-  if (pParser->_IsSeparator(cChar) || pParser->_IsWhitespace(cChar) || pParser->IsOpenBracket(cChar) ||
-      pParser->IsOpenQuote(cChar) || pParser->IsCloseBracket(cChar) || pParser->IsCloseQuote(cChar)) {
+  if (pParser->_IsSeparator(cChar) || pParser->_IsWhitespace(cChar) || pParser->IsQuoteOrBracket(cChar)) {
     _Close();
     return false;
   }
@@ -148,6 +147,9 @@ bool TQUMAStringParser::IsOpenQuote(WideChar c) const noexcept { return HasClass
 bool TQUMAStringParser::IsCloseQuote(WideChar c) const noexcept { return HasClass(c, kCloseQuote); }
 bool TQUMAStringParser::IsOpenBracket(WideChar c) const noexcept { return HasClass(c, kOpenBracket); }
 bool TQUMAStringParser::IsCloseBracket(WideChar c) const noexcept { return HasClass(c, kCloseBracket); }
+bool TQUMAStringParser::IsQuoteOrBracket(WideChar c) const noexcept {
+  return HasClass(c, kOpenQuote | kCloseQuote | kOpenBracket | kCloseBracket);
+}
 
 bool TQUMAStringParser::_IsDeclaredCharacter(WideChar c) const {
   return _IsSeparator(c) || _IsEscape(c) || _IsWhitespace(c) || IsOpenQuote(c) || IsOpenBracket(c) ||

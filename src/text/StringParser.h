@@ -221,6 +221,8 @@ class TQUMAStringParser : public TObject {
   bool IsCloseQuote(WideChar c) const noexcept;
   bool IsOpenBracket(WideChar c) const noexcept;
   bool IsCloseBracket(WideChar c) const noexcept;
+  // Any of the four tests above.
+  bool IsQuoteOrBracket(WideChar c) const noexcept;
 
   // The text of the running Parse (empty outside it) and the index of its next unread character.
   const UnicodeString& ParsingText() const noexcept { return _szParsingText; }
