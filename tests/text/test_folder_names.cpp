@@ -47,10 +47,7 @@ TEST_F(FolderNames, EncodingAndExpansionRules) {
   RegisterFolderNameEncoding(u"/data", u"Data");                // wrapped
   RegisterFolderNameEncoding(u"\\data\\Deep\\", u"{:Deep:}");   // already wrapped, separators normalised
   RegisterFolderSegmentEncoding(u"MyApp", u"{:AppName:}");
-  struct {
-    const char16_t* Path;
-    const char16_t* Encoded;
-  } const cases[] = {
+  const std::pair<const char16_t*, const char16_t*> cases[] = {  // path, encoded
       {u"/data", u"{:Data:}"},
       {u"/DATA/x", u"{:Data:}/x"},
       {u"/data/deep/y", u"{:Deep:}/y"},          // the longest folder wins
@@ -60,14 +57,8 @@ TEST_F(FolderNames, EncodingAndExpansionRules) {
       {u"//a//", u"//a//"},                      // empty segments survive
       {u"\"/data\"", u"\"/data\""},              // quotes are not special when encoding
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(Utf16ToUtf8(c.Path));
-    EXPECT_EQ(EncodeFolderName(c.Path), c.Encoded);
-  }
-  struct {
-    const char16_t* Encoded;
-    const char16_t* Expanded;
-  } const expansions[] = {
+  for (const auto& [path, encoded] : cases) EXPECT_EQ(EncodeFolderName(path), encoded) << Utf16ToUtf8(path);
+  const std::pair<const char16_t*, const char16_t*> expansions[] = {  // encoded, expanded
       {u"{:data:}\\x", u"/data/x"},
       {u"{:Deep:}", u"/data/Deep"},
       {u"\"{:Data:}/a b\"", u"\"/data/a b\""},            // quotes kept
@@ -75,11 +66,10 @@ TEST_F(FolderNames, EncodingAndExpansionRules) {
       {u"{:Data:}x", u"{:Data:}x"},                       // a folder token is a whole segment
       {u"/x/{:appname:}.conf/{:AppName:}", u"/x/MyApp.conf/MyApp"},  // segment tokens anywhere
   };
-  for (const auto& c : expansions) {
-    SCOPED_TRACE(Utf16ToUtf8(c.Encoded));
+  for (const auto& [encoded, expanded] : expansions) {
     UnicodeString out;
-    ExpandFolderName(c.Encoded, out);
-    EXPECT_EQ(out, c.Expanded);
+    ExpandFolderName(encoded, out);
+    EXPECT_EQ(out, expanded) << Utf16ToUtf8(encoded);
   }
   EXPECT_EQ(ExpandFolderName(std::string_view("{:Data:}/\xC3\xA9")), "/data/\xC3\xA9");  // UTF-8
 }
@@ -133,10 +123,7 @@ TEST_F(FolderNames, StandardFoldersComeFromTheXdgDirectories) {
   std::filesystem::remove_all(home);
 
   const std::string h = home.string();
-  struct {
-    std::string Path;
-    const char* Encoded;
-  } const cases[] = {
+  const std::pair<std::string, const char*> cases[] = {  // path, encoded
       {h + "/Desk top/a", "{:Desktop:}/a"},
       {"/srv/docs/Docs/b", "{:Documents:}/b"},
       {h + "/Pic\"s", "{:Pictures:}"},
@@ -146,10 +133,7 @@ TEST_F(FolderNames, StandardFoldersComeFromTheXdgDirectories) {
       {"/tmp/f", "{:Temp:}/f"},
       {"/opt/tools/bin/viewer/g", "{:AppFolder:}/{:AppName:}/g"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.Path);
-    EXPECT_EQ(EncodeFolderName(std::string_view(c.Path)), c.Encoded);
-  }
+  for (const auto& [path, encoded] : cases) EXPECT_EQ(EncodeFolderName(std::string_view(path)), encoded) << path;
   EXPECT_EQ(ExpandFolderName(std::string_view("{:Home:}/x")), h + "/x");
   EXPECT_EQ(ExpandFolderName(std::string_view("{:Public:}")), "{:Public:}");
   EXPECT_EQ(ExpandFolderName(std::string_view("{:Windows:}")), "{:Windows:}");
@@ -162,7 +146,6 @@ TEST_F(FolderNames, ProcessDefaultsUseThisExecutable) {
   QUMARegisterStandardFolderNames(TQUMAFolderEnvironment());
   const std::string exe = TQUMAFolderEnvironment().ExecutablePath();
   ASSERT_FALSE(exe.empty());
-  const std::string folder = exe.substr(0, exe.rfind('/'));
   EXPECT_EQ(EncodeFolderName(std::string_view(exe)), "{:AppFolder:}/{:AppName:}");
   EXPECT_EQ(ExpandFolderName(std::string_view("{:AppFolder:}/{:AppName:}")), exe);
   EXPECT_FALSE(TQUMAFolderEnvironment().HomeFolder().empty());

@@ -203,14 +203,9 @@ TEST(StringParser, DeeplyNestedTreesAreFreedWithoutDeepRecursion) {
   const UnicodeString input(200000, u'(');
   auto nodes = MakeObject<TQUMAParsedNodeList>();
   p->Parse(input, nodes.get());
-  ASSERT_EQ(nodes->Count(), 1);
-  const TQUMAParsedNode* deepest = nodes->First();
-  int depth = 1;
-  while (auto* b = dynamic_cast<const TQUMABracketedNode*>(deepest)) {
-    if (b->ContentNodes()->IsEmpty()) break;
-    deepest = b->ContentNodes()->First();
-    ++depth;
-  }
+  int depth = 0;
+  for (const TQUMAParsedNodeList* level = nodes.get(); level->Count() == 1; ++depth)
+    level = static_cast<const TQUMABracketedNode*>(level->First())->ContentNodes();
   EXPECT_EQ(depth, 200000);
   nodes.reset();  // would overflow the stack if freeing recursed per level
 }

@@ -37,6 +37,10 @@ const TSetup kQuoteEscape = [](TQUMAStringTokeniser& t) {
   t.SetCloseQuotes(u"'");
   t.SetEscapes(u"'");
 };
+const TSetup kAngles = [](TQUMAStringTokeniser& t) {
+  t.SetOpenQuotes(u"<[");
+  t.SetCloseQuotes(u">]");
+};
 const TSetup kComma = [](TQUMAStringTokeniser& t) {
   t.SetSeparators(u",");
   t.SetIgnoreEmptyTokens(false);
@@ -66,18 +70,8 @@ TEST(StringTokeniser, SplitsByTheDocumentedRules) {
       {"trailing escape vanishes", u"ab\\", kBackslash, {u"ab"}},
       {"open quote beats escape", u"'a b x'' y", kQuoteEscape, {u"a b x' y"}},
       {"mid-token the quote escapes", u"x'' y", kQuoteEscape, {u"x'", u"y"}},
-      {"quotes pair by membership", u"<a b] c",
-       [](TQUMAStringTokeniser& t) {
-         t.SetOpenQuotes(u"<[");
-         t.SetCloseQuotes(u">]");
-       },
-       {u"a b", u"c"}},
-      {"close quote outside is text", u"a> b",
-       [](TQUMAStringTokeniser& t) {
-         t.SetOpenQuotes(u"<");
-         t.SetCloseQuotes(u">");
-       },
-       {u"a>", u"b"}},
+      {"quotes pair by membership", u"<a b] c", kAngles, {u"a b", u"c"}},
+      {"close quote outside is text", u"a> b", kAngles, {u"a>", u"b"}},
       {"non-ASCII separator", u"a\u00a7b\u00a7\u00a7c",
        [](TQUMAStringTokeniser& t) { t.SetSeparators(u"\u00a7"); }, {u"a", u"b", u"c"}},
   };
