@@ -4,10 +4,12 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <set>
+#include <thread>
 
 #include <quma/FolderNameEncoding.h>
 #include <quma/Strings.h>
@@ -149,4 +151,21 @@ TEST_F(FolderNames, ProcessDefaultsUseThisExecutable) {
   EXPECT_EQ(EncodeFolderName(std::string_view(exe)), "{:AppFolder:}/{:AppName:}");
   EXPECT_EQ(ExpandFolderName(std::string_view("{:AppFolder:}/{:AppName:}")), exe);
   EXPECT_FALSE(TQUMAFolderEnvironment().HomeFolder().empty());
+}
+
+TEST_F(FolderNames, RegisteringWhileOtherThreadsEncodeIsSafe) {
+  RegisterFolderNameEncoding(u"/data", u"Data");
+  std::atomic<bool> stop{false};
+  std::thread reader([&] {
+    while (!stop) {
+      EXPECT_EQ(EncodeFolderName(u"/data/a"), u"{:Data:}/a");
+      EXPECT_EQ(ExpandFolderName(u"{:Data:}/a"), u"/data/a");
+    }
+  });
+  for (int i = 0; i < 200; ++i) {
+    RegisterFolderNameEncoding(u"/other" + IntToStr(i), u"Other");
+    RegisterFolderSegmentEncoding(u"seg" + IntToStr(i), u"{:Seg:}");
+  }
+  stop = true;
+  reader.join();
 }
