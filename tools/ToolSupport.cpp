@@ -51,12 +51,11 @@ TInput::TInput(std::string name, bool progress) : FName(std::move(name)), FBuffe
     }
     if (::fstat(FFd, &st) == 0 && S_ISREG(st.st_mode)) FSize = static_cast<std::size_t>(st.st_size);
   }
-  FStart = NowMs();
-  FProgress = progress && ::isatty(2) && !(IsStdin() && ::isatty(0)) && (FSize == 0 || FSize >= kProgressThreshold);
+  const bool interactive = IsStdin() && ::isatty(0);
+  FProgress = std::make_unique<TProgress>(FName == "-" ? "stdin" : FName, FSize, progress && !interactive);
 }
 
 TInput::~TInput() {
-  if (FProgress && FLastDraw != 0) std::fputs("\r\033[K", stderr);
   if (FFd > 0) ::close(FFd);
 }
 
@@ -68,7 +67,7 @@ std::span<const Byte> TInput::Next() {
       throw TToolError(FName + ": " + std::strerror(errno));
     }
     FConsumed += static_cast<std::size_t>(n);
-    if (FProgress) DrawProgress(n == 0);
+    FProgress->Update(FConsumed);
     return {FBuffer.data(), static_cast<std::size_t>(n)};
   }
 }
@@ -79,20 +78,27 @@ std::string TInput::ReadAll() {
   return all;
 }
 
-void TInput::DrawProgress(bool final) {
-  // Nothing for inputs that finish within the first 300 ms; then at most ten frames a second.
+TProgress::TProgress(std::string label, std::size_t total, bool wanted)
+    : FLabel(std::move(label)), FTotal(total), FEnabled(wanted && ::isatty(2) && (total == 0 || total >= kProgressThreshold)),
+      FStart(NowMs()) {}
+
+TProgress::~TProgress() {
+  if (FLastDraw != 0) std::fputs("\r\033[K", stderr);
+}
+
+void TProgress::Update(std::size_t done) {
+  if (!FEnabled) return;
   const long long now = NowMs();
-  if (final || now - FStart < 300 || now - FLastDraw < 100) return;
+  if (now - FStart < 300 || now - FLastDraw < 100) return;
   FLastDraw = now;
-  const std::string label = FName == "-" ? "stdin" : FName;
-  if (FSize > 0) {
+  if (FTotal > 0) {
     const int width = 30;
-    const double part = std::min(1.0, static_cast<double>(FConsumed) / static_cast<double>(FSize));
+    const double part = std::min(1.0, static_cast<double>(done) / static_cast<double>(FTotal));
     const int filled = static_cast<int>(part * width);
     std::fprintf(stderr, "\r[%.*s%.*s] %3d%% %s", filled, "##############################", width - filled,
-                 "..............................", static_cast<int>(part * 100), label.c_str());
+                 "..............................", static_cast<int>(part * 100), FLabel.c_str());
   } else {
-    std::fprintf(stderr, "\r%zu MiB %s", FConsumed >> 20, label.c_str());
+    std::fprintf(stderr, "\r%zu MiB %s", done >> 20, FLabel.c_str());
   }
   std::fflush(stderr);
 }

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <functional>
+#include <memory>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -23,6 +24,7 @@ namespace quma::tool {
 using TCommands = std::vector<std::pair<CLI::App*, std::function<void()>>>;
 
 void RegisterValueCommands(CLI::App& app, TCommands& commands);
+void RegisterTextCommands(CLI::App& app, TCommands& commands);
 
 // Bad input that the tool itself finds (a file that cannot be opened, a malformed argument); the
 // text is the whole error line after "quma: ".
@@ -33,6 +35,24 @@ class TToolError : public std::runtime_error {
 
 // Runs one sub-command and turns every error into one line on stderr and exit status 1.
 int RunGuarded(const std::function<void()>& run);
+
+// A progress bar on stderr, drawn only when stderr is a terminal, for work of at least 16 MiB
+// (or of unknown size) still running after 300 ms; at most ten frames a second. The line is
+// cleared when the bar goes.
+class TProgress {
+ public:
+  TProgress(std::string label, std::size_t total, bool wanted);
+  ~TProgress();
+  TProgress(const TProgress&) = delete;
+  TProgress& operator=(const TProgress&) = delete;
+  void Update(std::size_t done);
+
+ private:
+  std::string FLabel;
+  std::size_t FTotal;
+  bool FEnabled;
+  long long FStart, FLastDraw = 0;
+};
 
 // An input named on the command line: a file, or standard input for "-". Reads in blocks, never
 // the whole file at once, and draws a progress bar on a terminal for large inputs.
@@ -52,16 +72,12 @@ class TInput {
   std::size_t Consumed() const noexcept { return FConsumed; }
 
  private:
-  void DrawProgress(bool final);
-
   std::string FName;
   int FFd = 0;
   std::vector<Byte> FBuffer;
   std::size_t FConsumed = 0;
   std::size_t FSize = 0;  // 0 when unknown
-  bool FProgress = false;
-  long long FStart = 0;
-  long long FLastDraw = 0;
+  std::unique_ptr<TProgress> FProgress;
 };
 
 // Writes all of text to standard output; raises TToolError when the output fails.

@@ -30,6 +30,7 @@ int main(int argc, char** argv) {
 
   TCommands commands;
   RegisterValueCommands(app, commands);
+  RegisterTextCommands(app, commands);
 
   try {
     app.parse(argc, argv);

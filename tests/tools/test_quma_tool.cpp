@@ -70,7 +70,7 @@ std::string RandomBytes(std::size_t n, unsigned seed) {
 TEST(QumaTool, HelpVersionAndUsageErrors) {
   auto help = Quma("--help");
   EXPECT_EQ(help.status, 0);
-  for (const char* sub : {"uuid", "crc32", "base32", "hex", "date"}) EXPECT_NE(help.out.find(sub), std::string::npos) << sub;
+  for (const char* sub : {"uuid", "crc32", "base32", "hex", "date", "tokenise", "folder", "parse"}) EXPECT_NE(help.out.find(sub), std::string::npos) << sub;
   auto version = Quma("--version");
   EXPECT_EQ(version.status, 0);
   EXPECT_EQ(version.out.rfind("quma (QUMALib.Utils) ", 0), 0u) << version.out;
@@ -190,6 +190,62 @@ TEST(QumaTool, DatesFormatAndParse) {
   auto bad = Quma("date http 'Sun, 06 Nov 1994'");
   EXPECT_EQ(bad.status, 1);
   EXPECT_EQ(bad.err, "quma: Unable to convert \"Sun, 06 Nov 1994\" to TDateTime\n");
+}
+
+TEST(QumaTool, TokeniseSplitsLooksUpAndQuotes) {
+  EXPECT_EQ(Quma("tokenise", "a \"b c\"  d\n\nx\ty\n").out, "a\tb c\td\n\nx\ty\n");
+  EXPECT_EQ(Quma("tokenise --keep-empty -s ,", "a,,b\n").out, "a\t\tb\n");
+  EXPECT_EQ(Quma("tokenise -q '()' --keep-quotes", "(a b) c\n").out, "(a b)\tc\n");
+  EXPECT_EQ(Quma("tokenise -n KEY --embedded-quotes", "name=x key=\"v w\"\nnothing here\n").out, "v w\n\n");
+  // --quote writes each line so that tokenising gives it back as one token.
+  const std::string values = "plain\nwith space\nquote \" inside\n";
+  auto quoted = Quma("tokenise --quote -e '\\'", values);
+  ASSERT_EQ(quoted.status, 0);
+  EXPECT_EQ(Quma("tokenise -e '\\'", quoted.out).out, "plain\nwith space\nquote \" inside\n");
+  auto bad = Quma("tokenise -q '(' ");
+  EXPECT_EQ(bad.status, 1);
+  EXPECT_EQ(bad.err, "quma: --quotes: open and close characters must come in pairs\n");
+}
+
+TEST(QumaTool, FolderNamesRoundTrip) {
+  const std::string home = std::getenv("HOME") ? std::getenv("HOME") : "";
+  ASSERT_FALSE(home.empty());
+  auto encoded = Quma("folder encode '" + home + "/some/file'");
+  ASSERT_EQ(encoded.status, 0);
+  EXPECT_EQ(encoded.out.rfind("{:", 0), 0u) << encoded.out;
+  EXPECT_EQ(Quma("folder expand", encoded.out).out, home + "/some/file\n");
+  EXPECT_EQ(Quma("folder expand /plain/path").out, "/plain/path\n");
+}
+
+TEST(QumaTool, ParsePrintsTheNodeTreeOrTheParsersError) {
+  const auto defs = Scratch() / "defs.ini";
+  Spit(defs,
+       "# elements with text, white space dropped\n[element]\nopen = <[a-z]+>\nclose = </[a-z]+>\n"
+       "allowed = ^[^<]+\ntext = true\nnodes = true\n\n[space]\nopen = \\s+\ndrop = yes\n");
+  auto tree = Quma("parse -D " + defs.string(), "<a> hi <b>x</b>\n<c></c></a>\n");
+  EXPECT_EQ(tree.status, 0) << tree.err;
+  EXPECT_EQ(tree.out, "element <a> \"hi\"\n  element <b> \"x\"\n  element <c>\n");
+
+  auto unclosed = Quma("parse -D " + defs.string(), "<a>x");
+  EXPECT_EQ(unclosed.status, 1);
+  EXPECT_EQ(unclosed.err, "quma: stdin: Unclosed nodes at end of stream\n");
+
+  struct {
+    const char* text;
+    const char* error;
+  } const badDefinitions[] = {
+      {"open = x\n", "defs-bad.ini:1: \"open\" before the first [section]"},
+      {"[a]\nopen\n", "defs-bad.ini:2: expected \"key = value\""},
+      {"[a]\ntext = maybe\n", "defs-bad.ini:2: text: expected true or false, not \"maybe\""},
+      {"[a]\ncolour = red\n", "defs-bad.ini:2: unknown key \"colour\""},
+      {"# nothing\n", "defs-bad.ini: no [section] defines a node"},
+  };
+  for (const auto& c : badDefinitions) {
+    Spit(Scratch() / "defs-bad.ini", c.text);
+    auto r = Quma("parse -D " + (Scratch() / "defs-bad.ini").string(), "x");
+    EXPECT_EQ(r.status, 1) << c.text;
+    EXPECT_NE(r.err.find(c.error), std::string::npos) << r.err;
+  }
 }
 
 }  // namespace
