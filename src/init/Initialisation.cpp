@@ -410,28 +410,33 @@ void TQUMAInitialisationUnit::_DoRegistration(const TQUMA_Uuid&) {}
 void TQUMAInitialisationUnit::InstantiationComplete() {}
 void TQUMAInitialisationUnit::RegistrationsComplete() {}
 
+// Each step records the phase only if its hook left the unit alive (a hook may free it).
 void TQUMAInitialisationUnit::DestroyObjects(const TQUMA_Uuid& uuidPhase) {
   if (!_pInstPhases) return;
+  const TQUMAGuardedPtr<TQUMAInitialisationUnit> self(this);
   _DoDestruction(uuidPhase);
-  if (_pInstPhases) _pInstPhases->Remove(uuidPhase);
+  if (self && _pInstPhases) _pInstPhases->Remove(uuidPhase);
 }
 
 void TQUMAInitialisationUnit::InstantiateObjects(const TQUMA_Uuid& uuidPhase) {
   if (!_pInstPhases || _pInstPhases->Contains(uuidPhase)) return;
+  const TQUMAGuardedPtr<TQUMAInitialisationUnit> self(this);
   _DoInstantiation(uuidPhase);
-  if (_pInstPhases) _pInstPhases->Add(uuidPhase);
+  if (self && _pInstPhases) _pInstPhases->Add(uuidPhase);
 }
 
 void TQUMAInitialisationUnit::RegisterClasses(const TQUMA_Uuid& uuidPhase) {
   if (!_pRegPhases || _pRegPhases->Contains(uuidPhase)) return;
+  const TQUMAGuardedPtr<TQUMAInitialisationUnit> self(this);
   _DoRegistration(uuidPhase);
-  if (_pRegPhases) _pRegPhases->Add(uuidPhase);
+  if (self && _pRegPhases) _pRegPhases->Add(uuidPhase);
 }
 
 void TQUMAInitialisationUnit::UnregisterClasses(const TQUMA_Uuid& uuidPhase) {
   if (!_pRegPhases || !_pRegPhases->Contains(uuidPhase)) return;
+  const TQUMAGuardedPtr<TQUMAInitialisationUnit> self(this);
   _DoDeregistration(uuidPhase);
-  if (_pRegPhases) _pRegPhases->Remove(uuidPhase);
+  if (self && _pRegPhases) _pRegPhases->Remove(uuidPhase);
 }
 
 Integer TQUMAInitialisationUnit::GetModuleCount() { return WalkModules(nullptr); }

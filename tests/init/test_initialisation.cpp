@@ -38,12 +38,16 @@ class TRecUnit : public TQUMAInitialisationUnit {
   TRecUnit(std::string name, TQUMAInitialisationUnitRegistry* reg, PQUMAInitialisationUnit var = nullptr)
       : TQUMAInitialisationUnit(nullptr, var, reg), Name(std::move(name)) {}
   void _DoRegistration(const TQUMA_Uuid& p) override { Log("reg", p); }
-  void _DoInstantiation(const TQUMA_Uuid& p) override { Log("inst", p); }
+  void _DoInstantiation(const TQUMA_Uuid& p) override {
+    Log("inst", p);
+    if (FreeSelf) Free(this);
+  }
   void _DoDestruction(const TQUMA_Uuid& p) override { Log("destroy", p); }
   void _DoDeregistration(const TQUMA_Uuid& p) override { Log("dereg", p); }
   void RegistrationsComplete() override { gLog.push_back(Name + ":regdone"); }
   void InstantiationComplete() override { gLog.push_back(Name + ":instdone"); }
   std::string Name;
+  bool FreeSelf = false;
 
  private:
   void Log(const char* what, const TQUMA_Uuid& p) {
@@ -133,9 +137,11 @@ TEST_F(Registry, UnitsFreedEarlyLeaveTheRegistry) {
   Phases({P('A'), P('B')}, {P('A')});
   auto* pending = New<TRecUnit>("p", reg.get());
   auto* u1 = New<TRecUnit>("1", reg.get());
+  New<TRecUnit>("s", reg.get())->FreeSelf = true;
   Free(pending);
   reg->RunInitialisations();
-  EXPECT_EQ(Take(), "1:reg:A 1:reg:B 1:regdone 1:inst:A 1:instdone");
+  EXPECT_EQ(Take(), "1:reg:A s:reg:A 1:reg:B s:reg:B 1:regdone s:regdone 1:inst:A s:inst:A "
+                    "s:dereg:B s:dereg:A 1:instdone");
   auto* u2 = New<TRecUnit>("2", reg.get());
   reg->RunInitialisations();
   Take();
