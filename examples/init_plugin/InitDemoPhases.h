@@ -8,9 +8,7 @@ namespace demo {
 
 // Classes of the core first, then those of extensions; objects in the same order.
 inline quma::TQUMA_Uuid CorePhase() { return quma::TQUMA_Uuid::Create("9f0c8a52-4d1e-4b6f-8a51-0c2e7d3b1a01"); }
-inline quma::TQUMA_Uuid ExtensionPhase() {
-  return quma::TQUMA_Uuid::Create("9f0c8a52-4d1e-4b6f-8a51-0c2e7d3b1a02");
-}
+inline quma::TQUMA_Uuid ExtensionPhase() { return quma::TQUMA_Uuid::Create("9f0c8a52-4d1e-4b6f-8a51-0c2e7d3b1a02"); }
 
 inline const char* PhaseName(const quma::TQUMA_Uuid& uuidPhase) {
   return uuidPhase == CorePhase() ? "core" : uuidPhase == ExtensionPhase() ? "extension" : "other";

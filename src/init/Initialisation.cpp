@@ -27,10 +27,8 @@ constinit std::mutex gRegistryMutex;
 // Phases compare by value (the element-wise UUID operators are no order). Never destroyed: the
 // unload section may still create or search phase lists after static destruction.
 const std::shared_ptr<const IComparer<TQUMA_Uuid>>& PhaseComparer() {
-  static const auto* const comparer = new std::shared_ptr<const IComparer<TQUMA_Uuid>>(
-      TComparer<TQUMA_Uuid>::Construct([](const TQUMA_Uuid& a, const TQUMA_Uuid& b) {
-        return static_cast<int>(TQUMA_Uuid::Compare(a, b));
-      }));
+  static const auto* const comparer = new std::shared_ptr<const IComparer<TQUMA_Uuid>>(TComparer<TQUMA_Uuid>::Construct(
+      [](const TQUMA_Uuid& a, const TQUMA_Uuid& b) { return static_cast<int>(TQUMA_Uuid::Compare(a, b)); }));
   return *comparer;
 }
 
@@ -485,8 +483,7 @@ void QUMAUnregisterInstantiationPhase(const TQUMA_Uuid& uuid) {
 }
 
 void QUMAUnregisterInstantiationPhases(std::span<const TQUMA_Uuid> aUuids) {
-  if (auto* registry = TQUMAInitialisationUnitRegistry::PeekRegistry())
-    registry->UnregisterInstantiationPhases(aUuids);
+  if (auto* registry = TQUMAInitialisationUnitRegistry::PeekRegistry()) registry->UnregisterInstantiationPhases(aUuids);
 }
 
 void QUMAInitialiseRegisteredUnits() { _QUMADoInitialiseRegisteredUnits(false); }

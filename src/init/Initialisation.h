@@ -188,8 +188,8 @@ class TQUMAInitialisationUnit : public TQUMAReferencedPersistent {
 
  protected:
   PQUMAInitialisationUnit _ptr;
-  TQUMAPhaseList* _pRegPhases = nullptr;   // registration phases performed, in order
-  TQUMAPhaseList* _pInstPhases = nullptr;  // instantiation phases performed, in order
+  TQUMAPhaseList* _pRegPhases = nullptr;                        // registration phases performed, in order
+  TQUMAPhaseList* _pInstPhases = nullptr;                       // instantiation phases performed, in order
   TQUMAGuardedPtr<TQUMAInitialisationUnitRegistry> _pRegistry;  // not owned; nulls itself if the registry goes
 };
 
@@ -227,12 +227,8 @@ enum TQUMAUnitSectionOrder : int {
 #define QUMA_UNIT_SECTION_NAME(a, b) QUMA_UNIT_SECTION_NAME2(a, b)
 // Declares a unit's start-up and finalisation sections (functions of no arguments) in one .cpp of
 // the library.
-#define QUMA_UNIT_SECTIONS(Order, StartUp, Finalisation)                                              \
-  [[gnu::constructor(Order), gnu::used]] static void QUMA_UNIT_SECTION_NAME(QUMAUnitStartUp_, Order)() { \
-    StartUp();                                                                                         \
-  }                                                                                                    \
-  [[gnu::destructor(Order), gnu::used]] static void QUMA_UNIT_SECTION_NAME(QUMAUnitFinal_, Order)() {    \
-    Finalisation();                                                                                    \
-  }
+#define QUMA_UNIT_SECTIONS(Order, StartUp, Finalisation)                                                              \
+  [[gnu::constructor(Order), gnu::used]] static void QUMA_UNIT_SECTION_NAME(QUMAUnitStartUp_, Order)() { StartUp(); } \
+  [[gnu::destructor(Order), gnu::used]] static void QUMA_UNIT_SECTION_NAME(QUMAUnitFinal_, Order)() { Finalisation(); }
 
 }  // namespace quma

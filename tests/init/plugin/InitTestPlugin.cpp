@@ -6,22 +6,16 @@ using namespace quma;
 
 namespace {
 
-using TLogProc = void (*)(const char* szEvent);
-TLogProc gLog = nullptr;
+void (*gLog)(const char*) = nullptr;
 
 class TPluginUnit : public TQUMAInitialisationUnit {
   QUMA_CLASS(TPluginUnit, TQUMAInitialisationUnit)
  public:
   using TQUMAInitialisationUnit::TQUMAInitialisationUnit;
-  void _DoRegistration(const TQUMA_Uuid&) override { Log("plugin:reg"); }
-  void _DoInstantiation(const TQUMA_Uuid&) override { Log("plugin:inst"); }
-  void _DoDestruction(const TQUMA_Uuid&) override { Log("plugin:destroy"); }
-  void _DoDeregistration(const TQUMA_Uuid&) override { Log("plugin:dereg"); }
-
- private:
-  static void Log(const char* szEvent) {
-    if (gLog) gLog(szEvent);
-  }
+  void _DoRegistration(const TQUMA_Uuid&) override { gLog("plugin:reg"); }
+  void _DoInstantiation(const TQUMA_Uuid&) override { gLog("plugin:inst"); }
+  void _DoDestruction(const TQUMA_Uuid&) override { gLog("plugin:destroy"); }
+  void _DoDeregistration(const TQUMA_Uuid&) override { gLog("plugin:dereg"); }
 };
 
 TQUMAInitialisationUnit* gUnit = nullptr;
@@ -29,5 +23,5 @@ const TObjectPtr<TQUMAInitialisationUnit> gUnitOwner(New<TPluginUnit>(nullptr, &
 
 }  // namespace
 
-extern "C" [[gnu::visibility("default")]] void quma_test_plugin_set_log(TLogProc fnLog) { gLog = fnLog; }
+extern "C" [[gnu::visibility("default")]] void quma_test_plugin_set_log(void (*fnLog)(const char*)) { gLog = fnLog; }
 extern "C" [[gnu::visibility("default")]] TQUMAInitialisationUnit* quma_test_plugin_unit() { return gUnit; }
