@@ -7,35 +7,18 @@
 
 #include <quma/Initialisation.h>
 
-#include "init_plugin/InitDemoPhases.h"
+#include "init_plugin/InitDemoShared.h"
 
 using namespace quma;
 
 namespace {
 
-class TCoreUnit : public TQUMAInitialisationUnit {
-  QUMA_CLASS(TCoreUnit, TQUMAInitialisationUnit)
- public:
-  using TQUMAInitialisationUnit::TQUMAInitialisationUnit;
-  void _DoRegistration(const TQUMA_Uuid& uuidPhase) override {
-    std::printf("  [main]   registers the document classes    (%s phase)\n", demo::PhaseName(uuidPhase));
-  }
-  void _DoInstantiation(const TQUMA_Uuid& uuidPhase) override {
-    std::printf("  [main]   creates the document store        (%s phase)\n", demo::PhaseName(uuidPhase));
-  }
-  void _DoDestruction(const TQUMA_Uuid& uuidPhase) override {
-    std::printf("  [main]   frees the document store          (%s phase)\n", demo::PhaseName(uuidPhase));
-  }
-  void _DoDeregistration(const TQUMA_Uuid& uuidPhase) override {
-    std::printf("  [main]   unregisters the document classes  (%s phase)\n", demo::PhaseName(uuidPhase));
-  }
-};
-
 // The program's unit, made by its own start-up code (before main) and freed after main returns.
 TQUMAInitialisationUnit* gCoreUnit = nullptr;
 const TObjectPtr<TQUMAInitialisationUnit> gCoreUnitOwner = [] {
   demo::RegisterPhases();
-  return TObjectPtr<TQUMAInitialisationUnit>(New<TCoreUnit>(nullptr, &gCoreUnit));
+  return TObjectPtr<TQUMAInitialisationUnit>(
+      New<demo::TReportingUnit>("main", "the document classes", "the document store", &gCoreUnit));
 }();
 
 void Status(const char* szWhen) {
