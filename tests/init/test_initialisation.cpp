@@ -204,7 +204,7 @@ TEST(RegistrySingleton, StartUpChainRunsTheRegistry) {
     if (saved) saved();
   });
   QUMARegisterRegistrationPhases(std::vector{P('S')});
-  QUMARegisterInstantiationPhase(P('S'));
+  QUMARegisterInstantiationPhases(std::vector{P('S')});
   TQUMAInitialisationUnit* unit = nullptr;
   New<TRecUnit>("s", nullptr, &unit);
   EXPECT_EQ(unit->Registry(), TQUMAInitialisationUnitRegistry::PeekRegistry());
@@ -214,8 +214,11 @@ TEST(RegistrySingleton, StartUpChainRunsTheRegistry) {
   SetInitProc(saved);
 
   QUMARemoveInitialisationUnit(unit);  // leaves the registry, keeps its phases
+  auto* global = TQUMAInitialisationUnitRegistry::PeekRegistry();
+  global->RunUninitialisations();
   QUMAUnregisterRegistrationPhase(P('S'));
   QUMAUnregisterInstantiationPhases(std::vector{P('S')});
+  EXPECT_EQ(global->ClassPhases()->Count() + global->InstantitionPhases()->Count(), 0);
   TQUMAInitialisationUnitRegistry::FreeRegistry();
   EXPECT_EQ(Take(), "");
   EXPECT_FALSE(TQUMAInitialisationUnitRegistry::GetApplicationInitialised());
