@@ -97,6 +97,7 @@ TEST_F(Registry, RunsPhasesInOrderAndUndoesThemInExactReverse) {
             "2:destroy:Y 1:destroy:Y 2:destroy:X 1:destroy:X "
             "2:dereg:B 1:dereg:B 2:dereg:A 1:dereg:A");
   EXPECT_TRUE(reg->DynamicLoadDetected());
+  EXPECT_TRUE(reg->InitialisationNeeded());  // no module counts as initialised any more
   reg->RunUninitialisations();  // the units left the registry without being freed
   EXPECT_EQ(Take(), "");
   Free(v1);  // still holds instantiation phases A and B, and undoes them itself
@@ -219,12 +220,14 @@ TEST(RegistrySingleton, StartUpChainRunsTheRegistry) {
   QUMAUnregisterRegistrationPhase(P('S'));
   QUMAUnregisterInstantiationPhases(std::vector{P('S')});
   EXPECT_EQ(global->ClassPhases()->Count() + global->InstantitionPhases()->Count(), 0);
-  TQUMAInitialisationUnitRegistry::FreeRegistry();
   EXPECT_EQ(Take(), "");
-  EXPECT_FALSE(TQUMAInitialisationUnitRegistry::GetApplicationInitialised());
-  QUMAUnregisterRegistrationPhase(P('S'));  // no registry: nothing happens
-  Free(unit);
+  QUMARegisterInitialisationUnit(unit);  // pending again, so freeing the registry frees it
+  TQUMAInitialisationUnitRegistry::FreeRegistry();
   EXPECT_EQ(Take(), "s:destroy:S s:dereg:S");
+  EXPECT_EQ(unit, nullptr);
+  QUMAUnregisterRegistrationPhase(P('S'));  // no registry: nothing happens
+  TQUMAInitialisationUnitRegistry::GetRegistry();
+  EXPECT_FALSE(TQUMAInitialisationUnitRegistry::GetApplicationInitialised());  // never ran
 }
 
 #ifdef QUMA_TEST_INIT_PLUGIN
