@@ -32,15 +32,9 @@ const std::shared_ptr<const IComparer<TQUMA_Uuid>>& PhaseComparer() {
   return *comparer;
 }
 
-TQUMAPhaseList* NewPhaseList() { return New<TQUMAPhaseList>(PhaseComparer()); }
+TQUMAPhaseList* NewPhaseList() { return New<TQUMAPhaseList>(); }
 
-// Unit lists hold notify references: a unit freed elsewhere leaves the list, and leaving the list
-// never frees the unit (as losing a memory lock would).
-TQUMAInitialisationUnits* NewUnitList() {
-  auto* list = New<TQUMAInitialisationUnits>();
-  list->SetReferenceAction(_raNotify);
-  return list;
-}
+TQUMAInitialisationUnits* NewUnitList() { return New<TQUMAInitialisationUnits>(); }
 
 // ---- phase list edits, each under the list's own monitor ----
 
@@ -119,6 +113,8 @@ TProcedure SetInitProc(TProcedure fnHook) noexcept { return gInitProc.exchange(f
 void RunInitProc() {
   if (const TProcedure hook = GetInitProc()) hook();
 }
+
+TQUMAPhaseList::TQUMAPhaseList() : TList<TQUMA_Uuid>(PhaseComparer()) {}
 
 // ---- TQUMAInitialisationUnitRegistry ----
 

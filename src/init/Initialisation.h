@@ -38,13 +38,18 @@ namespace quma {
 
 class TQUMAInitialisationUnit;
 class TQUMAInitialisationUnitRegistry;
+class TQUMAInitialisationUnits;
 
 // The client's variable that holds its unit.
 using PQUMAInitialisationUnit = TQUMAInitialisationUnit**;
 using TQUMAInitialisationUnitClass = TClassOf<TQUMAInitialisationUnit>;
 using TQUMAInitialisationUnitRegistryClass = TClassOf<TQUMAInitialisationUnitRegistry>;
-// An ordered list of phases (compared by value, not by the element-wise UUID operators).
-using TQUMAPhaseList = TList<TQUMA_Uuid>;
+// An ordered list of phases, compared by value (the element-wise UUID operators are no order).
+class TQUMAPhaseList : public TList<TQUMA_Uuid> {
+  QUMA_CLASS(TQUMAPhaseList, TList<TQUMA_Uuid>)
+ public:
+  TQUMAPhaseList();
+};
 // A module's instance handle: its base address (see GetModuleCount).
 using TQUMAModuleHandle = NativeUInt;
 
@@ -59,12 +64,6 @@ TProcedure GetInitProc() noexcept;
 TProcedure SetInitProc(TProcedure fnHook) noexcept;
 // Runs the current hook, if any.
 void RunInitProc();
-
-// ---- the units ----
-
-// A list of units that references each unit without keeping it alive: a unit freed elsewhere
-// drops out of every such list by itself, and leaving a list never frees a unit.
-using TQUMAInitialisationUnits = TQUMAReferencedList<TQUMAInitialisationUnit>;
 
 // ---- the registry ----
 
@@ -191,6 +190,17 @@ class TQUMAInitialisationUnit : public TQUMAReferencedPersistent {
   TQUMAPhaseList* _pRegPhases = nullptr;                        // registration phases performed, in order
   TQUMAPhaseList* _pInstPhases = nullptr;                       // instantiation phases performed, in order
   TQUMAGuardedPtr<TQUMAInitialisationUnitRegistry> _pRegistry;  // not owned; nulls itself if the registry goes
+};
+
+// ---- the unit list ----
+
+// A referenced list of units that takes notify references, so that it keeps no unit alive: a unit
+// freed elsewhere drops out of every such list by itself, and leaving a list never frees a unit
+// (as losing its last memory lock would).
+class TQUMAInitialisationUnits : public TQUMAReferencedList<TQUMAInitialisationUnit> {
+  QUMA_CLASS(TQUMAInitialisationUnits, TQUMAReferencedList<TQUMAInitialisationUnit>)
+ public:
+  TQUMAInitialisationUnits() { _RefAction = _raNotify; }
 };
 
 // ---- free functions ----
