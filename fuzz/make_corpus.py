@@ -44,6 +44,12 @@ SEEDS = {
                     b"%4.2f|%.0f|%e|%g" + SEP + b"\x01?\xc0\x00\x00\x00\x00\x00\x00",
                     b"%1:s %0:s %%" + SEP + b"\x02a" + SEP + b"\x02b",
                     b"%-10.3s|%c|%p|%n" + SEP + b"\x02abcdef"],
+    "fuzz_tokeniser": [b"\x00a \"b c\" d", b"\x3f,;" + SEP + b"''" + SEP + b"\\" + SEP + b"a,'b;c',d\\,e",
+                       b"\x20name=x key=\"v w\"", b"\x04\\" + SEP + b"a\\ b \"c\\\"d\""],
+    "fuzz_string_parser": [b"\x01," + SEP + b"()" + SEP + b"f(x, y)", b"\x1c" + SEP + b"\\" + SEP + b"\"\"" + SEP + b"a \"b\\\" c\" d",
+                           b"\x07;" + SEP + b" \t" + SEP + b"^" + SEP + b"[]{}" + SEP + b"[a{b;c}]^] x"],
+    "fuzz_stream_parser": [b"<a> hi <b>x</b></a>\n", b"<!-- c - d --><a></a>", b"\xef\xbb\xbf<a>\xc3\xa9</a>",
+                           "\ufeff<a>x</a>\n".encode("utf-16-le"), b"<a>\\<b</a>", b"<a><b></a>", b"text"],
 }
 
 

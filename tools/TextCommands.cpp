@@ -1,4 +1,5 @@
 // The text sub-commands: tokenise, folder and parse.
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <optional>
@@ -284,6 +285,18 @@ void AddParse(CLI::App& app, TCommands& commands) {
     } else {
       TInput check(opts->file);  // the tool's own error text for a missing or unreadable file
       stream.reset(New<TFileStream>(std::string_view(opts->file), fmOpenRead | fmShareDenyNone));
+    }
+    // The parser waits for the character after a carriage return, so a text that ends in a lone
+    // one would never finish: refuse it instead.
+    if (const Int64 size = stream->Size(); size > 0) {
+      Byte tail[2] = {0, 0};
+      const Int64 n = std::min<Int64>(size, 2);
+      stream->SetPosition(size - n);
+      stream->ReadBuffer(tail + 2 - n, n);
+      stream->SetPosition(0);
+      if (tail[1] == '\r' || (tail[0] == '\r' && tail[1] == 0))
+        throw TToolError((opts->file == "-" ? std::string("stdin") : opts->file) +
+                         ": the text ends in a lone carriage return, which leaves its last line unfinished");
     }
     TProgress progress(opts->file == "-" ? "stdin" : opts->file, static_cast<std::size_t>(stream->Size()), true);
     builder->Progress = &progress;

@@ -394,22 +394,29 @@ bool TQUMAStreamParser::LookAhead(Integer nOffset, WideChar& cCharacter) {
   Integer seen = 0;
   UnicodeString text;
   Integer bytes = 0;
+  bool found = false;
   for (;;) {
     const Int64 before = _pInput->Position();
     if (Fetch(text, bytes)) {
       if (seen + static_cast<Integer>(text.size()) > nOffset) {
         cCharacter = text[static_cast<std::size_t>(nOffset - seen)];
+        found = true;
         break;
       }
       seen += static_cast<Integer>(text.size());
     } else {
-      // Not there yet: wait for the stream to grow (a stream that does not grow keeps us here).
+      // As many bytes as a character can take that still do not decode will not decode after
+      // any wait: there is no character to look at. A shorter tail is a character not there
+      // yet: wait for the stream to grow (a stream that does not grow keeps us here).
+      const Integer limit = (_pEncoding ? _pEncoding : TEncoding::UTF8())->GetMaxByteCount(1);
+      const bool invalid = _pInput->Position() - before >= limit;
       _pInput->SetPosition(before);
+      if (invalid) break;
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
   }
   _pInput->SetPosition(start);
-  return true;
+  return found;
 }
 
 UnicodeString TQUMAStreamParser::SlurpCharacters(Integer nCount) {

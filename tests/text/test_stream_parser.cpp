@@ -203,6 +203,10 @@ TEST_F(StreamParserTest, LookAheadAndSlurpWorkOnTheCurrentStream) {
   EXPECT_EQ(probe->Ahead, 0xDE00);  // the low half of the pair
   EXPECT_EQ(probe->Slurped, u"\U0001F600");
   EXPECT_EQ(Parser->CurrentStream(), nullptr);
+  // Bytes that can never decode are no character to wait for: a carriage return before them
+  // ends its line and the parse finishes (found by fuzzing: it used to wait for ever).
+  Parse("a\r\x9d\x9d\x9d\x9dxyz");
+  EXPECT_EQ(Parser->CurrentStream(), nullptr);
 }
 
 TEST_F(StreamParserTest, DefinitionsListAssignAndAllowedClasses) {

@@ -230,6 +230,10 @@ TEST(QumaTool, ParsePrintsTheNodeTreeOrTheParsersError) {
   EXPECT_EQ(unclosed.status, 1);
   EXPECT_EQ(unclosed.err, "quma: stdin: Unclosed nodes at end of stream\n");
 
+  auto cr = Quma("parse -D " + defs.string(), "<a>x</a>\r");
+  EXPECT_EQ(cr.status, 1);
+  EXPECT_EQ(cr.err, "quma: stdin: the text ends in a lone carriage return, which leaves its last line unfinished\n");
+
   struct {
     const char* text;
     const char* error;
