@@ -131,11 +131,8 @@ void TQUMAStringParser::AfterConstruction() {
   if (_acWhiteSpace.empty()) SetWhitespace(u" \t\n\r");
 }
 
-void TQUMAStringParser::ClassesChanged() {
+void TQUMAStringParser::PairsChanged() {
   detail::TCharClasses& c = *_pClasses;
-  c.Assign(kSeparator, _acSeparators);
-  c.Assign(kEscape, _acEscapes);
-  c.Assign(kWhitespace, _acWhiteSpace);
   c.Assign(kOpenQuote, _acOpenQuotes);
   c.Assign(kCloseQuote, _acCloseQuotes);
   c.Assign(kOpenBracket, _acOpenBrackets);
@@ -187,7 +184,7 @@ void TQUMAStringParser::AddPair(UnicodeString& Opens, UnicodeString& Closes, Wid
   if (_IsDeclaredCharacter(cOpen) || _IsDeclaredCharacter(cClose)) return;
   Opens.push_back(cOpen);
   Closes.push_back(cClose);
-  ClassesChanged();
+  PairsChanged();
 }
 
 void TQUMAStringParser::RemovePair(UnicodeString& Opens, UnicodeString& Closes, WideChar cOpen, WideChar cClose) {
@@ -195,7 +192,7 @@ void TQUMAStringParser::RemovePair(UnicodeString& Opens, UnicodeString& Closes, 
   if (k < 0 || k != IndexIn(Closes, cClose)) return;
   Opens.erase(static_cast<std::size_t>(k), 1);
   Closes.erase(static_cast<std::size_t>(k), 1);
-  ClassesChanged();
+  PairsChanged();
 }
 
 void TQUMAStringParser::AddBracketPair(WideChar cOpenBracket, WideChar cCloseBracket) {

@@ -274,7 +274,7 @@ class TQUMAStringParser : public TObject {
     const auto p = chars.find(c);
     return p == UnicodeString::npos ? -1 : static_cast<Integer>(p);
   }
-  void ClassesChanged();
+  void PairsChanged();  // brings the class table up to date with the pair arrays
   void AddPair(UnicodeString& Opens, UnicodeString& Closes, WideChar cOpen, WideChar cClose);
   void RemovePair(UnicodeString& Opens, UnicodeString& Closes, WideChar cOpen, WideChar cClose);
   bool HasClass(WideChar c, Byte Class) const noexcept;

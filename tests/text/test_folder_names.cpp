@@ -2,6 +2,7 @@
 // read from a fake home with a fake user-dirs.dirs.
 #include <gtest/gtest.h>
 
+#include <pwd.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -150,7 +151,9 @@ TEST_F(FolderNames, ProcessDefaultsUseThisExecutable) {
   ASSERT_FALSE(exe.empty());
   EXPECT_EQ(EncodeFolderName(std::string_view(exe)), "{:AppFolder:}/{:AppName:}");
   EXPECT_EQ(ExpandFolderName(std::string_view("{:AppFolder:}/{:AppName:}")), exe);
-  EXPECT_FALSE(TQUMAFolderEnvironment().HomeFolder().empty());
+  TFakeEnvironment emptyHome;  // an empty $HOME counts as unset: the password database decides
+  emptyHome.Variables = {{"HOME", ""}};
+  EXPECT_EQ(emptyHome.HomeFolder(), getpwuid(getuid())->pw_dir);
 }
 
 TEST_F(FolderNames, RegisteringWhileOtherThreadsEncodeIsSafe) {

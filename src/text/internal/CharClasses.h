@@ -90,6 +90,7 @@ class TCharSkipper {
   std::size_t Skip(const WideChar* p, std::size_t n) const noexcept {
     std::size_t i = 0;
     if (FCount == 0) return n;
+    if (n == 0 || (FClasses->Of(p[0]) & FMask)) return 0;  // a special character next: often
 #if defined(__SSE2__)
     if (FCount <= std::size(FMembers) && n >= 8) {
       for (; i + 8 <= n; i += 8)
