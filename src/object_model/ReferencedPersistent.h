@@ -259,6 +259,19 @@ class TLifeFlag {
   TLifeFlag* FPrevious = nullptr;
 };
 
+// A container that takes references on its items. One that holds them for itself (through its
+// own callback) keeps them when an item is swapped for a replacement: it hears of the old item's
+// end as usual, or follows the swap itself.
+class IReferencingContainer {
+ public:
+  virtual bool HoldsForItself() const noexcept = 0;
+
+ protected:
+  ~IReferencingContainer() = default;
+};
+// Holder is a container that references its items for itself.
+bool IsSelfReferencingContainer(const TObject* Holder) noexcept;
+
 // How a locker learns of the object's death, fixed when it first locks.
 enum class TLockerKind : Byte { lkOther, lkReferenced, lkComponent };
 struct TLockEntry {
@@ -546,7 +559,7 @@ class [[nodiscard]] TQUMAMemLockGuard {
 // the list itself is the holder, through a callback, and an item that dies elsewhere drops out
 // of the list by itself.
 template <class T>
-class TQUMAReferencedList : public TQUMASubscribedList<T*> {
+class TQUMAReferencedList : public TQUMASubscribedList<T*>, public detail::IReferencingContainer {
   QUMA_CLASS(TQUMAReferencedList, TQUMASubscribedList<T*>)
  public:
   static_assert(std::is_base_of_v<TQUMAReferencedPersistent, T>);
@@ -597,6 +610,7 @@ class TQUMAReferencedList : public TQUMASubscribedList<T*> {
   virtual TObject* _GetReferencingObject() const {
     return _pRefObject ? _pRefObject : const_cast<TQUMAReferencedList*>(this);
   }
+  bool HoldsForItself() const noexcept override { return !_pRefObject || _pRefObject == this; }
   // An item that the list references through its callback is going: delete every occurrence.
   virtual void _NotificationRef(TQUMAReferencedPersistent* Other, TOperation op) {
     if (op != opRemove || !Other) return;
@@ -785,6 +799,9 @@ class TQUMAReferencedPersistentSafeBox : public TQUMAReferencedPersistent {
   void SetOnObjectRemoved(TNotifyEvent Value) noexcept { _fnObjectRemoved = Value; }
 
   void NotificationRef(TQUMAReferencedPersistent* Other, TOperation op) override;
+  // The kept objects go first (freed when the box frees its objects on destruction, let go
+  // otherwise), before the box tells its own holders.
+  void BeforeDestruction() override;
   ~TQUMAReferencedPersistentSafeBox() override;
 
  protected:
@@ -798,7 +815,7 @@ class TQUMAReferencedPersistentSafeBox : public TQUMAReferencedPersistent {
 
 // A string list that references the objects of its entries that are referenced persistents
 // (as a referenced list does), and can own the others.
-class TQUMAOpportunisticReferencingStringList : public TStringList {
+class TQUMAOpportunisticReferencingStringList : public TStringList, public detail::IReferencingContainer {
   QUMA_CLASS(TQUMAOpportunisticReferencingStringList, TStringList)
  public:
   TQUMAOpportunisticReferencingStringList() = default;
@@ -830,8 +847,15 @@ class TQUMAOpportunisticReferencingStringList : public TStringList {
   virtual void _SetOwnsNonReferencedObjects(bool Value) { _blOwnsNonRefd = Value; }
   virtual void _SetReferencingObject(TObject* Value);
 
+  bool HoldsForItself() const noexcept override { return !_pRefObject || _pRefObject == this; }
+
  protected:
   void InsertItem(Integer Index, const UnicodeString& S, TObject* AObject) override;
+  // Number of entries holding the referenced persistent AObject (constant time).
+  Integer EntriesHolding(const TObject* AObject) const;
+  // Every entry holding From holds To instead, without touching any reference: for a swap that
+  // has already moved the referencing object's references over to To.
+  void RetargetEntries(const TObject* From, TQUMAReferencedPersistent* To);
 
   TObject* _pRefObject = nullptr;
   TQUMAReferenceAction _RefAction = _raMemLock;
