@@ -198,10 +198,23 @@ TEST(SafeBox, FreeAllObjectsFreesEachExactlyOnce) {
   auto* late = N("late");
   late->SetFreeWhenUnreferenced(false);
   box->Add(late);
-  Free(box);  // late, a consumer of the box, was let go in the first phase already
-  ASSERT_FALSE(QUMAIsFreed(late));
-  EXPECT_EQ(late->MemLockReferenceCount(), 0);
-  Free(late);
+  Free(box);  // frees what it keeps before its holders (the kept objects among them) let go
+  EXPECT_TRUE(QUMAIsFreed(late));
+}
+
+TEST(SafeBox, DestructionNeverHandsAFreedObjectToTheRemovalCallback) {
+  auto* box = New<TQUMAReferencedPersistentSafeBox>(nullptr);
+  THolder log;
+  box->SetOnObjectRemoved(Bind<&THolder::Removed>(&log));
+  auto *x = N("x"), *kept = N("kept");
+  kept->SetFreeWhenUnreferenced(false);
+  box->Add(x);
+  box->Add(kept);
+  Free(box);  // x frees itself on losing the box's lock; kept stays
+  EXPECT_TRUE(log.Senders.empty());  // they did not go by themselves
+  EXPECT_TRUE(QUMAIsFreed(x));
+  EXPECT_EQ(kept->MemLockReferenceCount(), 0);
+  Free(kept);
 }
 
 TEST(OpportunisticStringList, ReferencesOnlyReferencedPersistentsAndEmptiesEntriesFreedElsewhere) {

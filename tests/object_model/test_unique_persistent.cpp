@@ -1,0 +1,157 @@
+// Swapping a unique persistent for its replacement, seen from every kind of holder; swap
+// subscribers that free the old object; a swap started while another is being announced; the
+// string list that follows swaps.
+#include <quma/UniquePersistent.h>
+
+#include "Helpers.h"
+
+using namespace omtest;
+
+namespace {
+
+class TUnique : public TQUMAUniquePersistent {
+  QUMA_CLASS(TUnique, TQUMAUniquePersistent)
+ public:
+  using TQUMAUniquePersistent::TQUMAUniquePersistent;
+};
+TUnique* U() { return New<TUnique>(nullptr); }
+
+// A swap subscriber that records what it is told and can act on it.
+class TSwapWatch : public TObject {
+  QUMA_CLASS(TSwapWatch, TObject)
+ public:
+  void Swapped(TObject* Sender, TQUMAUniquePersistent* const& Replacement) {
+    Seen.emplace_back(Sender, Replacement);
+    if (auto action = Action) action(Sender, Replacement);  // a copy: the action may free this watcher
+  }
+  TQUMAUniquePersistentSwapCallback Callback() { return Bind<&TSwapWatch::Swapped>(this); }
+  std::vector<std::pair<TObject*, TQUMAUniquePersistent*>> Seen;
+  std::function<void(TObject*, TQUMAUniquePersistent*)> Action;
+};
+
+}  // namespace
+
+TEST(UniqueSwap, EveryKindOfHolderEndsUpOnTheReplacement) {
+  Journal log;
+  auto *old = U(), *rep = U();
+  old->_SwapWith(nullptr);
+  old->_SwapWith(old);
+  THolder plain("plain", &log), callbackHolder("callback", &log), twilight;
+  auto *lockingNode = N("lockingNode"), *consumer = N("consumer", &log);
+  auto *watcher = New<TWatcher>(nullptr, &log), *lockingComponent = New<TWatcher>(nullptr, &log, "lockingComponent");
+  TQUMAReferencedPersistent *silent = old, *elsewhere = old;
+  bool gone = false;
+  old->RegisterSilentReference(&silent);
+  old->RegisterSilentReference(&elsewhere);
+  elsewhere = consumer;  // pointed elsewhere before the swap: the swap still sets it
+  old->RegisterFreeIndicator(gone);
+  for (TObject* locker : std::initializer_list<TObject*>{&plain, &plain, lockingNode, old, lockingComponent})
+    old->AddMemLockReference(locker);
+  rep->AddMemLockReference(&plain);  // two locks on the old object, one here: two afterwards
+  old->AddMemLockReference(&callbackHolder, callbackHolder.Callback());
+  old->AddNotifyReference(consumer);
+  old->AddNotifyReference(watcher);
+  old->SetOnEnterTwilight(Bind<&THolder::Enter>(&twilight));
+  old->SetOnLeaveTwilight(Bind<&THolder::Leave>(&twilight));
+
+  old->_SwapWith(rep);
+  EXPECT_TRUE(QUMAIsFreed(old));
+  EXPECT_FALSE(gone);
+  EXPECT_EQ(silent, rep);
+  EXPECT_EQ(elsewhere, rep);
+  for (auto [locker, count] : std::vector<std::pair<TObject*, int>>{
+           {&plain, 2}, {lockingNode, 1}, {rep, 1}, {lockingComponent, 1}, {&callbackHolder, 1}})
+    EXPECT_EQ(rep->LockCount(locker), count);
+  EXPECT_EQ(rep->NotifyReferenceCount(), 1);
+  EXPECT_EQ(log, (Journal{"watcher<-?"}));  // the old wrapper's links went, naming the old object
+  EXPECT_EQ(rep->OnEnterTwilight(), Bind<&THolder::Enter>(&twilight));
+  EXPECT_EQ(rep->OnLeaveTwilight(), Bind<&THolder::Leave>(&twilight));
+
+  log.clear();
+  Free(rep);  // every holder now hears of the replacement's end
+  EXPECT_TRUE(gone);
+  EXPECT_EQ(silent, nullptr);
+  EXPECT_EQ(log, (Journal{"consumer<-?", "callback<-?", "watcher<-?", "lockingComponent<-?"}));
+  EXPECT_EQ(lockingNode->NotifyReferenceCount(), 0);
+  FreeAll(lockingNode, consumer, watcher, lockingComponent);
+}
+
+TEST(UniqueSwap, ObjectsTheOldOneLocksOrOwnsAndContainersHoldingItForThemselvesHearOfItsEnd) {
+  auto *old = U(), *rep = U();
+  auto *owned = New<TNode>(old, "owned"), *locked = N("locked");
+  locked->AddMemLockReference(old);
+  auto* list = New<TQUMAReferencedList<TNode>>();
+  auto* item = N("item");
+  list->Add(item);
+  old->AddMemLockReference(list);  // a container that holds the old object for itself
+  old->_SwapWith(rep);
+  EXPECT_EQ(owned->Owner(), nullptr);
+  EXPECT_FALSE(locked->IsLockedBy(old));
+  EXPECT_TRUE(QUMAIsFreed(locked));  // its only lock went with the old object
+  EXPECT_EQ(rep->LockCount(list), 0);
+  EXPECT_EQ(rep->TotalReferenceCount(), 0);
+  FreeAll(owned, list, rep);
+}
+
+TEST(UniqueSwap, SubscribersAreToldInOrderAndHandedOverUnlessOneFreesTheOldObject) {
+  for (const bool firstFrees : {false, true}) {
+    auto *old = U(), *rep = U();
+    TSwapWatch first, second;
+    old->OnSwap()->Subscribe(first.Callback());
+    old->OnSwap()->Subscribe(second.Callback());
+    if (firstFrees) first.Action = [](TObject* sender, TQUMAUniquePersistent*) { Free(sender); };
+    TQUMAReferencedPersistent* silent = old;
+    old->RegisterSilentReference(&silent);
+    old->_SwapWith(rep);
+    EXPECT_TRUE(QUMAIsFreed(old));
+    EXPECT_EQ(silent, rep);  // the references moved before the announcement
+    EXPECT_EQ(first.Seen, (decltype(first.Seen){{old, rep}}));
+    EXPECT_EQ(second.Seen.size(), firstFrees ? 0u : 1u);
+    EXPECT_EQ(rep->OnSwap()->SubscriberCount(), firstFrees ? 0 : 2);
+    Free(rep);
+  }
+}
+
+TEST(UniqueSwap, ASwapStartedWhileAnotherIsAnnouncedCarriesEverythingToTheLastReplacement) {
+  auto *a = U(), *b = U(), *c = U();
+  THolder locker;
+  TQUMAReferencedPersistent* silent = a;
+  a->RegisterSilentReference(&silent);
+  a->AddMemLockReference(&locker);
+  TSwapWatch chain, late;
+  chain.Action = [c](TObject*, TQUMAUniquePersistent* replacement) { replacement->_SwapWith(c); };
+  a->OnSwap()->Subscribe(chain.Callback());
+  a->OnSwap()->Subscribe(late.Callback());
+  a->_SwapWith(b);
+  EXPECT_TRUE(QUMAIsFreed(a));
+  EXPECT_TRUE(QUMAIsFreed(b));
+  EXPECT_TRUE(late.Seen.empty());  // never handed the replacement that went meanwhile
+  EXPECT_EQ(silent, c);
+  EXPECT_EQ(c->LockCount(&locker), 1);
+  c->RemoveMemLockReference(&locker);
+  EXPECT_EQ(silent, nullptr);
+}
+
+TEST(UniqueStringList, EntriesFollowASwapWithTheListsReferencesMovedOnce) {
+  auto* holder = N("holder");
+  auto* own = New<TQUMAOpportunisticUniqueStringList>();
+  auto* onBehalf = New<TQUMAOpportunisticUniqueStringList>(holder);
+  auto *old = U(), *rep = U();
+  own->AddObject(u"a", old);
+  own->AddObject(u"b", old);
+  onBehalf->AddObject(u"c", old);
+  old->_SwapWith(rep);
+  EXPECT_TRUE(QUMAIsFreed(old));
+  EXPECT_EQ(own->CountOfObject(rep), 2);
+  EXPECT_EQ(onBehalf->Objects(0), rep);
+  EXPECT_EQ(rep->LockCount(own), 2);
+  EXPECT_EQ(rep->LockCount(holder), 1);
+  EXPECT_EQ(rep->OnSwap()->SubscriberCount(), 2);
+  own->Delete(0);
+  EXPECT_EQ(rep->OnSwap()->SubscriberCount(), 2);  // one entry still holds it
+  own->PutObject(0, nullptr);
+  EXPECT_EQ(rep->OnSwap()->SubscriberCount(), 1);
+  onBehalf->Clear();
+  EXPECT_TRUE(QUMAIsFreed(rep));
+  FreeAll(own, onBehalf, holder);
+}
