@@ -80,14 +80,12 @@ TEST(UniqueSwap, ObjectsTheOldOneLocksOrOwnsAndContainersHoldingItForThemselvesH
   auto *old = U(), *rep = U();
   auto *owned = New<TNode>(old, "owned"), *locked = N("locked");
   locked->AddMemLockReference(old);
-  auto* list = New<TQUMAReferencedList<TNode>>();
-  auto* item = N("item");
-  list->Add(item);
-  old->AddMemLockReference(list);  // a container that holds the old object for itself
+  auto* list = New<TQUMAReferencedList<TQUMAReferencedPersistent>>();
+  list->Add(old);  // a container that holds the old object for itself
   old->_SwapWith(rep);
   EXPECT_EQ(owned->Owner(), nullptr);
-  EXPECT_FALSE(locked->IsLockedBy(old));
   EXPECT_TRUE(QUMAIsFreed(locked));  // its only lock went with the old object
+  EXPECT_EQ(list->Count(), 0);
   EXPECT_EQ(rep->TotalReferenceCount(), 0);  // not even the list's lock
   FreeAll(owned, list, rep);
 }
