@@ -35,8 +35,8 @@ class TPlainHolder : public TObject {
 // The holders, kept across iterations: after each swap the replacement is freed, which tells
 // them all and leaves them free to hold the next object.
 struct THolders {
-  explicit THolders(std::size_t n) {
-    for (std::size_t i = 0; i < n; ++i) switch (i % 7) {
+  THolders(std::size_t n, std::size_t kinds) {
+    for (std::size_t i = 0; i < n; ++i) switch (i % kinds) {
         case 0: Silent.push_back(nullptr); break;
         case 1: ++Indicators; break;
         case 2: Plain.push_back(MakeObject<TPlainHolder>()); break;
@@ -76,7 +76,7 @@ void SetPerHolder(benchmark::State& state) {
 }
 
 void BM_SwapWith(benchmark::State& state) {
-  THolders holders(static_cast<std::size_t>(state.range(0)));
+  THolders holders(static_cast<std::size_t>(state.range(0)), static_cast<std::size_t>(state.range(1)));
   for (auto _ : state) {
     state.PauseTiming();
     auto* old = New<TUnique>(nullptr);
@@ -91,7 +91,7 @@ void BM_SwapWith(benchmark::State& state) {
   }
   SetPerHolder(state);
 }
-BENCHMARK(BM_SwapWith)->Arg(10)->Arg(1000)->Arg(100000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_SwapWith)->ArgsProduct({{10, 1000, 10000, 100000}, {7, 6}})->Unit(benchmark::kMicrosecond);
 
 void BM_SharedPtrRepoint(benchmark::State& state) {
   std::vector<std::shared_ptr<int>> holders(static_cast<std::size_t>(state.range(0)));

@@ -202,35 +202,68 @@ class TInlineMap {
   std::unique_ptr<std::unordered_map<const TObject*, V>> FMore;
 };
 
-// Callback holders in the order they first asked (the order in which they are told).
+// Callback holders in the order they first asked (the order in which they are told). Removal is
+// constant time: a removed holder leaves a hole in the order, and the order is compacted once
+// holes make up half of it.
 class TNotifyHolders {
  public:
-  bool Empty() const noexcept { return FOrder.empty(); }
-  std::size_t Count() const noexcept { return FOrder.size(); }
+  bool Empty() const noexcept { return FValues.Count() == 0; }
+  std::size_t Count() const noexcept { return FValues.Count(); }
   void Set(TObject* key, const TQUMAReferencedNotification& fn) {
-    if (TQUMAReferencedNotification* stored = FValues.Find(key)) {
-      *stored = fn;
+    if (TEntry* stored = FValues.Find(key)) {
+      stored->Callback = fn;
       return;
     }
+    FValues.Insert(key, TEntry{fn, FOrder.size()});
     FOrder.push_back(key);
-    FValues.Insert(key, fn);
   }
-  const TQUMAReferencedNotification* Find(const TObject* key) const noexcept { return FValues.Find(key); }
+  const TQUMAReferencedNotification* Find(const TObject* key) const noexcept {
+    const TEntry* entry = FValues.Find(key);
+    return entry ? &entry->Callback : nullptr;
+  }
   bool Remove(const TObject* key) {
-    if (!FValues.Erase(key)) return false;
-    auto pos = std::find(FOrder.rbegin(), FOrder.rend(), key);
-    if (pos != FOrder.rend()) FOrder.erase(std::next(pos).base());
+    const TEntry* entry = FValues.Find(key);
+    if (!entry) return false;
+    FOrder[entry->Slot] = nullptr;
+    FValues.Erase(key);
+    if (FValues.Count() == 0)
+      Clear();
+    else if (++FHoles * 2 > FOrder.size())
+      Compact();
     return true;
   }
-  std::vector<TObject*> Keys() const { return std::vector<TObject*>(FOrder.begin(), FOrder.end()); }
+  std::vector<TObject*> Keys() const {
+    std::vector<TObject*> keys;
+    keys.reserve(Count());
+    for (TObject* key : FOrder)
+      if (key) keys.push_back(key);
+    return keys;
+  }
   void Clear() noexcept {
     FOrder.clear();
     FValues.Clear();
+    FHoles = 0;
   }
 
  private:
-  TSmallList<TObject*, 1> FOrder;
-  TInlineMap<TQUMAReferencedNotification> FValues;
+  struct TEntry {
+    TQUMAReferencedNotification Callback;
+    std::size_t Slot = 0;  // position in FOrder
+  };
+  void Compact() {
+    TSmallList<TObject*, 1> order;
+    for (TObject* key : FOrder)
+      if (key) {
+        FValues.Find(key)->Slot = order.size();
+        order.push_back(key);
+      }
+    FOrder = std::move(order);
+    FHoles = 0;
+  }
+
+  TSmallList<TObject*, 1> FOrder;  // null: a holder removed since the last compaction
+  TInlineMap<TEntry> FValues;
+  std::size_t FHoles = 0;
 };
 
 // Lets a loop notice that a handler freed the container it walks (the container kills every

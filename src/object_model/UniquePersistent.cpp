@@ -105,11 +105,11 @@ void TQUMAUniquePersistent::MoveMemLocks(TQUMAUniquePersistent* Replacement) {
   for (TObject* locker : lockers) {
     const detail::TLockEntry* entry = _pMultiLock.Find(locker);
     if (!entry) continue;
-    if (locker == Replacement || detail::IsSelfReferencingContainer(locker)) {
+    const detail::TLockerKind kind = entry->Kind;
+    if (locker == Replacement || (kind == detail::TLockerKind::lkOther && detail::IsSelfReferencingContainer(locker))) {
       staying.push_back(locker);
       continue;
     }
-    const detail::TLockerKind kind = entry->Kind;
     Integer wanted = entry->Count;
     TObject* holder = locker;
     if (locker == this) {
@@ -130,7 +130,8 @@ void TQUMAUniquePersistent::MoveMemLocks(TQUMAUniquePersistent* Replacement) {
     if (kind == detail::TLockerKind::lkComponent) {
       if (_pWrapper) _pWrapper->RemoveFreeNotification(static_cast<TComponent*>(locker));
     } else if (kind == detail::TLockerKind::lkReferenced && locker != this) {
-      if (TQUMAReferencedPersistent* r = QUMAAsReferenced(locker)) r->RemoveNotifyReference(this);
+      // Alive: a referenced locker that dies drops its locks first.
+      static_cast<TQUMAReferencedPersistent*>(locker)->RemoveNotifyReference(this);
     }
     _pMultiLock.Erase(locker);
   }
@@ -144,8 +145,7 @@ void TQUMAUniquePersistent::MoveConsumers(TQUMAUniquePersistent* Replacement) {
   if (!_pConsumers || _pConsumers->Count() == 0) return;
   const std::vector<TQUMAReferencedPersistent*> consumers = _pConsumers->ToVector();
   std::vector<TQUMAReferencedPersistent*> staying;
-  for (TQUMAReferencedPersistent* consumer : consumers) {
-    if (QUMAIsFreed(consumer)) continue;
+  for (TQUMAReferencedPersistent* consumer : consumers) {  // alive: a dying consumer leaves the list
     if (static_cast<TPersistent*>(consumer) == _pOwner || consumer->IsLockedBy(this) ||
         consumer->Owner() == static_cast<TPersistent*>(this)) {
       staying.push_back(consumer);
