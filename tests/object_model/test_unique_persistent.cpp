@@ -1,5 +1,5 @@
 // Swapping a unique persistent for its replacement, seen from every kind of holder; swap
-// subscribers that free the old object; a swap started while another is being announced; the
+// subscribers that free the old object or start a swap of their own while it is announced; the
 // string list that follows swaps.
 #include <quma/UniquePersistent.h>
 
@@ -90,43 +90,33 @@ TEST(UniqueSwap, ObjectsTheOldOneLocksOrOwnsAndContainersHoldingItForThemselvesH
   FreeAll(owned, list, rep);
 }
 
-TEST(UniqueSwap, SubscribersAreToldInOrderAndHandedOverUnlessOneFreesTheOldObject) {
-  for (const bool firstFrees : {false, true}) {
-    auto *old = U(), *rep = U();
+// The first subscriber does nothing, frees the old object, or swaps the replacement on in turn.
+TEST(UniqueSwap, SubscribersAreToldInOrderAndHandedOverUnlessOneFreesTheOldObjectOrTheReplacement) {
+  enum { kNothing, kFreesOld, kSwapsOn };
+  for (const int action : {kNothing, kFreesOld, kSwapsOn}) {
+    auto *old = U(), *rep = U(), *next = U();
+    THolder locker;
     TSwapWatch first, second;
     old->OnSwap()->Subscribe(first.Callback());
     old->OnSwap()->Subscribe(second.Callback());
-    if (firstFrees) first.Action = [](TObject* sender, TQUMAUniquePersistent*) { Free(sender); };
+    if (action == kFreesOld) first.Action = [](TObject* sender, TQUMAUniquePersistent*) { Free(sender); };
+    if (action == kSwapsOn) first.Action = [next](TObject*, TQUMAUniquePersistent* r) { r->_SwapWith(next); };
     TQUMAReferencedPersistent* silent = old;
     old->RegisterSilentReference(&silent);
+    old->AddMemLockReference(&locker);
     old->_SwapWith(rep);
     EXPECT_TRUE(QUMAIsFreed(old));
-    EXPECT_EQ(silent, rep);  // the references moved before the announcement
+    EXPECT_EQ(QUMAIsFreed(rep), action == kSwapsOn);
+    TQUMAUniquePersistent* last = action == kSwapsOn ? next : rep;
+    EXPECT_EQ(silent, last);  // the references moved before the announcement
+    EXPECT_EQ(last->LockCount(&locker), 1);
     EXPECT_EQ(first.Seen, (decltype(first.Seen){{old, rep}}));
-    EXPECT_EQ(second.Seen.size(), firstFrees ? 0u : 1u);
-    EXPECT_EQ(rep->OnSwap()->SubscriberCount(), firstFrees ? 0 : 2);
-    Free(rep);
+    EXPECT_EQ(second.Seen.size(), action == kNothing ? 1u : 0u);  // never handed a freed replacement
+    EXPECT_EQ(last->OnSwap()->SubscriberCount(), action == kNothing ? 2 : 0);
+    last->RemoveMemLockReference(&locker);
+    EXPECT_EQ(silent, nullptr);
+    if (action != kSwapsOn) Free(next);
   }
-}
-
-TEST(UniqueSwap, ASwapStartedWhileAnotherIsAnnouncedCarriesEverythingToTheLastReplacement) {
-  auto *a = U(), *b = U(), *c = U();
-  THolder locker;
-  TQUMAReferencedPersistent* silent = a;
-  a->RegisterSilentReference(&silent);
-  a->AddMemLockReference(&locker);
-  TSwapWatch chain, late;
-  chain.Action = [c](TObject*, TQUMAUniquePersistent* replacement) { replacement->_SwapWith(c); };
-  a->OnSwap()->Subscribe(chain.Callback());
-  a->OnSwap()->Subscribe(late.Callback());
-  a->_SwapWith(b);
-  EXPECT_TRUE(QUMAIsFreed(a));
-  EXPECT_TRUE(QUMAIsFreed(b));
-  EXPECT_TRUE(late.Seen.empty());  // never handed the replacement that went meanwhile
-  EXPECT_EQ(silent, c);
-  EXPECT_EQ(c->LockCount(&locker), 1);
-  c->RemoveMemLockReference(&locker);
-  EXPECT_EQ(silent, nullptr);
 }
 
 TEST(UniqueStringList, EntriesFollowASwapWithTheListsReferencesMovedOnce) {
