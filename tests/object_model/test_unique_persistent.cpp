@@ -39,8 +39,9 @@ TEST(UniqueSwap, EveryKindOfHolderEndsUpOnTheReplacement) {
   THolder plain("plain", &log), callbackHolder("callback", &log), twilight;
   auto *lockingNode = N("lockingNode"), *consumer = N("consumer", &log);
   auto *watcher = New<TWatcher>(nullptr, &log), *lockingComponent = New<TWatcher>(nullptr, &log, "lockingComponent");
-  TQUMAReferencedPersistent *silent = old, *elsewhere = old;
+  TQUMAReferencedPersistent *silent = old, *elsewhere = old, *own = rep;
   bool gone = false;
+  rep->RegisterSilentReference(&own);  // the replacement's own references stay beside the moved ones
   old->RegisterSilentReference(&silent);
   old->RegisterSilentReference(&elsewhere);
   elsewhere = consumer;  // pointed elsewhere before the swap: the swap still sets it
@@ -71,6 +72,7 @@ TEST(UniqueSwap, EveryKindOfHolderEndsUpOnTheReplacement) {
   Free(rep);  // every holder now hears of the replacement's end
   EXPECT_TRUE(gone);
   EXPECT_EQ(silent, nullptr);
+  EXPECT_EQ(own, nullptr);
   EXPECT_EQ(log, (Journal{"consumer<-?", "callback<-?", "watcher<-?", "lockingComponent<-?"}));
   EXPECT_EQ(lockingNode->NotifyReferenceCount(), 0);
   FreeAll(lockingNode, consumer, watcher, lockingComponent);
