@@ -1,6 +1,7 @@
 // One firing of a multicast event with 1, 10 and 100 subscribers: TQUMASubscribedEvent (monitor
-// included) against a plain loop over std::function and against Boost.Signals2, in one run.
-// "per_subscriber" divides the time of one firing by the number of subscribers.
+// included) and TQUMABroadcastEvent (NotifyListeners, critical section included) against a plain
+// loop over std::function and against Boost.Signals2, in one run. "per_subscriber" divides the
+// time of one firing by the number of subscribers.
 #include <benchmark/benchmark.h>
 
 #include <boost/signals2/signal.hpp>
@@ -11,6 +12,7 @@
 
 #include "CallbackReceiver.h"
 
+#include <quma/BroadcastEvent.h>
 #include <quma/Method.h>
 #include <quma/Object.h>
 #include <quma/SubscribedEvent.h>
@@ -41,6 +43,14 @@ void BM_SubscribedEvent(benchmark::State& state) {
   SetCounters(state);
 }
 
+void BM_BroadcastEvent(benchmark::State& state) {
+  auto receivers = MakeReceivers(state.range(0));
+  auto event = MakeObject<TQUMABroadcastEvent>();
+  for (auto& r : receivers) event->RegisterListener(Bind<&TReceiver::Handle>(r.get()));
+  for (auto _ : state) event->NotifyListeners();
+  SetCounters(state);
+}
+
 void BM_PlainFunctionLoop(benchmark::State& state) {
   auto receivers = MakeReceivers(state.range(0));
   std::vector<std::function<void(TObject*)>> callbacks;
@@ -65,6 +75,7 @@ void BM_Signals2(benchmark::State& state) {
 }  // namespace
 
 BENCHMARK(BM_SubscribedEvent)->Arg(1)->Arg(10)->Arg(100);
+BENCHMARK(BM_BroadcastEvent)->Arg(1)->Arg(10)->Arg(100);
 BENCHMARK(BM_PlainFunctionLoop)->Arg(1)->Arg(10)->Arg(100);
 BENCHMARK(BM_Signals2)->Arg(1)->Arg(10)->Arg(100);
 

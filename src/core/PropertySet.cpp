@@ -73,16 +73,7 @@ void TQUMAPropertySet::EndUpdate() {
 }
 
 TQUMAPropertySet* TQUMAPropertySet::_Duplicate(TPersistent* pNewOwner) {
-  TQUMAPropertySet* copy = ClassType()->Create<TQUMAPropertySet>(pNewOwner);
-  if (!copy)
-    throw ENotSupportedException(Format(u"%s cannot be created through its class", ClassName()));
-  try {
-    copy->Assign(this);
-  } catch (...) {
-    Free(copy);
-    throw;
-  }
-  return copy;
+  return QUMADuplicateThroughClass<TQUMAPropertySet>(this, pNewOwner);
 }
 
 TQUMAPropertySet* TQUMAPropertySet::Duplicate(TPersistent* pNewOwner) { return _Duplicate(pNewOwner); }

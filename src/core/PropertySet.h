@@ -19,6 +19,23 @@ using TQUMAPropertySetOptions = TSet<TQUMAPropertySetOption, 8>;
 class TQUMAPropertySet;
 using PQUMAPropertySet = TQUMAPropertySet*;
 
+// A new instance of Source's run-time class, made through its virtual constructor with AOwner and
+// filled from Source by Assign; the caller owns it. ENotSupportedException when the class cannot
+// be created through its class reference.
+template <class T>
+  requires std::is_base_of_v<TPersistent, T>
+T* QUMADuplicateThroughClass(T* Source, TPersistent* AOwner) {
+  T* copy = Source->ClassType()->template Create<T>(AOwner);
+  if (!copy) throw ENotSupportedException(Format(u"%s cannot be created through its class", Source->ClassName()));
+  try {
+    copy->Assign(Source);
+  } catch (...) {
+    Free(copy);
+    throw;
+  }
+  return copy;
+}
+
 class TQUMAPropertySet : public TPersistent, public IInterface {
   QUMA_CLASS(TQUMAPropertySet, TPersistent)
   // Create(AOwner) is the virtual constructor: Duplicate makes copies of the run-time class

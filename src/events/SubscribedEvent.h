@@ -312,6 +312,8 @@ class TQUMASubscribed1ParamEvent : public TQUMASubscribedEvent {
 
 // Scope guard for one subscription: subscribes on construction, unsubscribes on scope exit.
 //   TQUMAScopedSubscription sub(*ev, quma::Bind<&TView::Changed>(view));
+// Any E with Subscribe/Unsubscribe serves: the broadcast event and the UUID lists name their
+// registration calls so too.
 template <class E, class M>
 class [[nodiscard]] TQUMAScopedSubscription {
  public:

@@ -180,6 +180,11 @@ bool detail::DropContainerReference(TQUMAReferencedPersistent* Item, TObject* Ho
   return deleted;
 }
 
+bool detail::IsSelfReferencingContainer(const TObject* Holder) noexcept {
+  const auto* container = dynamic_cast<const IReferencingContainer*>(Holder);
+  return container && container->HoldsForItself();
+}
+
 // ---- TQUMAReferencedPersistent: construction and plain properties ----
 
 TQUMAReferencedPersistent::TQUMAReferencedPersistent(TPersistent* AOwner)
@@ -638,10 +643,19 @@ void TQUMAReferencedPersistentSafeBox::AfterConstruction() {
   _pKeptObjects = New<TQUMAReferencedList<TQUMAReferencedPersistent>>(this);
 }
 
-TQUMAReferencedPersistentSafeBox::~TQUMAReferencedPersistentSafeBox() {
-  if (_blFreeOnDestroy) FreeAllObjects();
-  Free(std::exchange(_pKeptObjects, nullptr));
+void TQUMAReferencedPersistentSafeBox::BeforeDestruction() {
+  // Before the first phase: it would tell the kept objects (consumers of the box) to drop the
+  // box's locks, and a kept object that does not free itself would then escape FreeAllObjects.
+  if (!_RPState.Contains(_rpFreeing)) {
+    if (_blFreeOnDestroy)
+      FreeAllObjects();
+    else
+      Clear();
+  }
+  inherited::BeforeDestruction();
 }
+
+TQUMAReferencedPersistentSafeBox::~TQUMAReferencedPersistentSafeBox() { Free(std::exchange(_pKeptObjects, nullptr)); }
 
 void TQUMAReferencedPersistentSafeBox::Add(TQUMAReferencedPersistent* pObject) {
   if (pObject && _pKeptObjects) _pKeptObjects->Add(pObject);
@@ -674,7 +688,13 @@ void TQUMAReferencedPersistentSafeBox::FreeAllObjects() {
 
 void TQUMAReferencedPersistentSafeBox::NotificationRef(TQUMAReferencedPersistent* Other, TOperation op) {
   if (op == opRemove && Other && _pKeptObjects && !_blFreed) {
-    if (_pKeptObjects->RemoveItem(Other) >= 0 && _fnObjectRemoved) {
+    // Other may be told back while the box is the one going: losing the box's lock can then
+    // free it, and a freed object is never handed to the callback.
+    bool otherFreed = QUMAIsFreed(Other);
+    if (!otherFreed) Other->RegisterFreeIndicator(otherFreed);
+    const bool removed = _pKeptObjects->RemoveItem(Other) >= 0;
+    if (!otherFreed) Other->UnregisterFreeIndicator(otherFreed);
+    if (removed && !otherFreed && _fnObjectRemoved) {
       TLifeWatch watch(this);
       _fnObjectRemoved(Other);
       if (!watch.Alive()) return;
@@ -789,6 +809,22 @@ void TQUMAOpportunisticReferencingStringList::ReleaseObjects(const std::vector<T
     }
     if (obj && !freed && OwnsObjects()) Free(obj);
   }
+}
+
+Integer TQUMAOpportunisticReferencingStringList::EntriesHolding(const TObject* AObject) const {
+  auto it = FReferenced.find(AObject);
+  return it == FReferenced.end() ? 0 : it->second.Count;
+}
+
+void TQUMAOpportunisticReferencingStringList::RetargetEntries(const TObject* From, TQUMAReferencedPersistent* To) {
+  if (!From || !To || From == To || EntriesHolding(From) == 0) return;
+  const auto update = UpdateScope(*this);
+  for (Integer i = 0; i < Count(); ++i)
+    if (Objects(i) == From) {
+      Forget(From);
+      inherited::PutObject(i, To);
+      Remember(To);
+    }
 }
 
 Integer TQUMAOpportunisticReferencingStringList::_GetCountOfObject(const TObject* AObject) const {

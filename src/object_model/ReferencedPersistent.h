@@ -202,35 +202,68 @@ class TInlineMap {
   std::unique_ptr<std::unordered_map<const TObject*, V>> FMore;
 };
 
-// Callback holders in the order they first asked (the order in which they are told).
+// Callback holders in the order they first asked (the order in which they are told). Removal is
+// constant time: a removed holder leaves a hole in the order, and the order is compacted once
+// holes make up half of it.
 class TNotifyHolders {
  public:
-  bool Empty() const noexcept { return FOrder.empty(); }
-  std::size_t Count() const noexcept { return FOrder.size(); }
+  bool Empty() const noexcept { return FValues.Count() == 0; }
+  std::size_t Count() const noexcept { return FValues.Count(); }
   void Set(TObject* key, const TQUMAReferencedNotification& fn) {
-    if (TQUMAReferencedNotification* stored = FValues.Find(key)) {
-      *stored = fn;
+    if (TEntry* stored = FValues.Find(key)) {
+      stored->Callback = fn;
       return;
     }
+    FValues.Insert(key, TEntry{fn, FOrder.size()});
     FOrder.push_back(key);
-    FValues.Insert(key, fn);
   }
-  const TQUMAReferencedNotification* Find(const TObject* key) const noexcept { return FValues.Find(key); }
+  const TQUMAReferencedNotification* Find(const TObject* key) const noexcept {
+    const TEntry* entry = FValues.Find(key);
+    return entry ? &entry->Callback : nullptr;
+  }
   bool Remove(const TObject* key) {
-    if (!FValues.Erase(key)) return false;
-    auto pos = std::find(FOrder.rbegin(), FOrder.rend(), key);
-    if (pos != FOrder.rend()) FOrder.erase(std::next(pos).base());
+    const TEntry* entry = FValues.Find(key);
+    if (!entry) return false;
+    FOrder[entry->Slot] = nullptr;
+    FValues.Erase(key);
+    if (FValues.Count() == 0)
+      Clear();
+    else if (++FHoles * 2 > FOrder.size())
+      Compact();
     return true;
   }
-  std::vector<TObject*> Keys() const { return std::vector<TObject*>(FOrder.begin(), FOrder.end()); }
+  std::vector<TObject*> Keys() const {
+    std::vector<TObject*> keys;
+    keys.reserve(Count());
+    for (TObject* key : FOrder)
+      if (key) keys.push_back(key);
+    return keys;
+  }
   void Clear() noexcept {
     FOrder.clear();
     FValues.Clear();
+    FHoles = 0;
   }
 
  private:
-  TSmallList<TObject*, 1> FOrder;
-  TInlineMap<TQUMAReferencedNotification> FValues;
+  struct TEntry {
+    TQUMAReferencedNotification Callback;
+    std::size_t Slot = 0;  // position in FOrder
+  };
+  void Compact() {
+    TSmallList<TObject*, 1> order;
+    for (TObject* key : FOrder)
+      if (key) {
+        FValues.Find(key)->Slot = order.size();
+        order.push_back(key);
+      }
+    FOrder = std::move(order);
+    FHoles = 0;
+  }
+
+  TSmallList<TObject*, 1> FOrder;  // null: a holder removed since the last compaction
+  TInlineMap<TEntry> FValues;
+  std::size_t FHoles = 0;
 };
 
 // Lets a loop notice that a handler freed the container it walks (the container kills every
@@ -258,6 +291,19 @@ class TLifeFlag {
   TLifeFlag** FSlot = nullptr;
   TLifeFlag* FPrevious = nullptr;
 };
+
+// A container that takes references on its items. One that holds them for itself (through its
+// own callback) keeps them when an item is swapped for a replacement: it hears of the old item's
+// end as usual, or follows the swap itself.
+class IReferencingContainer {
+ public:
+  virtual bool HoldsForItself() const noexcept = 0;
+
+ protected:
+  ~IReferencingContainer() = default;
+};
+// Holder is a container that references its items for itself.
+bool IsSelfReferencingContainer(const TObject* Holder) noexcept;
 
 // How a locker learns of the object's death, fixed when it first locks.
 enum class TLockerKind : Byte { lkOther, lkReferenced, lkComponent };
@@ -546,7 +592,7 @@ class [[nodiscard]] TQUMAMemLockGuard {
 // the list itself is the holder, through a callback, and an item that dies elsewhere drops out
 // of the list by itself.
 template <class T>
-class TQUMAReferencedList : public TQUMASubscribedList<T*> {
+class TQUMAReferencedList : public TQUMASubscribedList<T*>, public detail::IReferencingContainer {
   QUMA_CLASS(TQUMAReferencedList, TQUMASubscribedList<T*>)
  public:
   static_assert(std::is_base_of_v<TQUMAReferencedPersistent, T>);
@@ -597,6 +643,7 @@ class TQUMAReferencedList : public TQUMASubscribedList<T*> {
   virtual TObject* _GetReferencingObject() const {
     return _pRefObject ? _pRefObject : const_cast<TQUMAReferencedList*>(this);
   }
+  bool HoldsForItself() const noexcept override { return !_pRefObject || _pRefObject == this; }
   // An item that the list references through its callback is going: delete every occurrence.
   virtual void _NotificationRef(TQUMAReferencedPersistent* Other, TOperation op) {
     if (op != opRemove || !Other) return;
@@ -785,6 +832,9 @@ class TQUMAReferencedPersistentSafeBox : public TQUMAReferencedPersistent {
   void SetOnObjectRemoved(TNotifyEvent Value) noexcept { _fnObjectRemoved = Value; }
 
   void NotificationRef(TQUMAReferencedPersistent* Other, TOperation op) override;
+  // The kept objects go first (freed when the box frees its objects on destruction, let go
+  // otherwise), before the box tells its own holders.
+  void BeforeDestruction() override;
   ~TQUMAReferencedPersistentSafeBox() override;
 
  protected:
@@ -798,7 +848,7 @@ class TQUMAReferencedPersistentSafeBox : public TQUMAReferencedPersistent {
 
 // A string list that references the objects of its entries that are referenced persistents
 // (as a referenced list does), and can own the others.
-class TQUMAOpportunisticReferencingStringList : public TStringList {
+class TQUMAOpportunisticReferencingStringList : public TStringList, public detail::IReferencingContainer {
   QUMA_CLASS(TQUMAOpportunisticReferencingStringList, TStringList)
  public:
   TQUMAOpportunisticReferencingStringList() = default;
@@ -830,8 +880,15 @@ class TQUMAOpportunisticReferencingStringList : public TStringList {
   virtual void _SetOwnsNonReferencedObjects(bool Value) { _blOwnsNonRefd = Value; }
   virtual void _SetReferencingObject(TObject* Value);
 
+  bool HoldsForItself() const noexcept override { return !_pRefObject || _pRefObject == this; }
+
  protected:
   void InsertItem(Integer Index, const UnicodeString& S, TObject* AObject) override;
+  // Number of entries holding the referenced persistent AObject (constant time).
+  Integer EntriesHolding(const TObject* AObject) const;
+  // Every entry holding From holds To instead, without touching any reference: for a swap that
+  // has already moved the referencing object's references over to To.
+  void RetargetEntries(const TObject* From, TQUMAReferencedPersistent* To);
 
   TObject* _pRefObject = nullptr;
   TQUMAReferenceAction _RefAction = _raMemLock;
