@@ -117,6 +117,8 @@ UInt64 Now() noexcept { return TThread::GetTickCount64(); }
 
 }  // namespace
 
+TQUMADeferredDisposalThread::TQUMADeferredDisposalThread(bool CreateSuspended) : TThread(CreateSuspended) {}
+
 TQUMADeferredDisposalThread::~TQUMADeferredDisposalThread() = default;
 
 void TQUMADeferredDisposalThread::AfterConstruction() {

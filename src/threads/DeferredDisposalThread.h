@@ -30,7 +30,8 @@ class TDisposalSchedule;
 class TQUMADeferredDisposalThread : public TThread {
   QUMA_CLASS(TQUMADeferredDisposalThread, TThread)
  public:
-  using TThread::TThread;
+  // The inherited constructor: usually not suspended.
+  explicit TQUMADeferredDisposalThread(bool CreateSuspended = false);
   ~TQUMADeferredDisposalThread() override;
   // Creates the event, the schedule and the dictionary; MaxIdle 10000, not suspended, locked by
   // itself.

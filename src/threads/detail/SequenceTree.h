@@ -56,15 +56,28 @@ class TSequenceTree {
     return pos;
   }
 
-  // Inserts n so that it ends up at position pos (0 <= pos <= Count()).
+  // Inserts n so that it ends up at position pos (0 <= pos <= Count()): down to where its
+  // priority belongs, then the subtree there is split around it.
   void InsertAt(std::size_t pos, Node* n) noexcept {
-    n->Left = n->Right = n->Parent = nullptr;
     n->Priority = NextPriority();
-    Update(n);
-    Node *left, *right;
-    Split(FRoot, pos, left, right);
-    FRoot = Merge(Merge(left, n), right);
-    FRoot->Parent = nullptr;
+    Node** link = &FRoot;
+    Node* parent = nullptr;
+    while (*link && (*link)->Priority > n->Priority) {
+      parent = *link;
+      const std::size_t left = SizeOf(parent->Left);
+      if (pos <= left) {
+        link = &parent->Left;
+      } else {
+        pos -= left + 1;
+        link = &parent->Right;
+      }
+    }
+    Split(*link, pos, n->Left, n->Right);
+    if (n->Left) n->Left->Parent = n;
+    if (n->Right) n->Right->Parent = n;
+    n->Parent = parent;
+    *link = n;
+    Refresh(n);
   }
 
   // Unlinks n (which must be in this tree); the node is not freed.

@@ -1,0 +1,333 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include <quma/DeferredDisposalThread.h>
+#include <quma/ForegroundSyncThread.h>
+
+using namespace quma;
+using namespace std::chrono_literals;
+
+#if defined(__SANITIZE_THREAD__)
+constexpr int StressScale = 10;  // ThreadSanitizer runs these about 20 times slower
+#else
+constexpr int StressScale = 1;
+#endif
+
+namespace {
+
+std::atomic<UInt64> gClock{0};
+
+// Freezes the tick source at a chosen moment for the test's lifetime.
+class ServiceThreads : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    SetMainThread();
+    Retire();
+    gClock = 0x7'0000'0000ull;
+    SetTickSource(+[]() -> UInt64 { return gClock.load(); });
+  }
+  void TearDown() override {
+    Retire();
+    SetTickSource(nullptr);
+  }
+  static void Advance(UInt64 ms) {
+    gClock += ms;
+    ForegroundSync()->Poke();
+  }
+  // Services the main thread until done() holds (or five seconds pass).
+  static bool Service(const std::function<bool()>& done, std::chrono::seconds limit = 5s) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!done() && std::chrono::steady_clock::now() < deadline) CheckSynchronize(2);
+    return done();
+  }
+  // Ends the current worker (dropping its queue) and waits until it is gone.
+  static void Retire();
+};
+
+class TProbe : public TObject {
+  QUMA_CLASS(TProbe, TObject)
+ public:
+  std::vector<TObject*> Seen;
+  std::atomic<bool> Ended{false};
+  void Hit(TObject* payload) {
+    EXPECT_TRUE(IsMainThread());
+    Seen.push_back(payload);
+  }
+  void Boom(TObject* payload) {
+    Seen.push_back(payload);
+    throw EConvertError("boom");
+  }
+  void End(TObject*) { Ended = true; }
+};
+
+void ServiceThreads::Retire() {
+  auto probe = MakeObject<TProbe>();
+  TQUMAForegroundSyncThread* worker = ForegroundSync();
+  worker->OnTerminate = Bind<&TProbe::End>(probe.get());
+  FinalizeForegroundSync();
+  EXPECT_TRUE(Service([&] { return probe->Ended.load(); }));
+}
+
+}  // namespace
+
+TEST_F(ServiceThreads, ForegroundOrderTiesAndCancelling) {
+  TProbe probe;
+  TProbe a, b, c, d, e;
+  const TNotifyEvent hit = Bind<&TProbe::Hit>(&probe);
+  QUMAQueueForegroundCallback(hit, &a, 10);
+  QUMAQueueForegroundCallback(hit, &b, 10);
+  QUMAQueueForegroundCallback(hit, &d, 20ms);
+  QUMAQueueForegroundCallback(hit, &e, 10);
+  TProbe other;
+  QUMAQueueForegroundCallback(Bind<&TProbe::Hit>(&other), &e, 10);  // same payload, other callback
+  QUMAQueueForegroundCallback(hit, &c, 0);
+  ForegroundSync()->CancelSyncCallback(hit, &e, 999);  // the delay takes no part
+  ASSERT_TRUE(Service([&] { return probe.Seen.size() == 1; }));
+  Advance(10);
+  ASSERT_TRUE(Service([&] { return probe.Seen.size() == 3 && other.Seen.size() == 1; }));
+  EXPECT_EQ(probe.Seen, (std::vector<TObject*>{&c, &b, &a}));  // equal due ticks: newest first
+  EXPECT_EQ(other.Seen, std::vector<TObject*>{&e});
+  Advance(10);
+  ASSERT_TRUE(Service([&] { return probe.Seen.size() == 4; }));
+  EXPECT_EQ(probe.Seen.back(), &d);
+}
+
+TEST_F(ServiceThreads, ForegroundTicksWrapLateNotEarly) {
+  gClock = 0x1'FFFF'FFF0ull;
+  TProbe probe, early, late;
+  const TNotifyEvent hit = Bind<&TProbe::Hit>(&probe);
+  QUMAQueueForegroundCallback(hit, &early, 8);     // due at 0xFFFFFFF8
+  QUMAQueueForegroundCallback(hit, &late, 0x20);   // due at 0x10, after the wrap
+  gClock += 0x20;  // now 0x10: the wrapped entry is due, the other compares as not yet due
+  ForegroundSync()->Poke();
+  ASSERT_TRUE(Service([&] { return probe.Seen.size() == 1; }));
+  EXPECT_EQ(probe.Seen, std::vector<TObject*>{&late});
+  std::this_thread::sleep_for(20ms);
+  CheckSynchronize();
+  EXPECT_EQ(probe.Seen.size(), 1u);
+  ForegroundSync()->CancelSyncCallback(hit, &early);
+}
+
+TEST_F(ServiceThreads, ForegroundExceptionDropsTheRestOfItsBatch) {
+  TProbe probe;
+  TProbe first, second, third;
+  QUMAQueueForegroundCallback(Bind<&TProbe::Hit>(&probe), &third, 0);
+  QUMAQueueForegroundCallback(Bind<&TProbe::Hit>(&probe), &second, 0);
+  QUMAQueueForegroundCallback(Bind<&TProbe::Boom>(&probe), &first, 0);  // runs first, throws
+  ASSERT_TRUE(Service([&] { return !probe.Seen.empty(); }));
+  std::this_thread::sleep_for(20ms);
+  CheckSynchronize();
+  EXPECT_EQ(probe.Seen, std::vector<TObject*>{&first});
+  QUMAQueueForegroundCallback(Bind<&TProbe::Hit>(&probe), &second, 0);  // the worker lives on
+  EXPECT_TRUE(Service([&] { return probe.Seen.size() == 2; }));
+}
+
+TEST_F(ServiceThreads, ForegroundWorkerRetiresWhenIdleAndIsRecreated) {
+  TProbe probe;
+  TQUMAForegroundSyncThread* worker = ForegroundSync();
+  EXPECT_EQ(worker->MaxIdle(), 10000u);
+  worker->OnTerminate = Bind<&TProbe::End>(&probe);
+  worker->SetMaxIdle(30ms);  // wakes the worker from its 10 s wait
+  Advance(1000);             // lets the keep-alive entry run
+  ASSERT_TRUE(Service([&] { return probe.Ended.load(); }));
+  QUMAQueueForegroundCallback(Bind<&TProbe::Hit>(&probe), &probe, 0);
+  EXPECT_TRUE(Service([&] { return probe.Seen.size() == 1; }));
+  EXPECT_EQ(ForegroundSync()->MaxIdle(), 10000u);  // a new worker
+
+  // Unloading drops what is pending.
+  QUMAQueueForegroundCallback(Bind<&TProbe::Hit>(&probe), &probe, 0);
+  FinalizeForegroundSync();
+  std::this_thread::sleep_for(20ms);
+  CheckSynchronize();
+  EXPECT_EQ(probe.Seen.size(), 1u);
+}
+
+namespace {
+class TTally : public TObject {
+  QUMA_CLASS(TTally, TObject)
+ public:
+  std::vector<int> Counts = std::vector<int>(8);
+  int Cancelled = 0;
+  void Count(TObject* payload) { ++Counts[static_cast<std::size_t>(static_cast<TProbe*>(payload) - Slots)]; }
+  void Miss(TObject*) { ++Cancelled; }
+  TProbe* Slots = nullptr;
+};
+}  // namespace
+
+TEST_F(ServiceThreads, ForegroundStressEveryCallbackRunsOnceOrIsCancelled) {
+  SetTickSource(nullptr);
+  constexpr int Producers = 8, PerProducer = 100000 / StressScale;
+  auto slots = std::make_unique<TProbe[]>(2 * Producers);
+  TTally tally;
+  tally.Slots = slots.get();
+  std::vector<std::thread> producers;
+  std::atomic<int> finished{0};
+  for (int p = 0; p < Producers; ++p) {
+    producers.emplace_back([&, p] {
+      std::minstd_rand random(static_cast<unsigned>(p));
+      TProbe* own = &slots[static_cast<std::size_t>(p)];
+      TProbe* doomed = &slots[static_cast<std::size_t>(Producers + p)];
+      for (int i = 0; i < PerProducer; ++i) {
+        if (i % 10 == 0)
+          QUMAQueueForegroundCallback(Bind<&TTally::Miss>(&tally), doomed, 3600000);
+        else
+          QUMAQueueForegroundCallback(Bind<&TTally::Count>(&tally), own, random() % 20);
+      }
+      ForegroundSync()->CancelSyncCallback(Bind<&TTally::Miss>(&tally), doomed);
+      ++finished;
+    });
+  }
+  const int expected = PerProducer - (PerProducer + 9) / 10;
+  const bool all = Service([&] {
+    if (finished < Producers) return false;
+    for (int c : tally.Counts)
+      if (c != expected) return false;
+    return true;
+  }, 60s);
+  for (auto& t : producers) t.join();
+  EXPECT_TRUE(all);
+  EXPECT_EQ(tally.Counts, std::vector<int>(Producers, expected));
+  EXPECT_EQ(tally.Cancelled, 0);
+}
+
+// ---- deferred disposal ----
+
+namespace {
+
+std::mutex gFreedLock;
+std::vector<int> gFreed;
+
+class TTagged : public TObject {
+  QUMA_CLASS(TTagged, TObject)
+ public:
+  explicit TTagged(int tag) : Tag(tag) {}
+  ~TTagged() override {
+    std::lock_guard lock(gFreedLock);
+    gFreed.push_back(Tag);
+  }
+  const int Tag;
+};
+
+std::vector<int> Freed() {
+  std::lock_guard lock(gFreedLock);
+  return gFreed;
+}
+
+bool WaitFreed(std::size_t n) {
+  const auto deadline = std::chrono::steady_clock::now() + 5s;
+  while (Freed().size() < n && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(1ms);
+  return Freed().size() == n;
+}
+
+class TDisposals : public TObject {
+  QUMA_CLASS(TDisposals, TObject)
+ public:
+  std::vector<TObject*> Passed;
+  void Take(TObject* obj) { Passed.push_back(obj); }
+};
+
+}  // namespace
+
+TEST_F(ServiceThreads, DisposalOrderFollowsTheTieRules) {
+  gFreed.clear();
+  auto disposer = MakeObject<TQUMADeferredDisposalThread>();
+  auto schedule = [&](int tag, Cardinal ms) { disposer->DisposeAfterDelay(New<TTagged>(tag), ms); };
+  schedule(1, 10);   // [1]
+  schedule(2, 20);   // [1 2]
+  schedule(3, 10);   // the search meets 1 first: [3 1 2]
+  schedule(4, 20);   // equal to the last: appended [3 1 2 4]
+  schedule(5, 10);   // meets 1 at the middle probe: [3 5 1 2 4]
+  schedule(6, 15);   // no equal entry: [3 5 1 6 2 4]
+  EXPECT_EQ(disposer->ScheduledCount(), 6u);
+  gClock += 20;
+  disposer->Poke();
+  ASSERT_TRUE(WaitFreed(6));
+  EXPECT_EQ(Freed(), (std::vector<int>{3, 5, 1, 6, 2, 4}));
+}
+
+TEST_F(ServiceThreads, DisposalScheduleOperations) {
+  gFreed.clear();
+  TDisposals sink;
+  auto disposer = MakeObject<TQUMADeferredDisposalThread>();
+  disposer->SetSuspendDisposals(true);
+  auto* again = New<TTagged>(1);
+  disposer->DisposeAfterDelay(again, 5);
+  disposer->DisposeAfterDelay(again, 50);  // one entry, due at the later time
+  auto* passed = New<TTagged>(2);
+  disposer->DisposeAfterDelayWithCallback(passed, 5, Bind<&TDisposals::Take>(&sink));
+  EXPECT_THROW(disposer->DisposeAfterDelayWithCallback(passed, 5, Bind<&TDisposals::Take>(&sink)), EListError);
+  auto* kept = New<TTagged>(3);
+  disposer->DisposeAfterDelayWithCallback(kept, 5, Bind<&TDisposals::Take>(&sink));
+  disposer->CancelDisposal(kept);
+  disposer->DisposeAfterDelay(nullptr, 0);  // ignored
+  EXPECT_EQ(disposer->ScheduledCount(), 2u);
+
+  gClock += 10;  // overdue, but suspended
+  disposer->Poke();
+  std::this_thread::sleep_for(40ms);
+  EXPECT_TRUE(Freed().empty());
+  disposer->SetSuspendDisposals(false);
+  const auto deadline = std::chrono::steady_clock::now() + 5s;
+  while (disposer->ScheduledCount() > 1 && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(1ms);
+  EXPECT_TRUE(Freed().empty());
+  disposer->Terminate();  // rendezvous with the worker before reading what it passed on
+  disposer->WaitFor();
+  EXPECT_EQ(sink.Passed, std::vector<TObject*>{passed});
+  EXPECT_EQ(Freed(), std::vector<int>{1});  // termination frees the rest at once
+  Free(passed);
+  Free(kept);
+}
+
+TEST_F(ServiceThreads, DisposalMaxDelayAndSharedLock) {
+  gFreed.clear();
+  auto shared = MakeObject<TDisposals>();
+  auto disposer = MakeObject<TQUMADeferredDisposalThread>(true);
+  disposer->SetLockObject(shared.get());
+  disposer->Start();
+  disposer->SetMaxDelay(0);  // nothing scheduled: nothing happens
+  disposer->DisposeAfterDelay(New<TTagged>(1), 100000);
+  disposer->DisposeAfterDelay(New<TTagged>(2), 50);
+  TMonitor::Enter(shared.get());
+  disposer->SetMaxDelay(0);  // everything due now, but the lock is held
+  std::this_thread::sleep_for(50ms);
+  EXPECT_TRUE(Freed().empty());
+  TMonitor::Exit(shared.get());
+  ASSERT_TRUE(WaitFreed(2));
+  EXPECT_EQ(Freed(), (std::vector<int>{2, 1}));
+}
+
+namespace {
+std::unique_ptr<std::atomic<std::uint8_t>[]> gFreedOnce;
+class TCounted : public TObject {
+  QUMA_CLASS(TCounted, TObject)
+ public:
+  explicit TCounted(int id) : Id(id) {}
+  ~TCounted() override { ++gFreedOnce[static_cast<std::size_t>(Id)]; }
+  const int Id;
+};
+}  // namespace
+
+TEST_F(ServiceThreads, DisposalStressFreesEveryObjectOnce) {
+  SetTickSource(nullptr);
+  constexpr int Producers = 4, PerProducer = 250000 / StressScale;
+  gFreedOnce = std::make_unique<std::atomic<std::uint8_t>[]>(Producers * PerProducer);
+  auto* disposer = New<TQUMADeferredDisposalThread>();
+  std::vector<std::thread> producers;
+  for (int p = 0; p < Producers; ++p)
+    producers.emplace_back([&, p] {
+      std::minstd_rand random(static_cast<unsigned>(p));
+      for (int i = 0; i < PerProducer; ++i) disposer->DisposeAfterDelay(New<TCounted>(p * PerProducer + i), random() % 50);
+    });
+  for (auto& t : producers) t.join();
+  std::this_thread::sleep_for(30ms);
+  Free(disposer);  // whatever is still scheduled goes now
+  for (int i = 0; i < Producers * PerProducer; ++i) ASSERT_EQ(gFreedOnce[static_cast<std::size_t>(i)], 1) << i;
+}
