@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <barrier>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -32,8 +33,9 @@ class ServiceThreads : public ::testing::Test {
     SetMainThread();
     Retire();
     gClock = 0x7'0000'0000ull;
-    SetTickSource(+[]() -> UInt64 { return gClock.load(); });
+    SetTickSource(FakeTicks);
   }
+  static UInt64 FakeTicks() { return gClock.load(); }
   void TearDown() override {
     Retire();
     SetTickSource(nullptr);
@@ -162,40 +164,63 @@ class TTally : public TObject {
 };
 }  // namespace
 
+// Eight producers queue on a worker that, in the first round, keeps retiring: the clock jumps by
+// 1.5 s at a time (running the keep-alive entries) and every new worker gets MaxIdle 1 ms.
 TEST_F(ServiceThreads, ForegroundStressEveryCallbackRunsOnceOrIsCancelled) {
-  SetTickSource(nullptr);
-  constexpr int Producers = 8, PerProducer = 100000 / StressScale;
-  auto slots = std::make_unique<TProbe[]>(2 * Producers);
-  TTally tally;
-  tally.Slots = slots.get();
-  std::vector<std::thread> producers;
-  std::atomic<int> finished{0};
-  for (int p = 0; p < Producers; ++p) {
-    producers.emplace_back([&, p] {
-      std::minstd_rand random(static_cast<unsigned>(p));
-      TProbe* own = &slots[static_cast<std::size_t>(p)];
-      TProbe* doomed = &slots[static_cast<std::size_t>(Producers + p)];
-      for (int i = 0; i < PerProducer; ++i) {
-        if (i % 10 == 0)
-          QUMAQueueForegroundCallback(Bind<&TTally::Miss>(&tally), doomed, 3600000);
-        else
-          QUMAQueueForegroundCallback(Bind<&TTally::Count>(&tally), own, random() % 20);
+  // The frozen clock first: keep-alive entries left on the real clock's ticks would stay queued
+  // (and keep the worker alive) until the frozen clock caught up with them.
+  for (const bool retiring : {true, false}) {
+    SCOPED_TRACE(retiring);
+    SetTickSource(retiring ? FakeTicks : nullptr);
+    constexpr int Producers = 8;
+    const int perProducer = (retiring ? 10000 : 100000) / StressScale;
+    auto slots = std::make_unique<TProbe[]>(2 * Producers);
+    TTally tally;
+    tally.Slots = slots.get();
+    std::vector<std::thread> producers;
+    std::atomic<int> finished{0};
+    std::barrier pause(Producers);
+    for (int p = 0; p < Producers; ++p) {
+      producers.emplace_back([&, p] {
+        std::minstd_rand random(static_cast<unsigned>(p));
+        TProbe* own = &slots[static_cast<std::size_t>(p)];
+        TProbe* doomed = &slots[static_cast<std::size_t>(Producers + p)];
+        for (int i = 0; i < perProducer; ++i) {
+          if (retiring && i % 1000 == 0) {  // all pause together: room to retire
+            pause.arrive_and_wait();
+            std::this_thread::sleep_for(20ms);
+          }
+          if (!retiring && i % 10 == 0)
+            QUMAQueueForegroundCallback(Bind<&TTally::Miss>(&tally), doomed, 3600000);
+          else
+            QUMAQueueForegroundCallback(Bind<&TTally::Count>(&tally), own, retiring ? 0 : random() % 20);
+        }
+        ForegroundSync()->CancelSyncCallback(Bind<&TTally::Miss>(&tally), doomed);
+        ++finished;
+      });
+    }
+    const int expected = retiring ? perProducer : perProducer - (perProducer + 9) / 10;
+    int freshWorkers = 0;
+    const bool all = Service([&] {
+      if (retiring) {
+        gClock += 1500;  // keep-alive entries (due in 1000 ms) fall overdue and ask for no more
+        TQUMAForegroundSyncThread* worker = ForegroundSync();
+        if (worker->MaxIdle() != 1) ++freshWorkers;
+        worker->SetMaxIdle(1);
       }
-      ForegroundSync()->CancelSyncCallback(Bind<&TTally::Miss>(&tally), doomed);
-      ++finished;
-    });
+      if (finished < Producers) return false;
+      for (int c : tally.Counts)
+        if (c != expected) return false;
+      return true;
+    }, 60s);
+    for (auto& t : producers) t.join();
+    EXPECT_TRUE(all);
+    EXPECT_EQ(tally.Counts, std::vector<int>(Producers, expected));
+    EXPECT_EQ(tally.Cancelled, 0);
+    if (retiring) {
+      EXPECT_GT(freshWorkers, 2);
+    }
   }
-  const int expected = PerProducer - (PerProducer + 9) / 10;
-  const bool all = Service([&] {
-    if (finished < Producers) return false;
-    for (int c : tally.Counts)
-      if (c != expected) return false;
-    return true;
-  }, 60s);
-  for (auto& t : producers) t.join();
-  EXPECT_TRUE(all);
-  EXPECT_EQ(tally.Counts, std::vector<int>(Producers, expected));
-  EXPECT_EQ(tally.Cancelled, 0);
 }
 
 // ---- deferred disposal ----
