@@ -1,110 +1,219 @@
 #include <quma/DeferredDisposalThread.h>
 
 #include <algorithm>
+#include <bit>
 #include <mutex>
 #include <unordered_map>
 #include <vector>
 
 #include <quma/Monitor.h>
 
-#include "detail/SequenceTree.h"
 
 namespace quma {
 
 namespace detail {
 
-struct TDisposalNode : TSequenceNode<TDisposalNode> {
-  TObject* Object = nullptr;
-  UInt64 Due = 0;
-};
-
-// The scheduled objects in due order, with positions found in logarithmic time and each object's
-// entry found by address.
+// The scheduled objects in due order, as a row of blocks of at most BlockMax entries. A search
+// touches two small contiguous arrays (each block's last due time, and a Fenwick tree of block
+// sizes for positions) and then one block, so a million entries cost few cache misses per
+// operation, where any one-entry-per-node tree costs one per level. The object index maps each
+// object to its due time, which locates its entry among the entries due at that time.
 class TDisposalSchedule {
  public:
-  TDisposalSchedule() = default;
-  TDisposalSchedule(const TDisposalSchedule&) = delete;
-  TDisposalSchedule& operator=(const TDisposalSchedule&) = delete;
-  ~TDisposalSchedule() {
-    for (TDisposalNode* node : FTree.TakeAll()) delete node;
-  }
+  struct TEntry {
+    UInt64 Due;
+    TObject* Object;
+  };
 
-  std::size_t Count() const noexcept { return FTree.Count(); }
-  bool Empty() const noexcept { return FTree.Empty(); }
-  TDisposalNode* First() const noexcept { return FTree.First(); }
-  TDisposalNode* Last() const noexcept { return FTree.Last(); }
-  TDisposalNode* Find(TObject* obj) const {
-    auto it = FByObject.find(obj);
-    return it == FByObject.end() ? nullptr : it->second;
-  }
+  std::size_t Count() const noexcept { return FCount; }
+  bool Empty() const noexcept { return FCount == 0; }
+  UInt64 FirstDue() const noexcept { return FBlocks.front().Front().Due; }
+  UInt64 LastDue() const noexcept { return FLast.back(); }
+  // Enters obj in the object index, due at `due`; false (and nothing changed) when it is
+  // scheduled already. Insert must follow a successful claim.
+  bool Claim(TObject* obj, UInt64 due) { return FDue.try_emplace(obj, due).second; }
 
   // Number of entries due before `due` (strictly, or also at `due` when `orEqual`).
   std::size_t CountBefore(UInt64 due, bool orEqual) const noexcept {
-    std::size_t pos = 0;
-    for (const TDisposalNode* n = FTree.Root(); n;) {
-      if (n->Due < due || (orEqual && n->Due == due)) {
-        pos += FTree.SizeOf(n->Left) + 1;
-        n = n->Right;
-      } else {
-        n = n->Left;
-      }
-    }
-    return pos;
-  }
-
-  TDisposalNode* At(std::size_t i) const noexcept {
-    TDisposalNode* n = FTree.Root();
-    while (n) {
-      const std::size_t left = FTree.SizeOf(n->Left);
-      if (i == left) break;
-      if (i < left) {
-        n = n->Left;
-      } else {
-        i -= left + 1;
-        n = n->Right;
-      }
-    }
-    return n;
+    const auto b = static_cast<std::size_t>(
+        (orEqual ? std::upper_bound(FLast.begin(), FLast.end(), due) : std::lower_bound(FLast.begin(), FLast.end(), due)) -
+        FLast.begin());
+    if (b == FBlocks.size()) return FCount;
+    const TBlock& block = FBlocks[b];
+    auto less = [](const TEntry& e, UInt64 d) { return e.Due < d; };
+    auto lessEq = [](UInt64 d, const TEntry& e) { return d < e.Due; };
+    const auto at = orEqual ? std::upper_bound(block.Begin(), block.End(), due, lessEq)
+                            : std::lower_bound(block.Begin(), block.End(), due, less);
+    return Prefix(b) + static_cast<std::size_t>(at - block.Begin());
   }
 
   void Insert(std::size_t pos, TObject* obj, UInt64 due) {
-    auto node = std::make_unique<TDisposalNode>();
-    node->Object = obj;
-    node->Due = due;
-    FByObject.emplace(obj, node.get());
-    FTree.InsertAt(pos, node.release());
+    if (FBlocks.empty()) {
+      FBlocks.emplace_back();
+      FLast.push_back(due);
+      FTree.assign(1, 0);
+    }
+    auto [b, offset] = Locate(pos);
+    TBlock& block = FBlocks[b];
+    block.Items.insert(block.Items.begin() + static_cast<std::ptrdiff_t>(block.Head + offset), TEntry{due, obj});
+    FLast[b] = block.Back().Due;
+    ++FCount;
+    if (block.Size() > BlockMax)
+      Split(b);
+    else
+      AddToTree(b, 1);
   }
 
-  TObject* Remove(TDisposalNode* node) {
-    std::unique_ptr<TDisposalNode> owned(node);
-    FTree.Erase(node);
-    FByObject.erase(node->Object);
-    return node->Object;
+  TObject* RemoveAt(std::size_t pos) {
+    auto [b, offset] = Locate(pos);
+    if (offset == FBlocks[b].Size()) {  // Locate prefers the end of a block to the next one's start
+      ++b;
+      offset = 0;
+    }
+    return EraseFrom(b, offset);
+  }
+
+  // Removes obj if scheduled; true when it was.
+  bool Remove(TObject* obj) {
+    auto it = FDue.find(obj);
+    if (it == FDue.end()) return false;
+    const UInt64 due = it->second;
+    auto b = static_cast<std::size_t>(std::lower_bound(FLast.begin(), FLast.end(), due) - FLast.begin());
+    for (; b < FBlocks.size(); ++b) {
+      TBlock& block = FBlocks[b];
+      for (auto e = std::lower_bound(block.Begin(), block.End(), due, [](const TEntry& x, UInt64 d) { return x.Due < d; });
+           e != block.End() && e->Due == due; ++e)
+        if (e->Object == obj) {
+          EraseFrom(b, static_cast<std::size_t>(e - block.Begin()));
+          return true;
+        }
+    }
+    return false;  // not reached: the index and the blocks agree
   }
 
   // Every due time later than limit becomes limit; the order stays ascending. True when the first
   // entry changed.
-  bool Clamp(UInt64 limit) noexcept {
-    const bool firstChanged = !Empty() && First()->Due > limit;
-    for (TDisposalNode* n = At(CountBefore(limit, true)); n; n = TSequenceTree<TDisposalNode>::Next(n))
-      n->Due = limit;
+  bool Clamp(UInt64 limit) {
+    if (Empty()) return false;
+    const bool firstChanged = FirstDue() > limit;
+    for (auto b = static_cast<std::size_t>(std::upper_bound(FLast.begin(), FLast.end(), limit) - FLast.begin());
+         b < FBlocks.size(); ++b) {
+      TBlock& block = FBlocks[b];
+      for (TEntry* e = block.Begin(); e != block.End(); ++e)
+        if (e->Due > limit) {
+          e->Due = limit;
+          FDue[e->Object] = limit;
+        }
+      FLast[b] = limit;
+    }
     return firstChanged;
   }
 
   // Unlinks every entry; returns the objects in due order.
   std::vector<TObject*> TakeAll() {
     std::vector<TObject*> objects;
-    FByObject.clear();
-    for (TDisposalNode* node : FTree.TakeAll()) {
-      objects.push_back(node->Object);
-      delete node;
-    }
+    objects.reserve(FCount);
+    for (const TBlock& block : FBlocks)
+      for (const TEntry* e = block.Begin(); e != block.End(); ++e) objects.push_back(e->Object);
+    FBlocks.clear();
+    FLast.clear();
+    FTree.clear();
+    FDue.clear();
+    FCount = 0;
     return objects;
   }
 
  private:
-  TSequenceTree<TDisposalNode> FTree;
-  std::unordered_map<TObject*, TDisposalNode*> FByObject;
+  static constexpr std::size_t BlockMax = 512;
+
+  // Entries before Head have been taken from the front; they are dropped in bulk.
+  struct TBlock {
+    std::vector<TEntry> Items;
+    std::size_t Head = 0;
+    std::size_t Size() const noexcept { return Items.size() - Head; }
+    TEntry* Begin() noexcept { return Items.data() + Head; }
+    TEntry* End() noexcept { return Items.data() + Items.size(); }
+    const TEntry* Begin() const noexcept { return Items.data() + Head; }
+    const TEntry* End() const noexcept { return Items.data() + Items.size(); }
+    const TEntry& Front() const noexcept { return Items[Head]; }
+    const TEntry& Back() const noexcept { return Items.back(); }
+  };
+
+  // The block holding position pos and the offset in it; a position between two blocks belongs
+  // to the end of the first.
+  std::pair<std::size_t, std::size_t> Locate(std::size_t pos) const noexcept {
+    // Fenwick descent: the last block whose preceding total is below pos (or block 0).
+    std::size_t b = 0, before = 0;
+    for (std::size_t step = std::bit_floor(FTree.size()); step; step >>= 1)
+      if (b + step <= FTree.size() && before + FTree[b + step - 1] < pos) {
+        b += step;
+        before += FTree[b - 1];
+      }
+    return {b, pos - before};
+  }
+
+  std::size_t Prefix(std::size_t b) const noexcept {  // entries in the blocks before b
+    std::size_t sum = 0;
+    for (; b; b &= b - 1) sum += FTree[b - 1];
+    return sum;
+  }
+
+  void AddToTree(std::size_t b, std::ptrdiff_t delta) noexcept {
+    for (++b; b <= FTree.size(); b += b & (~b + 1)) FTree[b - 1] = static_cast<std::size_t>(static_cast<std::ptrdiff_t>(FTree[b - 1]) + delta);
+  }
+
+  void RebuildTree() {
+    FTree.assign(FBlocks.size(), 0);
+    for (std::size_t i = 1; i <= FTree.size(); ++i) {
+      FTree[i - 1] += FBlocks[i - 1].Size();
+      if (const std::size_t parent = i + (i & (~i + 1)); parent <= FTree.size()) FTree[parent - 1] += FTree[i - 1];
+    }
+  }
+
+  void Split(std::size_t b) {
+    TBlock& full = FBlocks[b];
+    TBlock upper;
+    const TEntry* middle = full.Begin() + full.Size() / 2;
+    upper.Items.assign(middle, static_cast<const TEntry*>(full.End()));
+    full.Items.erase(full.Items.begin() + (middle - full.Items.data()), full.Items.end());
+    full.Items.erase(full.Items.begin(), full.Items.begin() + static_cast<std::ptrdiff_t>(full.Head));
+    full.Head = 0;
+    FLast[b] = full.Back().Due;
+    FLast.insert(FLast.begin() + static_cast<std::ptrdiff_t>(b) + 1, upper.Back().Due);
+    FBlocks.insert(FBlocks.begin() + static_cast<std::ptrdiff_t>(b) + 1, std::move(upper));
+    RebuildTree();
+  }
+
+  TObject* EraseFrom(std::size_t b, std::size_t offset) {
+    TBlock& block = FBlocks[b];
+    TObject* obj = block.Begin()[offset].Object;
+    FDue.erase(obj);
+    --FCount;
+    if (offset == 0) {
+      ++block.Head;  // the worker takes from the front: no shift
+      if (block.Head > BlockMax / 2 && block.Head * 2 > block.Items.size()) {
+        block.Items.erase(block.Items.begin(), block.Items.begin() + static_cast<std::ptrdiff_t>(block.Head));
+        block.Head = 0;
+      }
+    } else {
+      block.Items.erase(block.Items.begin() + static_cast<std::ptrdiff_t>(block.Head + offset));
+    }
+    if (block.Size() == 0) {
+      FBlocks.erase(FBlocks.begin() + static_cast<std::ptrdiff_t>(b));
+      FLast.erase(FLast.begin() + static_cast<std::ptrdiff_t>(b));
+      RebuildTree();
+    } else {
+      FLast[b] = block.Back().Due;
+      AddToTree(b, -1);
+    }
+    return obj;
+  }
+
+  std::vector<TBlock> FBlocks;
+  std::vector<UInt64> FLast;         // each block's last due time
+  std::vector<std::size_t> FTree;    // Fenwick tree of block sizes
+  std::unordered_map<TObject*, UInt64> FDue;
+  std::size_t FCount = 0;
 };
 
 }  // namespace detail
@@ -154,7 +263,7 @@ std::size_t TQUMADeferredDisposalThread::ScheduledCount() const {
 
 std::size_t TQUMADeferredDisposalThread::_FindInsertPosition(UInt64 dueTime) const {
   const std::size_t count = _pSchedule->Count();
-  if (count == 0 || dueTime >= _pSchedule->Last()->Due) return count;
+  if (count == 0 || dueTime >= _pSchedule->LastDue()) return count;
   // The search over a list, replayed on positions: [equalFrom, equalTo) holds the entries equal to
   // dueTime, everything before is earlier, everything after later. The first probe that lands
   // among the equal entries decides.
@@ -179,8 +288,11 @@ void TQUMADeferredDisposalThread::DisposeAfterDelay(TObject* pObject, Cardinal d
   std::size_t pos;
   {
     TMonitorGuard guard(_GetLockObject());
-    if (_pSchedule->Find(pObject)) CancelDisposal(pObject);
     const UInt64 due = Now() + dwTickCount;
+    if (!_pSchedule->Claim(pObject, due)) {  // scheduled already: one lookup in the common case
+      CancelDisposal(pObject);
+      _pSchedule->Claim(pObject, due);
+    }
     pos = _FindInsertPosition(due);
     _pSchedule->Insert(pos, pObject, due);
   }
@@ -198,10 +310,7 @@ void TQUMADeferredDisposalThread::DisposeAfterDelayWithCallback(TObject* pObject
 
 void TQUMADeferredDisposalThread::CancelDisposal(TObject* pObject) {
   TMonitorGuard guard(_GetLockObject());
-  if (detail::TDisposalNode* node = _pSchedule->Find(pObject)) {
-    _pSchedule->Remove(node);
-    _dctObjectDisposal->Remove(pObject);
-  }
+  if (_pSchedule->Remove(pObject)) _dctObjectDisposal->Remove(pObject);
 }
 
 void TQUMADeferredDisposalThread::SetMaxDelay(Cardinal dwTickcount) {
@@ -240,7 +349,7 @@ void TQUMADeferredDisposalThread::_SetSuspendDisposals(bool value) {
 
 void TQUMADeferredDisposalThread::_DisposeByIndex(std::size_t i) {
   if (i >= _pSchedule->Count()) return;
-  TObject* obj = _pSchedule->Remove(_pSchedule->At(i));
+  TObject* obj = _pSchedule->RemoveAt(i);
   if (std::optional<TNotifyEvent> callback = _dctObjectDisposal->ExtractPair(obj); callback && *callback)
     (*callback)(obj);  // the callback decides the object's fate
   else
@@ -257,10 +366,10 @@ void TQUMADeferredDisposalThread::Execute() {
       wait = maxIdle;
     } else if (std::unique_lock lock(_GetLockObject()->MonitorLock(), std::try_to_lock); lock.owns_lock()) {
       const UInt64 now = Now();
-      while (!_pSchedule->Empty() && _pSchedule->First()->Due <= now) _DisposeByIndex(0);
+      while (!_pSchedule->Empty() && _pSchedule->FirstDue() <= now) _DisposeByIndex(0);
       wait = maxIdle;
       if (!_pSchedule->Empty())
-        wait = static_cast<Cardinal>(std::min<UInt64>(_pSchedule->First()->Due - now, maxIdle));
+        wait = static_cast<Cardinal>(std::min<UInt64>(_pSchedule->FirstDue() - now, maxIdle));
       wait = std::max(wait, MinimumWait);
     }
     const TWaitResult result = _pEvent->WaitFor(wait);

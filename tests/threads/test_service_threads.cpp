@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <algorithm>
 #include <barrier>
+#include <cstdint>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -100,6 +102,29 @@ TEST_F(ServiceThreads, ForegroundOrderTiesAndCancelling) {
   Advance(10);
   ASSERT_TRUE(Service([&] { return probe.Seen.size() == 4; }));
   EXPECT_EQ(probe.Seen.back(), &d);
+}
+
+// Thousands of entries with many equal ticks run in the order of the plain list: each inserted
+// before the first entry whose tick is not lower.
+TEST_F(ServiceThreads, ForegroundOrderMatchesTheListModel) {
+  constexpr std::size_t N = 3000;
+  TProbe probe;
+  auto payloads = std::make_unique<TProbe[]>(N);
+  std::vector<std::pair<Cardinal, TObject*>> model;
+  std::minstd_rand random(7);
+  TQUMAForegroundSyncThread* worker = ForegroundSync();
+  for (std::size_t i = 0; i < N; ++i) {
+    const Cardinal delay = random() % 40;
+    worker->QueueSyncCallback(Bind<&TProbe::Hit>(&probe), &payloads[i], delay);
+    const Cardinal tick = TThread::GetTickCount() + delay;
+    auto at = std::find_if(model.begin(), model.end(), [&](const auto& e) { return e.first >= tick; });
+    model.insert(at, {tick, &payloads[i]});
+  }
+  Advance(40);
+  ASSERT_TRUE(Service([&] { return probe.Seen.size() == N; }));
+  std::vector<TObject*> expected;
+  for (const auto& e : model) expected.push_back(e.second);
+  EXPECT_EQ(probe.Seen, expected);
 }
 
 TEST_F(ServiceThreads, ForegroundTicksWrapLateNotEarly) {
@@ -276,6 +301,63 @@ TEST_F(ServiceThreads, DisposalOrderFollowsTheTieRules) {
   disposer->Poke();
   ASSERT_TRUE(WaitFreed(6));
   EXPECT_EQ(Freed(), (std::vector<int>{3, 5, 1, 6, 2, 4}));
+}
+
+// Thousands of objects, many due at the same time, some rescheduled or cancelled, are freed in the
+// order of the plain list with its binary-search insert.
+TEST_F(ServiceThreads, DisposalOrderMatchesTheListModel) {
+  gFreed.clear();
+  constexpr int N = 5000;
+  std::vector<std::pair<UInt64, int>> model;
+  auto insert = [&](UInt64 due, int tag) {
+    std::size_t pos = model.size();
+    if (!model.empty() && due < model.back().first) {
+      std::ptrdiff_t lo = -1, hi = static_cast<std::ptrdiff_t>(model.size());
+      pos = SIZE_MAX;
+      while (hi - lo > 1 && pos == SIZE_MAX) {
+        const std::ptrdiff_t mid = lo + (hi - lo) / 2;
+        const UInt64 t = model[static_cast<std::size_t>(mid)].first;
+        if (due == t) pos = static_cast<std::size_t>(mid);
+        else if (due < t) hi = mid;
+        else lo = mid;
+      }
+      if (pos == SIZE_MAX) pos = static_cast<std::size_t>(hi);
+    }
+    model.insert(model.begin() + static_cast<std::ptrdiff_t>(pos), {due, tag});
+  };
+  auto erase = [&](int tag) { std::erase_if(model, [&](const auto& e) { return e.second == tag; }); };
+  auto disposer = MakeObject<TQUMADeferredDisposalThread>();
+  disposer->SetSuspendDisposals(true);
+  std::vector<TTagged*> objects;
+  std::minstd_rand random(11);
+  for (int i = 0; i < N; ++i) {
+    const Cardinal delay = random() % 30;
+    const int pick = static_cast<int>(random() % 8);
+    if (pick == 0 && !objects.empty()) {  // reschedule an earlier one
+      TTagged* again = objects[random() % objects.size()];
+      disposer->DisposeAfterDelay(again, delay);
+      erase(again->Tag);
+      insert(gClock + delay, again->Tag);
+    } else if (pick == 1 && !objects.empty()) {  // cancel one and free it here
+      const std::size_t at = random() % objects.size();
+      disposer->CancelDisposal(objects[at]);
+      erase(objects[at]->Tag);
+      Free(objects[at]);
+      objects.erase(objects.begin() + static_cast<std::ptrdiff_t>(at));
+    } else {
+      objects.push_back(New<TTagged>(i));
+      disposer->DisposeAfterDelay(objects.back(), delay);
+      insert(gClock + delay, i);
+    }
+    if (i % 500 == 0) gClock += 1;
+  }
+  gFreed.clear();
+  gClock += 100;
+  disposer->SetSuspendDisposals(false);
+  ASSERT_TRUE(WaitFreed(model.size()));
+  std::vector<int> expected;
+  for (const auto& e : model) expected.push_back(e.second);
+  EXPECT_EQ(Freed(), expected);
 }
 
 TEST_F(ServiceThreads, DisposalScheduleOperations) {
