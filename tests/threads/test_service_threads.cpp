@@ -82,26 +82,25 @@ void ServiceThreads::Retire() {
 
 }  // namespace
 
-TEST_F(ServiceThreads, ForegroundOrderTiesAndCancelling) {
-  TProbe probe;
-  TProbe a, b, c, d, e;
+TEST_F(ServiceThreads, ForegroundCancellingAndExceptions) {
+  TProbe probe, other, a, b, e;
   const TNotifyEvent hit = Bind<&TProbe::Hit>(&probe);
-  QUMAQueueForegroundCallback(hit, &a, 10);
-  QUMAQueueForegroundCallback(hit, &b, 10);
-  QUMAQueueForegroundCallback(hit, &d, 20ms);
   QUMAQueueForegroundCallback(hit, &e, 10);
-  TProbe other;
   QUMAQueueForegroundCallback(Bind<&TProbe::Hit>(&other), &e, 10);  // same payload, other callback
-  QUMAQueueForegroundCallback(hit, &c, 0);
-  ForegroundSync()->CancelSyncCallback(hit, &e, 999);  // the delay takes no part
-  ASSERT_TRUE(Service([&] { return probe.Seen.size() == 1; }));
+  QUMAQueueForegroundCallback(hit, &b, 20ms);
+  QUMAQueueForegroundCallback(hit, &a, 20);
+  QUMAQueueForegroundCallback(Bind<&TProbe::Boom>(&probe), &a, 20);  // first of its batch; throws
+  ForegroundSync()->CancelSyncCallback(hit, &e, 999);                // the delay takes no part
   Advance(10);
-  ASSERT_TRUE(Service([&] { return probe.Seen.size() == 3 && other.Seen.size() == 1; }));
-  EXPECT_EQ(probe.Seen, (std::vector<TObject*>{&c, &b, &a}));  // equal due ticks: newest first
-  EXPECT_EQ(other.Seen, std::vector<TObject*>{&e});
+  ASSERT_TRUE(Service([&] { return other.Seen.size() == 1; }));
+  EXPECT_TRUE(probe.Seen.empty());
   Advance(10);
-  ASSERT_TRUE(Service([&] { return probe.Seen.size() == 4; }));
-  EXPECT_EQ(probe.Seen.back(), &d);
+  ASSERT_TRUE(Service([&] { return !probe.Seen.empty(); }));
+  std::this_thread::sleep_for(20ms);
+  CheckSynchronize();
+  EXPECT_EQ(probe.Seen, std::vector<TObject*>{&a});  // the rest of the batch was dropped
+  QUMAQueueForegroundCallback(hit, &b, 0);           // the worker lives on
+  EXPECT_TRUE(Service([&] { return probe.Seen.size() == 2; }));
 }
 
 // Thousands of entries with many equal ticks run in the order of the plain list: each inserted
@@ -141,20 +140,6 @@ TEST_F(ServiceThreads, ForegroundTicksWrapLateNotEarly) {
   CheckSynchronize();
   EXPECT_EQ(probe.Seen.size(), 1u);
   ForegroundSync()->CancelSyncCallback(hit, &early);
-}
-
-TEST_F(ServiceThreads, ForegroundExceptionDropsTheRestOfItsBatch) {
-  TProbe probe;
-  TProbe first, second, third;
-  QUMAQueueForegroundCallback(Bind<&TProbe::Hit>(&probe), &third, 0);
-  QUMAQueueForegroundCallback(Bind<&TProbe::Hit>(&probe), &second, 0);
-  QUMAQueueForegroundCallback(Bind<&TProbe::Boom>(&probe), &first, 0);  // runs first, throws
-  ASSERT_TRUE(Service([&] { return !probe.Seen.empty(); }));
-  std::this_thread::sleep_for(20ms);
-  CheckSynchronize();
-  EXPECT_EQ(probe.Seen, std::vector<TObject*>{&first});
-  QUMAQueueForegroundCallback(Bind<&TProbe::Hit>(&probe), &second, 0);  // the worker lives on
-  EXPECT_TRUE(Service([&] { return probe.Seen.size() == 2; }));
 }
 
 TEST_F(ServiceThreads, ForegroundWorkerRetiresWhenIdleAndIsRecreated) {
@@ -286,44 +271,21 @@ class TDisposals : public TObject {
 
 }  // namespace
 
-TEST_F(ServiceThreads, DisposalOrderFollowsTheTieRules) {
-  gFreed.clear();
-  auto disposer = MakeObject<TQUMADeferredDisposalThread>();
-  auto schedule = [&](int tag, Cardinal ms) { disposer->DisposeAfterDelay(New<TTagged>(tag), ms); };
-  schedule(1, 10);   // [1]
-  schedule(2, 20);   // [1 2]
-  schedule(3, 10);   // the search meets 1 first: [3 1 2]
-  schedule(4, 20);   // equal to the last: appended [3 1 2 4]
-  schedule(5, 10);   // meets 1 at the middle probe: [3 5 1 2 4]
-  schedule(6, 15);   // no equal entry: [3 5 1 6 2 4]
-  EXPECT_EQ(disposer->ScheduledCount(), 6u);
-  gClock += 20;
-  disposer->Poke();
-  ASSERT_TRUE(WaitFreed(6));
-  EXPECT_EQ(Freed(), (std::vector<int>{3, 5, 1, 6, 2, 4}));
-}
-
 // Thousands of objects, many due at the same time, some rescheduled or cancelled, are freed in the
 // order of the plain list with its binary-search insert.
 TEST_F(ServiceThreads, DisposalOrderMatchesTheListModel) {
   gFreed.clear();
   constexpr int N = 5000;
   std::vector<std::pair<UInt64, int>> model;
-  auto insert = [&](UInt64 due, int tag) {
-    std::size_t pos = model.size();
-    if (!model.empty() && due < model.back().first) {
-      std::ptrdiff_t lo = -1, hi = static_cast<std::ptrdiff_t>(model.size());
-      pos = SIZE_MAX;
-      while (hi - lo > 1 && pos == SIZE_MAX) {
-        const std::ptrdiff_t mid = lo + (hi - lo) / 2;
-        const UInt64 t = model[static_cast<std::size_t>(mid)].first;
-        if (due == t) pos = static_cast<std::size_t>(mid);
-        else if (due < t) hi = mid;
-        else lo = mid;
-      }
-      if (pos == SIZE_MAX) pos = static_cast<std::size_t>(hi);
+  auto insert = [&](UInt64 due, int tag) {  // appended after an equal last entry, else bisected
+    std::ptrdiff_t lo = -1, hi = std::ssize(model);
+    while (!model.empty() && due < model.back().first && hi - lo > 1) {
+      const std::ptrdiff_t mid = lo + (hi - lo) / 2;
+      const UInt64 t = model[static_cast<std::size_t>(mid)].first;
+      if (due == t) hi = lo = mid;  // goes before the equal entry it met
+      else (due < t ? hi : lo) = mid;
     }
-    model.insert(model.begin() + static_cast<std::ptrdiff_t>(pos), {due, tag});
+    model.insert(model.begin() + hi, {due, tag});
   };
   auto erase = [&](int tag) { std::erase_if(model, [&](const auto& e) { return e.second == tag; }); };
   auto disposer = MakeObject<TQUMADeferredDisposalThread>();
