@@ -95,7 +95,6 @@ class TLateFinisher : public TThread {
  public:
   TLateFinisher() : TThread(false) {}
   ~TLateFinisher() override { gLateDestroyed = true; }
-  std::atomic<bool> SawDestroyed{false};
   std::atomic<bool>* Report = nullptr;
   std::atomic<bool> Running{false};
 
@@ -244,25 +243,4 @@ TEST(Threads, EventsTicksAndDurations) {
   EXPECT_EQ(DurationToMilliseconds(-3s), 0u);
   EXPECT_EQ(DurationToMilliseconds(2s), 2000u);
   EXPECT_EQ(DurationToMilliseconds(std::chrono::hours(24 * 365)), INFINITE - 1);
-}
-
-namespace {
-std::atomic<bool> gSelfFreeingDestroyed{false};
-class TSelfFreeing : public TThread {
-  QUMA_CLASS(TSelfFreeing, TThread)
- public:
-  TSelfFreeing() : TThread(true) { SetFreeOnTerminate(true); }
-  ~TSelfFreeing() override { gSelfFreeingDestroyed = true; }
-
- protected:
-  void Execute() override {}
-};
-}  // namespace
-
-TEST(Threads, FreeOnTerminateThreadFreesItself) {
-  gSelfFreeingDestroyed = false;
-  auto* t = New<TSelfFreeing>();
-  t->Start();
-  for (int i = 0; i < 500 && !gSelfFreeingDestroyed; ++i) std::this_thread::sleep_for(2ms);
-  EXPECT_TRUE(gSelfFreeingDestroyed);
 }
