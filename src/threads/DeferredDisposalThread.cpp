@@ -8,6 +8,8 @@
 
 #include <quma/Monitor.h>
 
+#include "detail/Block.h"
+
 
 namespace quma {
 
@@ -55,7 +57,7 @@ class TDisposalSchedule {
     }
     auto [b, offset] = Locate(pos);
     TBlock& block = FBlocks[b];
-    block.Items.insert(block.Items.begin() + static_cast<std::ptrdiff_t>(block.Head + offset), TEntry{due, obj});
+    block.InsertAt(offset, TEntry{due, obj});
     FLast[b] = block.Back().Due;
     ++FCount;
     if (block.Size() > BlockMax)
@@ -126,18 +128,8 @@ class TDisposalSchedule {
  private:
   static constexpr std::size_t BlockMax = 512;
 
-  // Entries before Head have been taken from the front; they are dropped in bulk.
-  struct TBlock {
-    std::vector<TEntry> Items;
-    std::size_t Head = 0;
-    std::size_t Size() const noexcept { return Items.size() - Head; }
-    TEntry* Begin() noexcept { return Items.data() + Head; }
-    TEntry* End() noexcept { return Items.data() + Items.size(); }
-    const TEntry* Begin() const noexcept { return Items.data() + Head; }
-    const TEntry* End() const noexcept { return Items.data() + Items.size(); }
-    const TEntry& Front() const noexcept { return Items[Head]; }
-    const TEntry& Back() const noexcept { return Items.back(); }
-  };
+  using TBlock = detail::TBlock<TEntry>;
+
 
   // The block holding position pos and the offset in it; a position between two blocks belongs
   // to the end of the first.
@@ -171,14 +163,8 @@ class TDisposalSchedule {
   }
 
   void Split(std::size_t b) {
-    TBlock& full = FBlocks[b];
-    TBlock upper;
-    const TEntry* middle = full.Begin() + full.Size() / 2;
-    upper.Items.assign(middle, static_cast<const TEntry*>(full.End()));
-    full.Items.erase(full.Items.begin() + (middle - full.Items.data()), full.Items.end());
-    full.Items.erase(full.Items.begin(), full.Items.begin() + static_cast<std::ptrdiff_t>(full.Head));
-    full.Head = 0;
-    FLast[b] = full.Back().Due;
+    TBlock upper = FBlocks[b].SplitOff();
+    FLast[b] = FBlocks[b].Back().Due;
     FLast.insert(FLast.begin() + static_cast<std::ptrdiff_t>(b) + 1, upper.Back().Due);
     FBlocks.insert(FBlocks.begin() + static_cast<std::ptrdiff_t>(b) + 1, std::move(upper));
     RebuildTree();
@@ -189,15 +175,7 @@ class TDisposalSchedule {
     TObject* obj = block.Begin()[offset].Object;
     FDue.erase(obj);
     --FCount;
-    if (offset == 0) {
-      ++block.Head;  // the worker takes from the front: no shift
-      if (block.Head > BlockMax / 2 && block.Head * 2 > block.Items.size()) {
-        block.Items.erase(block.Items.begin(), block.Items.begin() + static_cast<std::ptrdiff_t>(block.Head));
-        block.Head = 0;
-      }
-    } else {
-      block.Items.erase(block.Items.begin() + static_cast<std::ptrdiff_t>(block.Head + offset));
-    }
+    block.EraseAt(offset);  // the worker takes from the front: no shift
     if (block.Size() == 0) {
       FBlocks.erase(FBlocks.begin() + static_cast<std::ptrdiff_t>(b));
       FLast.erase(FLast.begin() + static_cast<std::ptrdiff_t>(b));

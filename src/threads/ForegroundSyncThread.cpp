@@ -1,14 +1,15 @@
 #include <quma/ForegroundSyncThread.h>
 
 #include <algorithm>
+#include <bit>
+#include <cstdint>
 #include <functional>
 #include <mutex>
-#include <unordered_map>
 #include <vector>
 
 #include <quma/Monitor.h>
 
-#include "detail/SequenceTree.h"
+#include "detail/Block.h"
 
 namespace quma {
 
@@ -16,24 +17,11 @@ namespace quma {
 
 namespace detail {
 
-struct TForegroundNode : TSequenceNode<TForegroundNode> {
-  TObjectPtr<TQUMADeferredCallback> Entry;
-  Cardinal Tick = 0;
-  Cardinal MaxTick = 0;  // largest Tick in this subtree, for the insertion search
-  TForegroundNode* KeyPrev = nullptr;  // entries with the same callback and payload
-  TForegroundNode* KeyNext = nullptr;
-
-  void Pull() noexcept {
-    MaxTick = Tick;
-    if (Left) MaxTick = std::max(MaxTick, Left->MaxTick);
-    if (Right) MaxTick = std::max(MaxTick, Right->MaxTick);
-  }
-};
-
-// The queue in list order. Insertion goes before the first entry whose tick is not lower
-// (unsigned), as a scan from the head would find it, even where keep-alive entries appended at the
-// end or a wrapped tick counter leave the order unsorted; the subtree maxima find that entry in
-// logarithmic time. Cancelling looks entries up by callback and payload.
+// The queue in list order, as a row of blocks of at most BlockMax entries. Insertion goes before
+// the first entry whose tick is not lower (unsigned), as a scan from the head would find it, even
+// where keep-alive entries appended at the end or a wrapped tick counter leave the order unsorted:
+// a tree of block maxima names the first block holding such an entry, and a scan of that block
+// the entry. Cancelling scans the whole queue, as the list does.
 class TForegroundQueue {
  public:
   TForegroundQueue() = default;
@@ -41,97 +29,126 @@ class TForegroundQueue {
   TForegroundQueue& operator=(const TForegroundQueue&) = delete;
   ~TForegroundQueue() { Clear(); }
 
-  bool Empty() const noexcept { return FTree.Empty(); }
-  std::size_t Count() const noexcept { return FTree.Count(); }
-  const TQUMADeferredCallback* Head() const noexcept { return Empty() ? nullptr : FTree.First()->Entry.get(); }
+  bool Empty() const noexcept { return FCount == 0; }
+  std::size_t Count() const noexcept { return FCount; }
+  const TQUMADeferredCallback* Head() const noexcept { return Empty() ? nullptr : FBlocks.front().Front().Entry; }
 
   void InsertSorted(TObjectPtr<TQUMADeferredCallback> entry) {
     const Cardinal tick = entry->TickTime();
-    Add(std::move(entry), FirstNotBelow(tick));
+    const std::size_t b = FirstBlockNotBelow(tick);
+    if (b == FBlocks.size()) return Append(std::move(entry));
+    const TItemBlock& block = FBlocks[b];
+    const auto at = std::find_if(block.Begin(), block.End(), [&](const TItem& i) { return i.Tick >= tick; });
+    Insert(b, static_cast<std::size_t>(at - block.Begin()), std::move(entry));
   }
-  void InsertFront(TObjectPtr<TQUMADeferredCallback> entry) { Add(std::move(entry), 0); }
-  void Append(TObjectPtr<TQUMADeferredCallback> entry) { Add(std::move(entry), Count()); }
+  void InsertFront(TObjectPtr<TQUMADeferredCallback> entry) { Insert(0, 0, std::move(entry)); }
+  void Append(TObjectPtr<TQUMADeferredCallback> entry) {
+    Insert(FBlocks.empty() ? 0 : FBlocks.size() - 1, FBlocks.empty() ? 0 : FBlocks.back().Size(), std::move(entry));
+  }
 
-  TObjectPtr<TQUMADeferredCallback> TakeHead() {
-    TForegroundNode* node = FTree.First();
-    FTree.Erase(node);
-    Unindex(node);
-    std::unique_ptr<TForegroundNode> owned(node);
-    return std::move(node->Entry);
-  }
+  TObjectPtr<TQUMADeferredCallback> TakeHead() { return TObjectPtr<TQUMADeferredCallback>(EraseAt(0, 0)); }
 
   void Cancel(TNotifyEvent fnCallback, TObject* pPayload) {
-    auto it = FByKey.find(TKey{fnCallback.Raw(), pPayload});
-    if (it == FByKey.end()) return;
-    TForegroundNode* node = it->second;
-    FByKey.erase(it);
-    while (node) {
-      std::unique_ptr<TForegroundNode> owned(node);
-      node = node->KeyNext;
-      FTree.Erase(owned.get());
-    }
-  }
-
-  void Clear() {
-    FByKey.clear();
-    for (TForegroundNode* node : FTree.TakeAll()) delete node;
-  }
-
- private:
-  struct TKey {
-    TMethodData Callback;
-    TObject* Payload;
-    friend bool operator==(const TKey&, const TKey&) noexcept = default;
-  };
-  struct THashKey {
-    std::size_t operator()(const TKey& k) const noexcept {
-      const std::hash<const void*> h;
-      return h(k.Callback.Code) ^ (h(k.Callback.Data) * 31) ^ (h(k.Payload) * 1021);
-    }
-  };
-
-  std::size_t FirstNotBelow(Cardinal tick) const noexcept {
-    const TForegroundNode* n = FTree.Root();
-    if (!n || n->MaxTick < tick) return Count();
-    std::size_t pos = 0;
-    for (;;) {
-      if (n->Left && n->Left->MaxTick >= tick) {
-        n = n->Left;
-      } else if (n->Tick >= tick) {
-        return pos + FTree.SizeOf(n->Left);
+    for (std::size_t b = 0; b < FBlocks.size();) {
+      TItemBlock& block = FBlocks[b];
+      std::size_t offset = 0;
+      for (const TItem* i = block.Begin(); i != block.End(); ++i, ++offset)
+        if (i->Entry->Payload() == pPayload && i->Entry->Callback() == fnCallback) break;
+      if (offset == block.Size()) {
+        ++b;
       } else {
-        pos += FTree.SizeOf(n->Left) + 1;
-        n = n->Right;
+        const std::size_t before = FBlocks.size();
+        Free(EraseAt(b, offset));
+        if (FBlocks.size() < before) continue;  // the block went: b names the next one
       }
     }
   }
 
-  void Add(TObjectPtr<TQUMADeferredCallback> entry, std::size_t pos) {
-    auto node = std::make_unique<TForegroundNode>();
-    node->Tick = entry->TickTime();
-    TForegroundNode*& head = FByKey[TKey{entry->Callback().Raw(), entry->Payload()}];
-    node->Entry = std::move(entry);
-    node->KeyNext = head;
-    if (head) head->KeyPrev = node.get();
-    head = node.get();
-    FTree.InsertAt(pos, node.release());
+  void Clear() {
+    for (TItemBlock& block : FBlocks)
+      for (TItem* i = block.Begin(); i != block.End(); ++i) Free(i->Entry);
+    FBlocks.clear();
+    FMax.clear();
+    FCount = 0;
+    RebuildMaxima();
   }
 
-  void Unindex(TForegroundNode* node) {
-    if (node->KeyNext) node->KeyNext->KeyPrev = node->KeyPrev;
-    if (node->KeyPrev) {
-      node->KeyPrev->KeyNext = node->KeyNext;
-    } else {
-      auto it = FByKey.find(TKey{node->Entry->Callback().Raw(), node->Entry->Payload()});
-      if (node->KeyNext)
-        it->second = node->KeyNext;
-      else
-        FByKey.erase(it);
+ private:
+  struct TItem {
+    Cardinal Tick;
+    TQUMADeferredCallback* Entry;  // owned
+  };
+  using TItemBlock = TBlock<TItem>;
+  static constexpr std::size_t BlockMax = 512;
+
+  static Cardinal MaxOf(const TItemBlock& block) noexcept {
+    Cardinal m = 0;
+    for (const TItem* i = block.Begin(); i != block.End(); ++i) m = std::max(m, i->Tick);
+    return m;
+  }
+
+  // Segment tree over the block maxima (a missing block counts as -1, below every tick).
+  std::size_t FirstBlockNotBelow(Cardinal tick) const noexcept {
+    if (FBlocks.empty() || FTree[1] < static_cast<std::int64_t>(tick)) return FBlocks.size();
+    std::size_t i = 1;
+    while (i < FLeaves) i = FTree[2 * i] >= static_cast<std::int64_t>(tick) ? 2 * i : 2 * i + 1;
+    return i - FLeaves;
+  }
+  void SetMax(std::size_t b, Cardinal value) noexcept {
+    FMax[b] = value;
+    std::size_t i = FLeaves + b;
+    FTree[i] = value;
+    for (i /= 2; i; i /= 2) FTree[i] = std::max(FTree[2 * i], FTree[2 * i + 1]);
+  }
+  void RebuildMaxima() {
+    FLeaves = std::bit_ceil(std::max<std::size_t>(FBlocks.size(), 1));
+    FTree.assign(2 * FLeaves, -1);
+    for (std::size_t b = 0; b < FMax.size(); ++b) FTree[FLeaves + b] = FMax[b];
+    for (std::size_t i = FLeaves - 1; i; --i) FTree[i] = std::max(FTree[2 * i], FTree[2 * i + 1]);
+  }
+
+  void Insert(std::size_t b, std::size_t offset, TObjectPtr<TQUMADeferredCallback> entry) {
+    const Cardinal tick = entry->TickTime();
+    if (FBlocks.empty()) {
+      FBlocks.emplace_back();
+      FMax.push_back(tick);
+      RebuildMaxima();
+    }
+    TItemBlock& block = FBlocks[b];
+    block.InsertAt(offset, TItem{tick, entry.release()});
+    ++FCount;
+    if (block.Size() > BlockMax) {
+      TItemBlock upper = block.SplitOff();
+      FMax[b] = MaxOf(block);
+      FMax.insert(FMax.begin() + static_cast<std::ptrdiff_t>(b) + 1, MaxOf(upper));
+      FBlocks.insert(FBlocks.begin() + static_cast<std::ptrdiff_t>(b) + 1, std::move(upper));
+      RebuildMaxima();
+    } else if (tick > FMax[b]) {
+      SetMax(b, tick);
     }
   }
 
-  TSequenceTree<TForegroundNode> FTree;
-  std::unordered_map<TKey, TForegroundNode*, THashKey> FByKey;
+  // Unlinks the entry at (b, offset) and hands it over.
+  TQUMADeferredCallback* EraseAt(std::size_t b, std::size_t offset) {
+    TItemBlock& block = FBlocks[b];
+    const TItem item = block.Begin()[offset];
+    block.EraseAt(offset);
+    --FCount;
+    if (block.Size() == 0) {
+      FBlocks.erase(FBlocks.begin() + static_cast<std::ptrdiff_t>(b));
+      FMax.erase(FMax.begin() + static_cast<std::ptrdiff_t>(b));
+      RebuildMaxima();
+    } else if (item.Tick == FMax[b]) {
+      SetMax(b, MaxOf(block));
+    }
+    return item.Entry;
+  }
+
+  std::vector<TItemBlock> FBlocks;
+  std::vector<Cardinal> FMax;       // each block's largest tick
+  std::vector<std::int64_t> FTree;  // segment tree over FMax, FLeaves leaves
+  std::size_t FLeaves = 1;
+  std::size_t FCount = 0;
 };
 
 }  // namespace detail
