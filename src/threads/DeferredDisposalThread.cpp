@@ -10,7 +10,6 @@
 
 #include "detail/Block.h"
 
-
 namespace quma {
 
 namespace detail {

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <bit>
 #include <cstdint>
-#include <functional>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include <quma/Monitor.h>

@@ -10,6 +10,7 @@
 // never under its lock.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 
