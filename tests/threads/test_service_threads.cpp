@@ -333,7 +333,7 @@ TEST_F(ServiceThreads, DisposalScheduleOperations) {
   disposer->DisposeAfterDelay(again, 5);
   disposer->DisposeAfterDelay(again, 50);  // one entry, due at the later time
   auto* passed = New<TTagged>(2);
-  disposer->DisposeAfterDelayWithCallback(passed, 5, Bind<&TDisposals::Take>(&sink));
+  disposer->DisposeAfterDelayWithCallback(passed, 5ms, Bind<&TDisposals::Take>(&sink));
   EXPECT_THROW(disposer->DisposeAfterDelayWithCallback(passed, 5, Bind<&TDisposals::Take>(&sink)), EListError);
   auto* kept = New<TTagged>(3);
   disposer->DisposeAfterDelayWithCallback(kept, 5, Bind<&TDisposals::Take>(&sink));
