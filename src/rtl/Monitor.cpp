@@ -32,4 +32,10 @@ bool TRecursiveLock::TryEnter(std::chrono::milliseconds timeout) noexcept {
   return false;
 }
 
+void TMonitor::Exit(const TObject* obj) {
+  TRecursiveLock& lock = obj->MonitorLock();
+  if (!lock.HeldByCurrentThread()) throw EMonitorLockException(u"Object lock not owned");
+  lock.Leave();
+}
+
 }  // namespace quma

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include <quma/Object.h>
+#include <quma/SysUtils.h>
 #include <quma/System.h>
 
 namespace quma {
@@ -76,14 +77,18 @@ class TRecursiveLock {
   std::uint32_t FDepth = 0;  // only touched by the owner
 };
 
-// The host monitor: a re-entrant lock owned by any object.
+// The host's lock error: a monitor left by a thread that does not hold it.
+QUMA_DECLARE_EXCEPTION(EMonitorLockException, Exception);
+
+// The host monitor: a re-entrant lock owned by any object. Exit by a thread that does not hold
+// the lock raises EMonitorLockException ("Object lock not owned") and leaves the lock as it was.
 struct TMonitor {
   static void Enter(const TObject* obj) { obj->MonitorLock().Enter(); }
   static bool TryEnter(const TObject* obj) { return obj->MonitorLock().TryEnter(); }
   static bool TryEnter(const TObject* obj, std::chrono::milliseconds timeout) {
     return obj->MonitorLock().TryEnter(timeout);
   }
-  static void Exit(const TObject* obj) { obj->MonitorLock().Leave(); }
+  static void Exit(const TObject* obj);
 };
 
 // Scope guard for a monitor or recursive lock.

@@ -143,6 +143,9 @@ class TObject {
   // Free asks this first. An object whose destruction is already under way further up the stack
   // answers false, so that a nested Free does nothing and the outer one releases the memory.
   virtual bool EnterDestruction() noexcept { return true; }
+  // Runs once AfterConstruction has returned, for a base class that may act only when every
+  // override of AfterConstruction has finished (a thread starts its worker here).
+  virtual void Constructed() {}
 
  private:
   friend void Free(const TObject* obj);
@@ -165,6 +168,7 @@ T* New(A&&... args) {
   T* obj = new T(std::forward<A>(args)...);
   try {
     obj->AfterConstruction();
+    static_cast<TObject*>(obj)->Constructed();
   } catch (...) {
     delete static_cast<TObject*>(obj);
     throw;

@@ -1,10 +1,17 @@
 #include <quma/Threads.h>
 
 #include <pthread.h>
+#include <sys/eventfd.h>
 #include <time.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <deque>
 #include <string>
+#include <vector>
+
+#include <quma/Strings.h>
 
 namespace quma {
 
@@ -69,6 +76,8 @@ namespace {
 
 struct TSyncRequest {
   TThreadMethod Method;
+  TThread* Thread = nullptr;  // the thread the request belongs to (RemoveQueuedEvents)
+  UInt64 Serial = 0;
   bool Waiting = false;  // Synchronize (true) or Queue (false)
   bool Done = false;
   std::exception_ptr Error;
@@ -77,10 +86,28 @@ struct TSyncRequest {
 struct TSyncQueue {
   std::mutex Lock;
   std::condition_variable Arrived;    // the main thread waits for requests
-  std::condition_variable Completed;  // workers wait for their request
+  std::condition_variable Completed;  // workers wait for their request, and freeing threads for
+                                      // their running queued method
   // Synchronize requests live on the waiting thread's stack; queued ones are owned by the queue.
   std::deque<TSyncRequest*> Pending;
+  std::vector<const TSyncRequest*> Running;  // nested CheckSynchronize calls stack up here
+  UInt64 NextSerial = 0;
   TNotifyEvent WakeHook;
+  // Readable exactly while Pending is non-empty: written on the first arrival, drained when the
+  // last request is taken (both under Lock).
+  const int EventFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+
+  void Signal() const noexcept {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] auto n = ::write(EventFd, &one, sizeof one);
+  }
+  void Drain() const noexcept {
+    std::uint64_t value;
+    [[maybe_unused]] auto n = ::read(EventFd, &value, sizeof value);
+  }
+  bool IsRunning(const TThread* thread) const noexcept {
+    return std::any_of(Running.begin(), Running.end(), [&](const TSyncRequest* r) { return r->Thread == thread; });
+  }
 };
 
 TSyncQueue& SyncQueue() {
@@ -96,6 +123,8 @@ void Post(TSyncRequest* request) {
   TNotifyEvent hook;
   {
     std::lock_guard lock(q.Lock);
+    request->Serial = q.NextSerial++;
+    if (q.Pending.empty()) q.Signal();
     q.Pending.push_back(request);
     hook = q.WakeHook;
   }
@@ -108,6 +137,7 @@ void Post(TSyncRequest* request) {
 std::thread::id MainThreadID() noexcept { return gMainThread.load(std::memory_order_acquire); }
 void SetMainThread() noexcept { gMainThread.store(std::this_thread::get_id(), std::memory_order_release); }
 bool IsMainThread() noexcept { return std::this_thread::get_id() == MainThreadID(); }
+int SyncEventFd() noexcept { return SyncQueue().EventFd; }
 
 void SetWakeMainThread(TNotifyEvent hook) {
   auto& q = SyncQueue();
@@ -116,46 +146,58 @@ void SetWakeMainThread(TNotifyEvent hook) {
 }
 
 bool CheckSynchronize(Cardinal Timeout) {
+  if (!IsMainThread())
+    throw EThread(Format(u"CheckSynchronize called from thread $%X, which is NOT the main thread",
+                         static_cast<Int64>(::gettid())));
   auto& q = SyncQueue();
-  std::deque<TSyncRequest*> batch;
-  {
-    std::unique_lock lock(q.Lock);
-    if (q.Pending.empty() && Timeout > 0) {
-      auto ready = [&] { return !q.Pending.empty(); };
-      if (Timeout == INFINITE)
-        q.Arrived.wait(lock, ready);
-      else
-        q.Arrived.wait_for(lock, std::chrono::milliseconds(Timeout), ready);
-    }
-    batch.swap(q.Pending);
+  std::unique_lock lock(q.Lock);
+  if (q.Pending.empty() && Timeout > 0) {
+    auto ready = [&] { return !q.Pending.empty(); };
+    if (Timeout == INFINITE)
+      q.Arrived.wait(lock, ready);
+    else
+      q.Arrived.wait_for(lock, std::chrono::milliseconds(Timeout), ready);
   }
-  const bool ran = !batch.empty();
-  for (TSyncRequest* request : batch) {
+  // Only what waits now: a worker that keeps queueing cannot hold the main thread here for ever.
+  const UInt64 limit = q.NextSerial;
+  bool ran = false;
+  // One request at a time, each taken only when the previous one has returned, so that a nested
+  // call (WaitFor or Free inside a synchronised method) finds the rest still waiting.
+  while (!q.Pending.empty() && q.Pending.front()->Serial < limit) {
+    TSyncRequest* request = q.Pending.front();
+    q.Pending.pop_front();
+    if (q.Pending.empty()) q.Drain();
+    q.Running.push_back(request);
+    lock.unlock();
+    ran = true;
+    std::exception_ptr error;
     try {
       if (request->Method) request->Method();
     } catch (...) {
-      if (request->Waiting) request->Error = std::current_exception();
-      // A queued call has nobody to report to; its exception is dropped.
+      error = std::current_exception();  // a queued call has nobody to report to: dropped
     }
+    lock.lock();
+    std::erase(q.Running, request);
     if (request->Waiting) {
       // The waiter owns the request and may leave as soon as Done is set: touch it no more.
-      std::lock_guard lock(q.Lock);
+      request->Error = std::move(error);
       request->Done = true;
     } else {
       delete request;
     }
+    q.Completed.notify_all();
   }
-  if (ran) q.Completed.notify_all();
   return ran;
 }
 
-void TThread::Synchronize(TThread*, TThreadMethod AMethod) {
+void TThread::Synchronize(TThread* AThread, TThreadMethod AMethod) {
   if (IsMainThread()) {
     if (AMethod) AMethod();
     return;
   }
   TSyncRequest request;
   request.Method = AMethod;
+  request.Thread = AThread;
   request.Waiting = true;
   Post(&request);
   auto& q = SyncQueue();
@@ -166,14 +208,29 @@ void TThread::Synchronize(TThread*, TThreadMethod AMethod) {
   if (request.Error) std::rethrow_exception(request.Error);
 }
 
-void TThread::Queue(TThread*, TThreadMethod AMethod) {
+void TThread::Queue(TThread* AThread, TThreadMethod AMethod) {
   if (IsMainThread()) {
     if (AMethod) AMethod();
     return;
   }
   auto* request = new TSyncRequest;
   request->Method = AMethod;
+  request->Thread = AThread;
   Post(request);
+}
+
+void TThread::RemoveQueuedEvents(TThread* AThread) {
+  auto& q = SyncQueue();
+  std::unique_lock lock(q.Lock);
+  std::erase_if(q.Pending, [&](TSyncRequest* r) {
+    if (r->Waiting || r->Thread != AThread) return false;
+    delete r;
+    return true;
+  });
+  if (q.Pending.empty()) q.Drain();
+  // A queued method of the thread may be running on the main thread right now. On the main thread
+  // it is further up this very stack (it frees its own thread), so only other threads wait.
+  if (!IsMainThread()) q.Completed.wait(lock, [&] { return !q.IsRunning(AThread); });
 }
 
 void TThread::NameThreadForDebugging(std::string_view name) {
@@ -187,22 +244,41 @@ TThread* TThread::CurrentThread() noexcept { return tlsCurrentThread; }
 
 TThread::TThread(bool CreateSuspended) : FCreateSuspended(CreateSuspended) {}
 
-void TThread::AfterConstruction() {
-  TObject::AfterConstruction();
-  if (!FCreateSuspended) Start();
+void TThread::Constructed() {
+  TObject::Constructed();
+  if (!FCreateSuspended && !Started()) Start();
+}
+
+void TThread::WaitUntilFinished() {
+  // A worker that synchronises with a main thread waiting here would deadlock: keep servicing.
+  auto& q = SyncQueue();
+  if (IsMainThread()) {
+    while (!Finished()) {
+      CheckSynchronize();
+      std::unique_lock lock(q.Lock);
+      q.Arrived.wait(lock, [&] { return !q.Pending.empty() || Finished(); });
+    }
+  } else {
+    std::unique_lock lock(q.Lock);
+    q.Completed.wait(lock, [&] { return Finished(); });
+  }
 }
 
 void TThread::BeforeDestruction() {
-  if (FHandle.joinable() && FHandle.get_id() != std::this_thread::get_id() && !Finished()) {
-    Terminate();
-    if (IsMainThread())
-      while (!Finished()) CheckSynchronize(5);
+  // Execute must be over before any destructor runs, whichever thread frees. A thread that frees
+  // itself (FreeOnTerminate) is past Execute already.
+  if (FHandle.joinable() && FHandle.get_id() != std::this_thread::get_id()) {
+    if (!Finished()) Terminate();
+    WaitUntilFinished();
+    FHandle.join();
   }
+  RemoveQueuedEvents(this);
   TObject::BeforeDestruction();
 }
 
 TThread::~TThread() {
-  // A thread that frees itself runs this on its own thread and is detached; anyone else waits.
+  // A thread that frees itself runs this on its own thread and is detached; BeforeDestruction has
+  // joined every other started thread unless construction failed half-way.
   if (FHandle.joinable()) {
     if (FHandle.get_id() == std::this_thread::get_id()) {
       FHandle.detach();
@@ -229,13 +305,9 @@ void TThread::Terminate() {
 
 Integer TThread::WaitFor() {
   if (FFreeOnTerminate) throw EThread(u"Cannot call WaitFor on a FreeOnTerminate thread");
-  if (FHandle.joinable()) {
-    if (FHandle.get_id() == std::this_thread::get_id()) throw EThread(u"Thread cannot wait for itself");
-    // A worker that synchronises with a main thread waiting here would deadlock: keep servicing.
-    if (IsMainThread()) {
-      while (!FFinished.load(std::memory_order_acquire)) CheckSynchronize(5);
-    }
-    FHandle.join();
+  if (Started()) {
+    if (ThreadID() == std::this_thread::get_id()) throw EThread(u"Thread cannot wait for itself");
+    WaitUntilFinished();
   }
   return FReturnValue;
 }
@@ -262,9 +334,20 @@ void TThread::ThreadProc(TThread* self) {
   } catch (...) {
     if (!self->FFatalException) self->FFatalException = std::current_exception();
   }
-  self->FFinished.store(true, std::memory_order_release);
   tlsCurrentThread = nullptr;
-  if (freeOnTerminate) Free(self);
+  if (freeOnTerminate) {
+    Free(self);
+    return;
+  }
+  // Set under the queue's lock and announced through its condition variables, so that a waiter
+  // cannot see the flag, free the object and leave us notifying through freed memory.
+  auto& q = SyncQueue();
+  {
+    std::lock_guard lock(q.Lock);
+    self->FFinished.store(true, std::memory_order_release);
+  }
+  q.Arrived.notify_all();
+  q.Completed.notify_all();
 }
 
 }  // namespace quma

@@ -1,10 +1,29 @@
 // Threads and synchronisation primitives of the runtime base layer.
 //
-// TThread runs Execute on a worker thread. Synchronize(method) runs a method on the main thread
-// while the calling worker blocks; the main thread services such requests by calling
-// CheckSynchronize() from its loop (or WaitForSynchronize, which sleeps until a request arrives).
-// A main thread that never does so never runs them, and a worker that calls Synchronize waits.
-// The main thread is the thread that loaded the library, unless SetMainThread says otherwise.
+// The threading contract:
+// - The main thread is the thread that loaded the library, unless SetMainThread names another.
+//   It alone calls CheckSynchronize (elsewhere it raises EThread and runs nothing). It services
+//   Synchronize/Queue requests by calling CheckSynchronize from its loop; a loop that sleeps in
+//   poll/epoll/select watches SyncEventFd(), which is readable while requests wait. A main thread
+//   that never does so never runs them, and a worker that calls Synchronize waits.
+// - CheckSynchronize runs the requests one at a time, in arrival order, and takes the next only
+//   after the previous one has returned. A synchronised method may therefore call CheckSynchronize
+//   again (directly, or through WaitFor or Free of another thread): the nested call runs the
+//   requests that are still waiting.
+// - Any thread may create, Start, Terminate, WaitFor and Free a TThread, and any number of threads
+//   may WaitFor the same thread. WaitFor and Free on the main thread keep servicing requests while
+//   they wait, so a worker blocked in Synchronize cannot deadlock them. A thread must not wait for
+//   itself, and a synchronised method must not wait for the thread whose Synchronize runs it (that
+//   thread is blocked until the method returns).
+// - Freeing a thread terminates it and waits for Execute (and OnTerminate) to return before any
+//   destructor runs, then drops the methods it queued that have not run yet; a queued method that
+//   is running at that moment on the main thread is waited for.
+// - A thread not created suspended starts once the most-derived AfterConstruction has returned.
+// - FreeOnTerminate threads free themselves on their own thread after OnTerminate; nobody else may
+//   WaitFor or Free them.
+// - Exceptions: one escaping Execute is kept in FatalException; one raised by a synchronised
+//   method is raised again in the thread that called Synchronize; one raised by a queued method is
+//   dropped.
 #pragma once
 
 #include <atomic>
@@ -72,15 +91,16 @@ class TThread : public TObject {
   // A thread not created suspended starts once construction has finished (AfterConstruction).
   explicit TThread(bool CreateSuspended = false);
   ~TThread() override;
-  void AfterConstruction() override;
-  // Freeing a running thread from another thread terminates it and waits for it first.
+  // Freeing a running thread from another thread terminates it and waits for it first, then drops
+  // the methods it queued that have not run.
   void BeforeDestruction() override;
 
   void Start();
   // Sets Terminated, then calls TerminatedSet so that a sleeping worker can be woken.
   void Terminate();
   bool Terminated() const noexcept { return FTerminated.load(std::memory_order_acquire); }
-  // Waits until Execute has returned; returns ReturnValue. Not for FreeOnTerminate threads.
+  // Waits until Execute has returned; returns ReturnValue. Not for FreeOnTerminate threads. Any
+  // number of threads may wait at once.
   Integer WaitFor();
   bool Started() const noexcept { return FStarted.load(std::memory_order_acquire); }
   bool Finished() const noexcept { return FFinished.load(std::memory_order_acquire); }
@@ -97,8 +117,11 @@ class TThread : public TObject {
   // Runs method on the main thread and waits for it; from the main thread itself it runs at once.
   // An exception raised by the method is raised again in the caller.
   static void Synchronize(TThread* AThread, TThreadMethod AMethod);
-  // Hands method to the main thread without waiting.
+  // Hands method to the main thread without waiting. A method queued for a thread (AThread not
+  // null) is dropped if that thread is freed before the method runs.
   static void Queue(TThread* AThread, TThreadMethod AMethod);
+  // Drops every queued method of AThread that has not run yet.
+  static void RemoveQueuedEvents(TThread* AThread);
   // Milliseconds since an arbitrary start (system boot), wrapping modulo 2^32.
   static Cardinal GetTickCount() noexcept;
   static UInt64 GetTickCount64() noexcept;
@@ -108,6 +131,8 @@ class TThread : public TObject {
   static TThread* CurrentThread() noexcept;
 
  protected:
+  // Starts the worker unless the thread was created suspended.
+  void Constructed() override;
   virtual void Execute() = 0;
   virtual void TerminatedSet() {}
   virtual void DoTerminate();
@@ -117,6 +142,7 @@ class TThread : public TObject {
 
  private:
   static void ThreadProc(TThread* self);
+  void WaitUntilFinished();
 
   std::thread FHandle;
   std::atomic<std::thread::id> FThreadID{};
@@ -136,9 +162,14 @@ std::thread::id MainThreadID() noexcept;
 // Declares the calling thread the main thread (the one that services Synchronize).
 void SetMainThread() noexcept;
 bool IsMainThread() noexcept;
-// Runs every pending Synchronize/Queue request; waits up to Timeout ms for one to arrive when none
-// is pending. Call it from the main thread only. Returns true when something ran.
+// Runs the Synchronize/Queue requests waiting when it is called, one at a time; waits up to Timeout
+// ms for one to arrive when none is waiting. Returns true when something ran. Raises EThread on any
+// thread but the main thread.
 bool CheckSynchronize(Cardinal Timeout = 0);
+// An eventfd that polls readable while Synchronize/Queue requests wait: a main loop built on
+// epoll, GLib, Qt or asio watches it and calls CheckSynchronize when it fires. Only
+// CheckSynchronize clears it; never read from it yourself.
+int SyncEventFd() noexcept;
 // A hook called (from the requesting thread) whenever a request is queued, for programs whose main
 // loop sleeps elsewhere and must be woken. Pass an empty callback to remove it.
 void SetWakeMainThread(TNotifyEvent hook);
@@ -147,5 +178,16 @@ void SetWakeMainThread(TNotifyEvent hook);
 // restores the monotonic clock).
 using TTickSource = UInt64 (*)();
 void SetTickSource(TTickSource source) noexcept;
+
+// Milliseconds of a std::chrono duration for the millisecond interfaces: rounded up, negative as
+// 0, saturated below INFINITE.
+template <class Rep, class Period>
+Cardinal DurationToMilliseconds(std::chrono::duration<Rep, Period> d) noexcept {
+  if (d <= d.zero()) return 0;
+  const long double ms = std::chrono::duration<long double, std::milli>(d).count();
+  if (ms >= static_cast<long double>(INFINITE - 1)) return INFINITE - 1;
+  const auto whole = static_cast<Cardinal>(ms);
+  return whole < ms ? whole + 1 : whole;
+}
 
 }  // namespace quma

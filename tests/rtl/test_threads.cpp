@@ -1,14 +1,19 @@
 #include <gtest/gtest.h>
 
+#include <poll.h>
+
 #include <atomic>
+#include <thread>
 #include <vector>
 
 #include <quma/Threads.h>
 
 using namespace quma;
+using namespace std::chrono_literals;
 
 namespace {
 
+// Runs until terminated (woken by TerminatedSet); optionally synchronises once first.
 class TWorker : public TThread {
   QUMA_CLASS(TWorker, TThread)
  public:
@@ -16,12 +21,12 @@ class TWorker : public TThread {
   TEvent Wake{false, false};
   std::atomic<int> Loops{0};
   std::vector<int>* MainSide = nullptr;
-  bool SynchronizeOnce = false;
   void OnMain() { MainSide->push_back(IsMainThread() ? 1 : 0); }
+  void Boom() { throw EConvertError("from main"); }
 
  protected:
   void Execute() override {
-    if (SynchronizeOnce) Synchronize(Bind<&TWorker::OnMain>(this));
+    if (MainSide) Synchronize(Bind<&TWorker::OnMain>(this));
     while (!Terminated()) {
       ++Loops;
       Wake.WaitFor(1000);
@@ -31,55 +36,46 @@ class TWorker : public TThread {
   void TerminatedSet() override { Wake.SetEvent(); }
 };
 
-}  // namespace
-
-TEST(Threads, TerminateWakesTheWorkerAndWaitForReturns) {
-  auto* w = New<TWorker>();
-  while (w->Loops == 0) std::this_thread::yield();
-  w->Terminate();
-  EXPECT_EQ(w->WaitFor(), 7);
-  EXPECT_TRUE(w->Finished());
-  Free(w);
+bool Readable(int fd) {
+  pollfd p{fd, POLLIN, 0};
+  return ::poll(&p, 1, 0) == 1;
 }
 
-TEST(Threads, SuspendedUntilStartAndFreedWhileRunning) {
+}  // namespace
+
+TEST(Threads, LifecycleStartTerminateAndWaitFromSeveralThreads) {
   auto* w = New<TWorker>(true);
   EXPECT_FALSE(w->Started());
   w->Start();
   EXPECT_THROW(w->Start(), EThread);
   while (w->Loops == 0) std::this_thread::yield();
-  Free(w);  // terminates (through TerminatedSet) and waits
+  // Two waiters on one thread both return.
+  std::atomic<int> returned{0};
+  std::thread a([&] { returned += w->WaitFor(); });
+  std::thread b([&] { returned += w->WaitFor(); });
+  std::this_thread::sleep_for(10ms);
+  w->Terminate();
+  EXPECT_EQ(w->WaitFor(), 7);
+  a.join();
+  b.join();
+  EXPECT_EQ(returned, 14);
+  EXPECT_TRUE(w->Finished());
+  Free(w);
+  Free(New<TWorker>());  // freed while running: terminated (through TerminatedSet) and waited for
 }
 
-TEST(Threads, SynchronizeRunsOnTheMainThreadWhenServiced) {
+TEST(Threads, SynchronizeRunsOnTheMainThreadAndReraisesThere) {
   SetMainThread();
   std::vector<int> seen;
   auto* w = New<TWorker>(true);
   w->MainSide = &seen;
-  w->SynchronizeOnce = true;
   w->Start();
   while (seen.empty()) CheckSynchronize(10);
   EXPECT_EQ(seen, std::vector<int>{1});
-  w->Terminate();
-  w->WaitFor();
-  Free(w);
-}
-
-namespace {
-class TThrower : public TObject {
-  QUMA_CLASS(TThrower, TObject)
- public:
-  void Boom() { throw EConvertError("from main"); }
-};
-}  // namespace
-
-TEST(Threads, SynchronizeReraisesInTheWorker) {
-  SetMainThread();
-  auto thrower = MakeObject<TThrower>();
   std::atomic<bool> caught{false};
   std::thread worker([&] {
     try {
-      TThread::Synchronize(nullptr, Bind<&TThrower::Boom>(thrower.get()));
+      TThread::Synchronize(nullptr, Bind<&TWorker::Boom>(w));
     } catch (const EConvertError& e) {
       caught = e.Message() == u"from main";
     }
@@ -88,9 +84,143 @@ TEST(Threads, SynchronizeReraisesInTheWorker) {
   }
   worker.join();
   EXPECT_TRUE(caught);
+  Free(w);
 }
 
-TEST(Threads, EventsAndTicks) {
+namespace {
+std::atomic<bool> gLateDestroyed{false};
+// Keeps working for a while after being terminated and records whether its members were gone.
+class TLateFinisher : public TThread {
+  QUMA_CLASS(TLateFinisher, TThread)
+ public:
+  TLateFinisher() : TThread(false) {}
+  ~TLateFinisher() override { gLateDestroyed = true; }
+  std::atomic<bool>* Report = nullptr;
+  std::atomic<bool> Running{false};
+
+ protected:
+  void Execute() override {
+    Running = true;
+    while (!Terminated()) std::this_thread::sleep_for(1ms);
+    std::this_thread::sleep_for(30ms);
+    *Report = gLateDestroyed.load();
+  }
+};
+
+// Finishes its own set-up after the inherited AfterConstruction.
+class TLateReady : public TThread {
+  QUMA_CLASS(TLateReady, TThread)
+ public:
+  TLateReady() : TThread(false) {}
+  std::atomic<bool> Ready{false};
+  std::atomic<int> SawReady{-1};
+  void AfterConstruction() override {
+    TThread::AfterConstruction();
+    std::this_thread::sleep_for(20ms);
+    Ready = true;
+  }
+
+ protected:
+  void Execute() override { SawReady = Ready ? 1 : 0; }
+};
+}  // namespace
+
+TEST(Threads, ExecuteNeverOverlapsConstructionOrDestruction) {
+  auto* ready = New<TLateReady>();
+  ready->WaitFor();
+  EXPECT_EQ(ready->SawReady, 1);
+  Free(ready);
+
+  gLateDestroyed = false;
+  std::atomic<bool> sawDestroyed{true};
+  auto* t = New<TLateFinisher>();
+  t->Report = &sawDestroyed;
+  while (!t->Running) std::this_thread::yield();
+  std::thread([t] { Free(t); }).join();  // freed from a worker, not the main thread
+  EXPECT_FALSE(sawDestroyed);
+  EXPECT_TRUE(gLateDestroyed);
+}
+
+namespace {
+std::atomic<int> gQueuedRuns{0};
+// Synchronises Step once, or queues Count; Step may wait for or free another thread.
+class TSyncer : public TThread {
+  QUMA_CLASS(TSyncer, TThread)
+ public:
+  TSyncer() : TThread(true) {}
+  TSyncer* Other = nullptr;
+  bool FreeOther = false;
+  int QueueCount = 0;
+  void Step() {
+    if (!Other) return;
+    if (FreeOther)
+      FreeAndNil(Other);
+    else
+      Other->WaitFor();
+  }
+  void Count() { ++gQueuedRuns; }
+
+ protected:
+  void Execute() override {
+    for (int i = 0; i < QueueCount; ++i) Queue(Bind<&TSyncer::Count>(this));
+    if (QueueCount == 0) Synchronize(Bind<&TSyncer::Step>(this));
+  }
+};
+}  // namespace
+
+TEST(Threads, WaitForOrFreeInsideASynchronizedMethodServicesTheRest) {
+  SetMainThread();
+  for (bool freeOther : {false, true}) {
+    SCOPED_TRACE(freeOther);
+    auto* first = New<TSyncer>();
+    auto* second = New<TSyncer>();
+    first->Other = second;
+    first->FreeOther = freeOther;
+    first->Start();
+    std::this_thread::sleep_for(20ms);  // first's request waits ahead of second's
+    second->Start();
+    std::this_thread::sleep_for(20ms);
+    while (!first->Finished()) CheckSynchronize(10);
+    if (!freeOther) Free(second);
+    Free(first);
+  }
+}
+
+TEST(Threads, QueuedMethodsOfAFreedThreadAreDropped) {
+  SetMainThread();
+  std::atomic<int> unowned{0};
+  gQueuedRuns = 0;
+  auto* t = New<TSyncer>();
+  t->QueueCount = 5;
+  t->Start();
+  std::thread other([&] {
+    TThread::Queue(nullptr, TThreadMethod(+[](void* n) { ++*static_cast<std::atomic<int>*>(n); }, &unowned));
+  });
+  other.join();
+  while (!t->Finished()) std::this_thread::yield();
+  EXPECT_TRUE(Readable(SyncEventFd()));
+  // Nobody may service requests off the main thread; the attempt runs nothing.
+  std::thread([] { EXPECT_THROW(CheckSynchronize(), EThread); }).join();
+  Free(t);
+  EXPECT_TRUE(CheckSynchronize());
+  EXPECT_EQ(gQueuedRuns, 0);
+  EXPECT_EQ(unowned, 1);
+  EXPECT_FALSE(Readable(SyncEventFd()));
+}
+
+TEST(Threads, MonitorExitByANonOwnerRaisesAndKeepsTheLock) {
+  auto obj = MakeObject<TEvent>();
+  TMonitor::Enter(obj.get());
+  std::thread([&] {
+    EXPECT_THROW(TMonitor::Exit(obj.get()), EMonitorLockException);
+    EXPECT_FALSE(TMonitor::TryEnter(obj.get()));
+  }).join();
+  EXPECT_TRUE(obj->MonitorLock().HeldByCurrentThread());
+  TMonitor::Exit(obj.get());
+  EXPECT_THROW(TMonitor::Exit(obj.get()), EMonitorLockException);
+}
+
+TEST(Threads, EventsTicksAndDurations) {
   TEvent manual(true, false);
   EXPECT_EQ(manual.WaitFor(1), wrTimeout);
   manual.SetEvent();
@@ -106,27 +236,11 @@ TEST(Threads, EventsAndTicks) {
   EXPECT_EQ(TThread::GetTickCount(), 5u);  // wraps modulo 2^32
   SetTickSource(nullptr);
   const Cardinal a = TThread::GetTickCount();
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  std::this_thread::sleep_for(20ms);
   EXPECT_GE(static_cast<Cardinal>(TThread::GetTickCount() - a), 15u);
-}
 
-namespace {
-std::atomic<bool> gSelfFreeingDestroyed{false};
-class TSelfFreeing : public TThread {
-  QUMA_CLASS(TSelfFreeing, TThread)
- public:
-  TSelfFreeing() : TThread(true) { SetFreeOnTerminate(true); }
-  ~TSelfFreeing() override { gSelfFreeingDestroyed = true; }
-
- protected:
-  void Execute() override {}
-};
-}  // namespace
-
-TEST(Threads, FreeOnTerminateThreadFreesItself) {
-  gSelfFreeingDestroyed = false;
-  auto* t = New<TSelfFreeing>();
-  t->Start();
-  for (int i = 0; i < 500 && !gSelfFreeingDestroyed; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  EXPECT_TRUE(gSelfFreeingDestroyed);
+  EXPECT_EQ(DurationToMilliseconds(1500us), 2u);
+  EXPECT_EQ(DurationToMilliseconds(-3s), 0u);
+  EXPECT_EQ(DurationToMilliseconds(2s), 2000u);
+  EXPECT_EQ(DurationToMilliseconds(std::chrono::hours(24 * 365)), INFINITE - 1);
 }

@@ -1,0 +1,404 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <algorithm>
+#include <barrier>
+#include <cstdint>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include <quma/DeferredDisposalThread.h>
+#include <quma/ForegroundSyncThread.h>
+
+using namespace quma;
+using namespace std::chrono_literals;
+
+#if defined(__SANITIZE_THREAD__)
+constexpr int StressScale = 10;  // ThreadSanitizer runs these about 20 times slower
+#else
+constexpr int StressScale = 1;
+#endif
+
+namespace {
+
+std::atomic<UInt64> gClock{0};
+
+// Freezes the tick source at a chosen moment for the test's lifetime.
+class ServiceThreads : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    SetMainThread();
+    Retire();
+    gClock = 0x7'0000'0000ull;
+    SetTickSource(FakeTicks);
+  }
+  static UInt64 FakeTicks() { return gClock.load(); }
+  void TearDown() override {
+    Retire();
+    SetTickSource(nullptr);
+  }
+  static void Advance(UInt64 ms) {
+    gClock += ms;
+    ForegroundSync()->Poke();
+  }
+  // Services the main thread until done() holds (or five seconds pass).
+  static bool Service(const std::function<bool()>& done, std::chrono::seconds limit = 5s) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!done() && std::chrono::steady_clock::now() < deadline) CheckSynchronize(2);
+    return done();
+  }
+  // Ends the current worker (dropping its queue) and waits until it is gone.
+  static void Retire();
+};
+
+class TProbe : public TObject {
+  QUMA_CLASS(TProbe, TObject)
+ public:
+  std::vector<TObject*> Seen;
+  std::atomic<bool> Ended{false};
+  void Hit(TObject* payload) {
+    EXPECT_TRUE(IsMainThread());
+    Seen.push_back(payload);
+  }
+  void Boom(TObject* payload) {
+    Seen.push_back(payload);
+    throw EConvertError("boom");
+  }
+  void End(TObject*) { Ended = true; }
+};
+
+void ServiceThreads::Retire() {
+  auto probe = MakeObject<TProbe>();
+  TQUMAForegroundSyncThread* worker = ForegroundSync();
+  worker->OnTerminate = Bind<&TProbe::End>(probe.get());
+  FinalizeForegroundSync();
+  EXPECT_TRUE(Service([&] { return probe->Ended.load(); }));
+}
+
+}  // namespace
+
+TEST_F(ServiceThreads, ForegroundCancellingAndExceptions) {
+  TProbe probe, other, a, b, e;
+  const TNotifyEvent hit = Bind<&TProbe::Hit>(&probe);
+  QUMAQueueForegroundCallback(hit, &e, 10);
+  QUMAQueueForegroundCallback(Bind<&TProbe::Hit>(&other), &e, 10);  // same payload, other callback
+  QUMAQueueForegroundCallback(hit, &b, 20ms);
+  QUMAQueueForegroundCallback(hit, &a, 20);
+  QUMAQueueForegroundCallback(Bind<&TProbe::Boom>(&probe), &a, 20);  // first of its batch; throws
+  ForegroundSync()->CancelSyncCallback(hit, &e, 999);                // the delay takes no part
+  Advance(10);
+  ASSERT_TRUE(Service([&] { return other.Seen.size() == 1; }));
+  EXPECT_TRUE(probe.Seen.empty());
+  Advance(10);
+  ASSERT_TRUE(Service([&] { return !probe.Seen.empty(); }));
+  std::this_thread::sleep_for(20ms);
+  CheckSynchronize();
+  EXPECT_EQ(probe.Seen, std::vector<TObject*>{&a});  // the rest of the batch was dropped
+  QUMAQueueForegroundCallback(hit, &b, 0);           // the worker lives on
+  EXPECT_TRUE(Service([&] { return probe.Seen.size() == 2; }));
+}
+
+// Thousands of entries with many equal ticks run in the order of the plain list: each inserted
+// before the first entry whose tick is not lower, also where the keep-alive entries that
+// ForegroundSync appends (due in 1000 ms) leave the list unsorted.
+TEST_F(ServiceThreads, ForegroundOrderMatchesTheListModel) {
+  constexpr std::size_t N = 3000;
+  TProbe probe;
+  auto payloads = std::make_unique<TProbe[]>(N);
+  std::vector<std::pair<Cardinal, TObject*>> model;  // keep-alive entries have no payload here
+  std::minstd_rand random(7);
+  TQUMAForegroundSyncThread* worker = ForegroundSync();
+  for (std::size_t i = 0; i < N; ++i) {
+    const Cardinal now = TThread::GetTickCount(), delay = random() % 40 + 990 * (random() % 3);
+    worker->QueueSyncCallback(Bind<&TProbe::Hit>(&probe), &payloads[i], delay);
+    auto at = std::find_if(model.begin(), model.end(), [&](const auto& e) { return e.first >= now + delay; });
+    model.insert(at, {now + delay, &payloads[i]});
+    if (i % 100 == 0 && ForegroundSync() && model.front().first - now < 1000) model.push_back({now + 1000, nullptr});
+  }
+  Advance(2100);
+  ASSERT_TRUE(Service([&] { return probe.Seen.size() == N; }));
+  std::vector<TObject*> expected;
+  for (const auto& e : model)
+    if (e.second) expected.push_back(e.second);
+  EXPECT_EQ(probe.Seen, expected);
+}
+
+TEST_F(ServiceThreads, ForegroundTicksWrapLateNotEarly) {
+  gClock = 0x1'FFFF'FFF0ull;
+  TProbe probe, early, late;
+  const TNotifyEvent hit = Bind<&TProbe::Hit>(&probe);
+  QUMAQueueForegroundCallback(hit, &early, 8);     // due at 0xFFFFFFF8
+  QUMAQueueForegroundCallback(hit, &late, 0x20);   // due at 0x10, after the wrap
+  gClock += 0x20;  // now 0x10: the wrapped entry is due, the other compares as not yet due
+  ForegroundSync()->Poke();
+  ASSERT_TRUE(Service([&] { return probe.Seen.size() == 1; }));
+  EXPECT_EQ(probe.Seen, std::vector<TObject*>{&late});
+  std::this_thread::sleep_for(20ms);
+  CheckSynchronize();
+  EXPECT_EQ(probe.Seen.size(), 1u);
+  ForegroundSync()->CancelSyncCallback(hit, &early);
+}
+
+TEST_F(ServiceThreads, ForegroundWorkerRetiresWhenIdleAndIsRecreated) {
+  TProbe probe;
+  TQUMAForegroundSyncThread* worker = ForegroundSync();
+  EXPECT_EQ(worker->MaxIdle(), 10000u);
+  worker->OnTerminate = Bind<&TProbe::End>(&probe);
+  worker->SetMaxIdle(30ms);  // wakes the worker from its 10 s wait
+  Advance(1000);             // lets the keep-alive entry run
+  ASSERT_TRUE(Service([&] { return probe.Ended.load(); }));
+  QUMAQueueForegroundCallback(Bind<&TProbe::Hit>(&probe), &probe, 0);
+  EXPECT_TRUE(Service([&] { return probe.Seen.size() == 1; }));
+  EXPECT_EQ(ForegroundSync()->MaxIdle(), 10000u);  // a new worker
+
+  // Unloading drops what is pending.
+  QUMAQueueForegroundCallback(Bind<&TProbe::Hit>(&probe), &probe, 0);
+  FinalizeForegroundSync();
+  std::this_thread::sleep_for(20ms);
+  CheckSynchronize();
+  EXPECT_EQ(probe.Seen.size(), 1u);
+}
+
+namespace {
+class TTally : public TObject {
+  QUMA_CLASS(TTally, TObject)
+ public:
+  std::vector<int> Counts = std::vector<int>(8);
+  int Cancelled = 0;
+  void Count(TObject* payload) { ++Counts[static_cast<std::size_t>(static_cast<TProbe*>(payload) - Slots)]; }
+  void Miss(TObject*) { ++Cancelled; }
+  TProbe* Slots = nullptr;
+};
+}  // namespace
+
+// Eight producers queue on a worker that, in the first round, keeps retiring: the clock jumps by
+// 1.5 s at a time (running the keep-alive entries) and every new worker gets MaxIdle 1 ms.
+TEST_F(ServiceThreads, ForegroundStressEveryCallbackRunsOnceOrIsCancelled) {
+  // The frozen clock first: keep-alive entries left on the real clock's ticks would stay queued
+  // (and keep the worker alive) until the frozen clock caught up with them.
+  for (const bool retiring : {true, false}) {
+    SCOPED_TRACE(retiring);
+    SetTickSource(retiring ? FakeTicks : nullptr);
+    constexpr int Producers = 8;
+    const int perProducer = (retiring ? 10000 : 100000) / StressScale;
+    auto slots = std::make_unique<TProbe[]>(2 * Producers);
+    TTally tally;
+    tally.Slots = slots.get();
+    std::vector<std::thread> producers;
+    std::atomic<int> finished{0};
+    std::barrier pause(Producers);
+    for (int p = 0; p < Producers; ++p) {
+      producers.emplace_back([&, p] {
+        std::minstd_rand random(static_cast<unsigned>(p));
+        TProbe* own = &slots[static_cast<std::size_t>(p)];
+        TProbe* doomed = &slots[static_cast<std::size_t>(Producers + p)];
+        for (int i = 0; i < perProducer; ++i) {
+          if (retiring && i % 1000 == 0) {  // all pause together: room to retire
+            pause.arrive_and_wait();
+            std::this_thread::sleep_for(20ms);
+          }
+          if (!retiring && i % 10 == 0)
+            QUMAQueueForegroundCallback(Bind<&TTally::Miss>(&tally), doomed, 3600000);
+          else
+            QUMAQueueForegroundCallback(Bind<&TTally::Count>(&tally), own, retiring ? 0 : random() % 20);
+        }
+        ForegroundSync()->CancelSyncCallback(Bind<&TTally::Miss>(&tally), doomed);
+        ++finished;
+      });
+    }
+    const int expected = retiring ? perProducer : perProducer - (perProducer + 9) / 10;
+    int freshWorkers = 0;
+    const bool all = Service([&] {
+      if (retiring) {
+        gClock += 1500;  // keep-alive entries (due in 1000 ms) fall overdue and ask for no more
+        TQUMAForegroundSyncThread* worker = ForegroundSync();
+        if (worker->MaxIdle() != 1) ++freshWorkers;
+        worker->SetMaxIdle(1);
+      }
+      if (finished < Producers) return false;
+      for (int c : tally.Counts)
+        if (c != expected) return false;
+      return true;
+    }, 60s);
+    for (auto& t : producers) t.join();
+    EXPECT_TRUE(all);
+    EXPECT_EQ(tally.Counts, std::vector<int>(Producers, expected));
+    EXPECT_EQ(tally.Cancelled, 0);
+    if (retiring) {
+      EXPECT_GT(freshWorkers, 2);
+    }
+  }
+}
+
+// ---- deferred disposal ----
+
+namespace {
+
+std::mutex gFreedLock;
+std::vector<int> gFreed;
+
+class TTagged : public TObject {
+  QUMA_CLASS(TTagged, TObject)
+ public:
+  explicit TTagged(int tag) : Tag(tag) {}
+  ~TTagged() override {
+    std::lock_guard lock(gFreedLock);
+    gFreed.push_back(Tag);
+  }
+  const int Tag;
+};
+
+std::vector<int> Freed() {
+  std::lock_guard lock(gFreedLock);
+  return gFreed;
+}
+
+bool WaitFreed(std::size_t n) {
+  const auto deadline = std::chrono::steady_clock::now() + 5s;
+  while (Freed().size() < n && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(1ms);
+  return Freed().size() == n;
+}
+
+class TDisposals : public TObject {
+  QUMA_CLASS(TDisposals, TObject)
+ public:
+  std::vector<TObject*> Passed;
+  void Take(TObject* obj) { Passed.push_back(obj); }
+};
+
+}  // namespace
+
+// Thousands of objects, many due at the same time, some rescheduled or cancelled, are freed in the
+// order of the plain list with its binary-search insert.
+TEST_F(ServiceThreads, DisposalOrderMatchesTheListModel) {
+  gFreed.clear();
+  constexpr int N = 5000;
+  std::vector<std::pair<UInt64, int>> model;
+  auto insert = [&](UInt64 due, int tag) {  // appended after an equal last entry, else bisected
+    std::ptrdiff_t lo = -1, hi = std::ssize(model);
+    while (!model.empty() && due < model.back().first && hi - lo > 1) {
+      const std::ptrdiff_t mid = lo + (hi - lo) / 2;
+      const UInt64 t = model[static_cast<std::size_t>(mid)].first;
+      if (due == t) hi = lo = mid;  // goes before the equal entry it met
+      else (due < t ? hi : lo) = mid;
+    }
+    model.insert(model.begin() + hi, {due, tag});
+  };
+  auto erase = [&](int tag) { std::erase_if(model, [&](const auto& e) { return e.second == tag; }); };
+  auto disposer = MakeObject<TQUMADeferredDisposalThread>();
+  disposer->SetSuspendDisposals(true);
+  std::vector<TTagged*> objects;
+  std::minstd_rand random(11);
+  for (int i = 0; i < N; ++i) {
+    const Cardinal delay = random() % 30;
+    const int pick = static_cast<int>(random() % 8);
+    if (pick == 0 && !objects.empty()) {  // reschedule an earlier one
+      TTagged* again = objects[random() % objects.size()];
+      disposer->DisposeAfterDelay(again, delay);
+      erase(again->Tag);
+      insert(gClock + delay, again->Tag);
+    } else if (pick == 1 && !objects.empty()) {  // cancel one and free it here
+      const std::size_t at = random() % objects.size();
+      disposer->CancelDisposal(objects[at]);
+      erase(objects[at]->Tag);
+      Free(objects[at]);
+      objects.erase(objects.begin() + static_cast<std::ptrdiff_t>(at));
+    } else {
+      objects.push_back(New<TTagged>(i));
+      disposer->DisposeAfterDelay(objects.back(), delay);
+      insert(gClock + delay, i);
+    }
+    if (i % 500 == 0) gClock += 1;
+  }
+  gFreed.clear();
+  gClock += 100;
+  disposer->SetSuspendDisposals(false);
+  ASSERT_TRUE(WaitFreed(model.size()));
+  std::vector<int> expected;
+  for (const auto& e : model) expected.push_back(e.second);
+  EXPECT_EQ(Freed(), expected);
+}
+
+TEST_F(ServiceThreads, DisposalScheduleOperations) {
+  gFreed.clear();
+  TDisposals sink;
+  auto disposer = MakeObject<TQUMADeferredDisposalThread>();
+  disposer->SetSuspendDisposals(true);
+  auto* again = New<TTagged>(1);
+  disposer->DisposeAfterDelay(again, 5);
+  disposer->DisposeAfterDelay(again, 50);  // one entry, due at the later time
+  auto* passed = New<TTagged>(2);
+  disposer->DisposeAfterDelayWithCallback(passed, 5ms, Bind<&TDisposals::Take>(&sink));
+  EXPECT_THROW(disposer->DisposeAfterDelayWithCallback(passed, 5, Bind<&TDisposals::Take>(&sink)), EListError);
+  auto* kept = New<TTagged>(3);
+  disposer->DisposeAfterDelayWithCallback(kept, 5, Bind<&TDisposals::Take>(&sink));
+  disposer->CancelDisposal(kept);
+  disposer->DisposeAfterDelay(nullptr, 0);  // ignored
+  EXPECT_EQ(disposer->ScheduledCount(), 2u);
+
+  gClock += 10;  // overdue, but suspended
+  disposer->Poke();
+  std::this_thread::sleep_for(40ms);
+  EXPECT_TRUE(Freed().empty());
+  disposer->SetSuspendDisposals(false);
+  const auto deadline = std::chrono::steady_clock::now() + 5s;
+  while (disposer->ScheduledCount() > 1 && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(1ms);
+  EXPECT_TRUE(Freed().empty());
+  disposer->Terminate();  // rendezvous with the worker before reading what it passed on
+  disposer->WaitFor();
+  EXPECT_EQ(sink.Passed, std::vector<TObject*>{passed});
+  EXPECT_EQ(Freed(), std::vector<int>{1});  // termination frees the rest at once
+  Free(passed);
+  Free(kept);
+}
+
+TEST_F(ServiceThreads, DisposalMaxDelayAndSharedLock) {
+  gFreed.clear();
+  auto shared = MakeObject<TDisposals>();
+  auto disposer = MakeObject<TQUMADeferredDisposalThread>(true);
+  disposer->SetLockObject(shared.get());
+  disposer->Start();
+  disposer->SetMaxDelay(0);  // nothing scheduled: nothing happens
+  disposer->DisposeAfterDelay(New<TTagged>(1), 100000);
+  disposer->DisposeAfterDelay(New<TTagged>(2), 50);
+  TMonitor::Enter(shared.get());
+  disposer->SetMaxDelay(0);  // everything due now, but the lock is held
+  std::this_thread::sleep_for(50ms);
+  EXPECT_TRUE(Freed().empty());
+  TMonitor::Exit(shared.get());
+  ASSERT_TRUE(WaitFreed(2));
+  EXPECT_EQ(Freed(), (std::vector<int>{2, 1}));
+}
+
+namespace {
+std::unique_ptr<std::atomic<std::uint8_t>[]> gFreedOnce;
+class TCounted : public TObject {
+  QUMA_CLASS(TCounted, TObject)
+ public:
+  explicit TCounted(int id) : Id(id) {}
+  ~TCounted() override { ++gFreedOnce[static_cast<std::size_t>(Id)]; }
+  const int Id;
+};
+}  // namespace
+
+TEST_F(ServiceThreads, DisposalStressFreesEveryObjectOnce) {
+  SetTickSource(nullptr);
+  constexpr int Producers = 4, PerProducer = 250000 / StressScale;
+  gFreedOnce = std::make_unique<std::atomic<std::uint8_t>[]>(Producers * PerProducer);
+  auto* disposer = New<TQUMADeferredDisposalThread>();
+  std::vector<std::thread> producers;
+  for (int p = 0; p < Producers; ++p)
+    producers.emplace_back([&, p] {
+      std::minstd_rand random(static_cast<unsigned>(p));
+      for (int i = 0; i < PerProducer; ++i) disposer->DisposeAfterDelay(New<TCounted>(p * PerProducer + i), random() % 50);
+    });
+  for (auto& t : producers) t.join();
+  std::this_thread::sleep_for(30ms);
+  Free(disposer);  // whatever is still scheduled goes now
+  for (int i = 0; i < Producers * PerProducer; ++i) ASSERT_EQ(gFreedOnce[static_cast<std::size_t>(i)], 1) << i;
+}
