@@ -40,7 +40,7 @@ TEST(HexStrings, ReadsDigitsAcrossWhiteSpace) {
 
 TEST(HexStrings, RejectsOtherCharactersAndOddLengthsLeavingTheTargetAlone) {
   const UnicodeString msg = SHexStringInvalidCharacters;
-  for (UnicodeStringView bad : {u"ABC", u"0G", u"0x10", u"12\u00A034", u"12\u01303", u"-1",
+  for (UnicodeStringView bad : {u"ABC", u"AB0", u"0G", u"0x10", u"12\u00A034", u"12\u01303", u"-1",
                                 u"1234567890abcdef1234567890abcdeg", u"1234567890abcdef 1234567890abcdef1"}) {
     TBytes target{7};
     EXPECT_EQ(ConvertErrorOf([&] { HexStringToBytes(bad, target); }), msg) << Utf16ToUtf8(bad);
