@@ -13,8 +13,8 @@
 // host's unchecked integer arithmetic does; results computed in floating point (Rotate, Scale by
 // a fraction) are rounded to the nearest integer, halves away from zero, and saturate. Double
 // results that go to 32-bit integers (Ceiling, Truncate, Round) saturate too. The geometry types
-// have std::hash, operator<< and, where the standard library has <format>, std::formatter; the
-// text is the one ToString gives ("(1,2)", "(0,0.5,10,20)").
+// have std::hash and operator<<, whose text is the one ToString gives ("(1,2)", "(0,0.5,10,20)");
+// the standard library in use has no <format>, so ToString stands in for std::formatter.
 #pragma once
 
 #include <array>
@@ -32,10 +32,6 @@
 #include <quma/RectF.h>
 #include <quma/Strings.h>
 #include <quma/System.h>
-
-#if __has_include(<format>)
-#include <format>
-#endif
 
 namespace quma {
 
@@ -455,16 +451,16 @@ bool UnionRect(TRectT<T>& R, const TRectT<T>& R1, const TRectT<T>& R2) noexcept;
 inline bool UnionRectD(TRectD& R, const TRectD& R1, const TRectD& R2) noexcept { return UnionRect(R, R1, R2); }
 // Left -= DX, Right += DX, Top -= DY, Bottom += DY.
 template <TGeometryCoordinate T>
-constexpr void InflateRect(TRectT<T>& R, T DX, T DY) noexcept {
+constexpr void InflateRect(TRectT<T>& R, std::type_identity_t<T> DX, std::type_identity_t<T> DY) noexcept {
   R.Inflate(DX, DY);
 }
 template <TGeometryCoordinate T>
-constexpr void OffsetRect(TRectT<T>& R, T DX, T DY) noexcept {
+constexpr void OffsetRect(TRectT<T>& R, std::type_identity_t<T> DX, std::type_identity_t<T> DY) noexcept {
   R.Offset(DX, DY);
 }
 // Left and Right multiplied by DX, Top and Bottom by DY.
 template <TGeometryCoordinate T>
-constexpr void MultiplyRect(TRectT<T>& R, T DX, T DY) noexcept {
+constexpr void MultiplyRect(TRectT<T>& R, std::type_identity_t<T> DX, std::type_identity_t<T> DY) noexcept {
   R = {detail::GeoMul(R.Left, DX), detail::GeoMul(R.Top, DY), detail::GeoMul(R.Right, DX), detail::GeoMul(R.Bottom, DY)};
 }
 // Moves R, keeping its size, so that its centre lies on the centre of Bounds; returns it too.
@@ -488,7 +484,7 @@ void SinCosDouble(double Angle, double& Sin, double& Cos) noexcept;
 // "(Left,Top,Right,Bottom)" with FloatToStr under GBFormatSettings (64-bit: IntToStr).
 UnicodeString RectToString(const TRectD& R);
 UnicodeString RectToString(const TRect64& R);
-// "(X,Y)" and "(cx,cy)" in the same number forms: the text of operator<< and std::formatter.
+// "(X,Y)" and "(cx,cy)" in the same number forms: the text of operator<<.
 UnicodeString ToString(const TPointD& P);
 UnicodeString ToString(const TPoint64& P);
 UnicodeString ToString(const TSizeD& S);
@@ -623,18 +619,3 @@ struct std::hash<quma::TRectT<T>> {
     return quma::detail::HashCoordinates<T>({R.Left, R.Top, R.Right, R.Bottom});
   }
 };
-
-#if defined(__cpp_lib_format)
-// std::format("{}", r) writes ToString(r) in UTF-8; no format specification is accepted.
-template <class G>
-  requires requires(const G& g) { quma::ToString(g); } &&
-           (std::same_as<G, quma::TPointD> || std::same_as<G, quma::TPoint64> || std::same_as<G, quma::TSizeD> ||
-            std::same_as<G, quma::TSize64> || std::same_as<G, quma::TRectD> || std::same_as<G, quma::TRect64>)
-struct std::formatter<G, char> {
-  constexpr auto parse(std::format_parse_context& ctx) { return ctx.begin(); }
-  auto format(const G& g, std::format_context& ctx) const {
-    const std::string text = quma::Utf16ToUtf8(quma::ToString(g));
-    return std::copy(text.begin(), text.end(), ctx.out());
-  }
-};
-#endif
