@@ -7,20 +7,21 @@ namespace quma {
 namespace {
 
 // The four edges are the published properties, each stored only when it differs from the default.
-const bool kBoundsPublished = [] {
+// Published on first construction, so that no order of static initialisation can miss them.
+bool PublishBounds() {
   PublishProperty<TBoundsD>(u"Left", &TBoundsD::Left, &TBoundsD::SetLeft, &TBoundsD::IsLeftStored);
   PublishProperty<TBoundsD>(u"Top", &TBoundsD::Top, &TBoundsD::SetTop, &TBoundsD::IsTopStored);
   PublishProperty<TBoundsD>(u"Right", &TBoundsD::Right, &TBoundsD::SetRight, &TBoundsD::IsRightStored);
   PublishProperty<TBoundsD>(u"Bottom", &TBoundsD::Bottom, &TBoundsD::SetBottom, &TBoundsD::IsBottomStored);
   return true;
-}();
+}
 
 bool Same(double A, double B) noexcept { return SameValue(A, B, Epsilon); }
 
 }  // namespace
 
 TBoundsD::TBoundsD(const TRectD& ADefaultValue) : FDefaultValue(ADefaultValue) {
-  (void)kBoundsPublished;
+  [[maybe_unused]] static const bool published = PublishBounds();
   SetRect(ADefaultValue);
 }
 
