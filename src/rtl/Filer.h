@@ -33,16 +33,14 @@
 #include <quma/Classes.h>
 #include <quma/Method.h>
 #include <quma/Object.h>
+#include <quma/Streams.h>
 #include <quma/Strings.h>
 #include <quma/SysUtils.h>
 #include <quma/System.h>
 
 namespace quma {
 
-QUMA_DECLARE_EXCEPTION(EFilerError, Exception);
-QUMA_DECLARE_EXCEPTION(EReadError, EFilerError);
-QUMA_DECLARE_EXCEPTION(EWriteError, EFilerError);
-
+// Errors are the streams' EReadError and EWriteError.
 inline constexpr char16_t SReadErrorAt[] = u"Line %d, property %s: %s";
 inline constexpr char16_t SReadErrorLine[] = u"Line %d: %s";
 inline constexpr char16_t SUnknownProperty[] = u"Property does not exist";

@@ -35,6 +35,21 @@ std::int32_t RoundToInt32(double v) noexcept { return SaturateToInt32(std::round
 
 namespace {
 
+enum class TRounding { Up, TowardsZero, Nearest };
+
+// A double as a 32-bit coordinate, rounded the named way (Nearest: halves to even) and saturated.
+std::int32_t ToInt32(double v, TRounding rounding) noexcept {
+  switch (rounding) {
+    case TRounding::Up:
+      return detail::SaturateToInt32(std::ceil(v));
+    case TRounding::TowardsZero:
+      return detail::SaturateToInt32(std::trunc(v));
+    case TRounding::Nearest:
+      break;
+  }
+  return detail::SaturateToInt32(std::nearbyint(v));
+}
+
 double AsReal(double v) noexcept { return v; }
 double AsReal(Int64 v) noexcept { return static_cast<double>(v); }
 
@@ -132,21 +147,21 @@ template <TGeometryCoordinate T>
 TPoint TPointT<T>::Ceiling() const noexcept
   requires IsReal
 {
-  return {detail::SaturateToInt32(std::ceil(X)), detail::SaturateToInt32(std::ceil(Y))};
+  return {ToInt32(X, TRounding::Up), ToInt32(Y, TRounding::Up)};
 }
 
 template <TGeometryCoordinate T>
 TPoint TPointT<T>::Truncate() const noexcept
   requires IsReal
 {
-  return {detail::SaturateToInt32(std::trunc(X)), detail::SaturateToInt32(std::trunc(Y))};
+  return {ToInt32(X, TRounding::TowardsZero), ToInt32(Y, TRounding::TowardsZero)};
 }
 
 template <TGeometryCoordinate T>
 TPoint TPointT<T>::Round() const noexcept
   requires IsReal
 {
-  return {detail::SaturateToInt32(std::nearbyint(X)), detail::SaturateToInt32(std::nearbyint(Y))};
+  return {ToInt32(X, TRounding::Nearest), ToInt32(Y, TRounding::Nearest)};
 }
 
 template <TGeometryCoordinate T>
@@ -178,21 +193,21 @@ template <TGeometryCoordinate T>
 TSize TSizeT<T>::Ceiling() const noexcept
   requires IsReal
 {
-  return {detail::SaturateToInt32(std::ceil(cx)), detail::SaturateToInt32(std::ceil(cy))};
+  return {ToInt32(cx, TRounding::Up), ToInt32(cy, TRounding::Up)};
 }
 
 template <TGeometryCoordinate T>
 TSize TSizeT<T>::Truncate() const noexcept
   requires IsReal
 {
-  return {detail::SaturateToInt32(std::trunc(cx)), detail::SaturateToInt32(std::trunc(cy))};
+  return {ToInt32(cx, TRounding::TowardsZero), ToInt32(cy, TRounding::TowardsZero)};
 }
 
 template <TGeometryCoordinate T>
 TSize TSizeT<T>::Round() const noexcept
   requires IsReal
 {
-  return {detail::SaturateToInt32(std::nearbyint(cx)), detail::SaturateToInt32(std::nearbyint(cy))};
+  return {ToInt32(cx, TRounding::Nearest), ToInt32(cy, TRounding::Nearest)};
 }
 
 // ---- TRectT ----
@@ -368,24 +383,24 @@ template <TGeometryCoordinate T>
 TRect TRectT<T>::Ceiling() const noexcept
   requires IsReal
 {
-  const TPoint a = TopLeft().Ceiling(), b = BottomRight().Ceiling();
-  return {a.X, a.Y, b.X, b.Y};
+  const auto r = TRounding::Up;
+  return {ToInt32(Left, r), ToInt32(Top, r), ToInt32(Right, r), ToInt32(Bottom, r)};
 }
 
 template <TGeometryCoordinate T>
 TRect TRectT<T>::Truncate() const noexcept
   requires IsReal
 {
-  const TPoint a = TopLeft().Truncate(), b = BottomRight().Truncate();
-  return {a.X, a.Y, b.X, b.Y};
+  const auto r = TRounding::TowardsZero;
+  return {ToInt32(Left, r), ToInt32(Top, r), ToInt32(Right, r), ToInt32(Bottom, r)};
 }
 
 template <TGeometryCoordinate T>
 TRect TRectT<T>::Round() const noexcept
   requires IsReal
 {
-  const TPoint a = TopLeft().Round(), b = BottomRight().Round();
-  return {a.X, a.Y, b.X, b.Y};
+  const auto r = TRounding::Nearest;
+  return {ToInt32(Left, r), ToInt32(Top, r), ToInt32(Right, r), ToInt32(Bottom, r)};
 }
 
 // ---- free functions ----

@@ -258,6 +258,9 @@ TEST(Bounds, EdgesNotifyOnlyRealChanges) {
 
   b->SetRect({1, 2, 3, 4});
   EXPECT_EQ(b->ToString(), u"TBoundsD (1.00,2.00)-(3.00,4.00)");
+  b->SetRect({0.125, -0.125, 2.675, 1e6});  // halves round away from zero; 2.675 is below half
+  EXPECT_EQ(b->ToString(), u"TBoundsD (0.13,-0.13)-(2.67,1000000.00)");
+  b->SetRect({1, 2, 3, 4});
   EXPECT_EQ(b->PaddingRect({0, 0, 10, 10}), TRectD(1, 2, 7, 6));
   EXPECT_EQ(b->MarginRect({0, 0, 10, 10}), TRectD(-1, -2, 13, 14));
   EXPECT_EQ(b->Width(), 2);
