@@ -82,3 +82,4 @@ void BM_RectTextRoundTrip_Stdio(benchmark::State& state) {
 BENCHMARK(BM_RectTextRoundTrip_Stdio);
 
 }  // namespace
+BENCHMARK_MAIN();

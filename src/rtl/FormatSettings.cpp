@@ -4,7 +4,6 @@
 #include <atomic>
 #include <charconv>
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
@@ -134,13 +133,13 @@ void FloatToDecimal(TFloatRec& Result, double Value, int Precision, int Decimals
   if (Value == 0) return;
   Precision = std::clamp(Precision, 1, 18);
   Decimals = std::clamp(Decimals, -400, 400);
-  // Forty significant digits settle the rounding unless the digits after the last kept one read
-  // 5000...: only then can the true value lie on either side of the halfway point, and only then
-  // the exact expansion (at most 767 significant digits; the C library prints it exactly) is
-  // consulted. Forty digits never carry into a new leading digit: no double lies that close to
-  // a power of ten it is not equal to.
+  // Forty correctly rounded significant digits settle the rounding unless the digits after the
+  // last kept one read 5000...: only then can the true value lie on either side of the halfway
+  // point, and only then is the exact expansion (at most 767 significant digits) consulted.
+  // Forty digits never carry into a new leading digit: no double lies that close to a power of
+  // ten it is not equal to.
   char head[64];
-  std::snprintf(head, sizeof head, "%.39e", std::fabs(Value));
+  *std::to_chars(head, head + sizeof head - 1, std::fabs(Value), std::chars_format::scientific, 39).ptr = 0;
   char digits[41];
   digits[0] = head[0];
   std::memcpy(digits + 1, head + 2, 39);
@@ -156,7 +155,7 @@ void FloatToDecimal(TFloatRec& Result, double Value, int Precision, int Decimals
     up = std::any_of(digits + keep + 1, digits + 40, [](char c) { return c != '0'; });
     if (!up) {
       char exact[820];
-      std::snprintf(exact, sizeof exact, "%.800e", std::fabs(Value));
+      std::to_chars(exact, exact + sizeof exact, std::fabs(Value), std::chars_format::scientific, 800);
       digits[0] = exact[0];
       std::memcpy(digits + 1, exact + 2, 39);
       up = digits[keep] >= '5';  // exactly halfway rounds away from zero
