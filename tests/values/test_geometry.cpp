@@ -303,4 +303,15 @@ TEST(Bounds, ReadsOlderProperties) {
   ReadPropertiesFromText(b.get(), u"Rect = '(1,2,x,4)'");  // as StringToRect: empty
   EXPECT_EQ(b->GetRect(), TRectD());
   EXPECT_EQ(counter->Count, 3);
+  // Older data of the wrong type is reported and changes nothing.
+  b->SetRect({1, 2, 3, 4});
+  const struct {
+    const char16_t* text;
+    const char16_t* error;
+  } bad[] = {{u"Left = 9\nLeftI = 1.5", u"Line 2, property LeftI: Invalid property value"},
+             {u"Top = 9\nRectI = 5", u"Line 2, property RectI: Invalid property value"}};
+  for (const auto& c : bad) {
+    EXPECT_EQ(quma::test::ErrorOf<EReadError>([&] { ReadPropertiesFromText(b.get(), c.text); }), c.error);
+    EXPECT_EQ(b->GetRect(), TRectD(1, 2, 3, 4));
+  }
 }
