@@ -21,6 +21,7 @@ TEST(HexStrings, PlainFormIsLowerCasePairsAndTheLaidOutFormAddsSpacesAndSeparato
   EXPECT_EQ(BytesToHexString(five, 0, 0, u"|"), u"0102030405");
   EXPECT_EQ(BytesToHexString(five, 2, 0, u"|"), u"01  02  03  04  05");
   EXPECT_EQ(BytesToHexString(five, 0, 3, u"|"), u"010203|0405");
+  EXPECT_EQ(BytesToHexString(five, 1, 1, u"|"), u"01|02|03|04|05");
   EXPECT_EQ(BytesToHexString(five, 1, 5, u"|"), u"01 02 03 04 05");  // no separator after the last
   EXPECT_EQ(BytesToHexString(five, -3, -1, u"|"), u"0102030405");
   EXPECT_EQ(BytesToHexString(TBytes{}, 1, 2, u"|"), u"");
