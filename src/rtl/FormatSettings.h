@@ -74,7 +74,8 @@ void FloatToDecimal(TFloatRec& Result, double Value, int Precision, int Decimals
 
 // Host float text. FloatToStr writes the general format with 15 significant digits: fixed
 // notation when the decimal exponent lies in -4..14, scientific ("1.5E-7", "1E20") otherwise;
-// the value is rounded half away from zero (FloatToDecimal); "NAN", "INF", "-INF" for the special values. No thousands separators are written.
+// the value is rounded half away from zero (FloatToDecimal); "NAN", "INF", "-INF" for the
+// special values. No thousands separators are written.
 UnicodeString FloatToStr(double Value);
 UnicodeString FloatToStr(double Value, const TFormatSettings& Settings);
 // Reads optional blanks, a sign, digits with at most one decimal separator, and an optional
