@@ -57,6 +57,8 @@ TEST(DateTimeValue, ValidationAndErrors) {
   EXPECT_FALSE(IsValidDate(1900, 2, 29));
   EXPECT_FALSE(IsValidDate(0, 1, 1));
   EXPECT_FALSE(IsValidTime(24, 0, 0, 0));
+  EXPECT_FALSE(IsValidTime(0, 0, 0, 1000));
+  EXPECT_TRUE(IsValidTime(23, 59, 59, 999));
   TDateTime v = 123;
   EXPECT_FALSE(TryEncodeDateTime(2023, 2, 29, 0, 0, 0, 0, v));
   EXPECT_EQ(v, 123);
@@ -95,7 +97,8 @@ TEST(DateTimeFormatter, PatternLetters) {
   EXPECT_EQ(FormatDateTime(u"dddddd", v, us), u"Tuesday, March 5, 2024");
   EXPECT_EQ(FormatDateTime(u"tt", v, us), u"2:07:09 PM");
   EXPECT_EQ(FormatDateTime(u"h am/pm A/P 'dd' \"mm\" c", v, gb), u"2 pm P dd mm 05/03/2024 14:07:09");
-  EXPECT_EQ(FormatDateTime(u"", EncodeDate(2024, 3, 5), gb), u"05/03/2024");
+  EXPECT_EQ(FormatDateTime(u"", EncodeDate(2024, 3, 5), gb), u"05/03/2024");  // "c" drops a midnight time
+  EXPECT_EQ(FormatDateTime(u"c", EncodeDateTime(2024, 3, 5, 0, 5, 0, 0), gb), u"05/03/2024 00:05:00");
   TFormatSettings de = gb;
   de.DateSeparator = u'.';
   EXPECT_EQ(FormatDateTime(u"dd/mm/yyyy", v, de), u"05.03.2024");

@@ -29,6 +29,11 @@ TEST(BcdText, ReadsAndWritesPlainDecimals) {
   EXPECT_EQ(S(B(u".5")), "0.5");
   EXPECT_EQ(S(B(u"-0")), "0");
   EXPECT_EQ(S(B(std::u16string(64, u'9').c_str())), std::string(64, '9'));
+  TBcd tiny;  // one digit, three places: the places beyond the digits are leading zeros
+  tiny.Precision = 1;
+  tiny.SignSpecialPlaces = 3;
+  tiny.SetDigit(0, 5);
+  EXPECT_EQ(S(tiny), "0.005");
   TFormatSettings comma;
   comma.DecimalSeparator = u',';
   comma.ThousandSeparator = u'.';
