@@ -15,6 +15,8 @@
 namespace quma {
 
 enum class TOperation { opInsert, opRemove };
+
+class TFiler;
 using enum TOperation;
 
 class TPersistent : public TObject {
@@ -30,7 +32,10 @@ class TPersistent : public TObject {
  protected:
   virtual void AssignTo(TPersistent* Dest);
   virtual TPersistent* GetOwner() const { return nullptr; }
+  // Properties streamed beside the published ones (<quma/Filer.h>); the filer calls it.
+  virtual void DefineProperties([[maybe_unused]] TFiler* Filer) {}
   [[noreturn]] void AssignError(const TPersistent* Source) const;
+  friend class TFiler;
 };
 using TPersistentClass = TClassOf<TPersistent>;
 

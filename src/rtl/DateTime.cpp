@@ -233,9 +233,16 @@ void FormatInto(UnicodeString& out, UnicodeStringView pattern, const DecodedPart
 
 bool TryDateTimeToStamp(TDateTime Value, TDateTimeStamp& Stamp) noexcept {
   if (!std::isfinite(Value) || std::fabs(Value) > 3.0e6) return false;
-  const auto total = static_cast<Int64>(std::nearbyint(Value * MSecsPerDay));
-  const Int64 days = total / MSecsPerDay;
-  const Int64 ms = (total < 0 ? -total : total) % MSecsPerDay;
+  // The whole part is the day and the fraction the time of day, forward from midnight even for
+  // negative values. Round the time of day, then carry a full day into the next calendar day
+  // (rounding the value as a whole would move a negative date a day back just before midnight).
+  const double whole = std::trunc(Value);
+  Int64 days = static_cast<Int64>(whole);
+  Int64 ms = static_cast<Int64>(std::nearbyint(std::fabs(Value - whole) * MSecsPerDay));
+  if (ms >= MSecsPerDay) {
+    ms -= MSecsPerDay;
+    ++days;
+  }
   if (days < kMinDays || days > kMaxDays) return false;
   Stamp.Days = days;
   Stamp.MSecs = static_cast<Integer>(ms);

@@ -41,11 +41,18 @@ struct Decimal {
       ++Places;
     }
   }
-  // Drops the last decimal, rounding half away from zero. Returns whether a non-zero was dropped.
-  bool DropLastDecimal() noexcept {
-    const Byte dropped = Digits[--Count];
-    --Places;
-    if (dropped >= 5) {
+  // Keeps `places` decimals, rounding once, half away from zero, from the first dropped digit
+  // (0.4595 to no places is 0, not 1 by way of 0.46 and 0.5). Returns whether a non-zero digit
+  // was dropped.
+  bool RoundToPlaces(int places) noexcept {
+    if (Places <= places) return false;
+    const int keep = Count - (Places - places);
+    bool lost = false;
+    for (int i = std::max(keep, 0); i < Count; ++i) lost = lost || Digits[i] != 0;
+    const bool up = keep >= 0 && Digits[keep] >= 5;
+    Count = std::max(keep, 0);
+    Places = places;
+    if (up) {
       int i = Count - 1;
       while (i >= 0 && Digits[i] == 9) Digits[i--] = 0;
       if (i >= 0) {
@@ -56,7 +63,7 @@ struct Decimal {
         ++Count;
       }
     }
-    return dropped != 0;
+    return lost;
   }
 };
 
@@ -88,8 +95,10 @@ void Pack(const Decimal& d, TBcd& out) noexcept {
 // alone is too long.
 bool Fit(Decimal& d) noexcept {
   d.StripLeadingZeros();
-  while (d.Places > 0 && (d.Count > TBcd::MaxDigits || d.Places > TBcd::PlacesMask)) {
-    d.DropLastDecimal();
+  // One rounding to the places that fit; a carry into a new leading digit may need one more.
+  for (int pass = 0; pass < 2 && d.Places > 0 && (d.Count > TBcd::MaxDigits || d.Places > TBcd::PlacesMask); ++pass) {
+    const int excess = std::max(0, d.Count - TBcd::MaxDigits);
+    d.RoundToPlaces(std::max(0, std::min<int>(TBcd::PlacesMask, d.Places - excess)));
     d.StripLeadingZeros();
   }
   return d.Count <= TBcd::MaxDigits;
@@ -146,8 +155,7 @@ bool NormalizeBcd(const TBcd& In, TBcd& Out, int Prec, int Places) noexcept {
   if (Prec < 1 || Prec > TBcd::MaxDigits || Places < 0 || Places > TBcd::PlacesMask || Places > Prec) return false;
   Decimal d = FromBcd(In);
   d.StripLeadingZeros();
-  bool exact = true;
-  while (d.Places > Places) exact = !d.DropLastDecimal() && exact;
+  const bool exact = !d.RoundToPlaces(Places);
   d.StripLeadingZeros();
   if (d.IntegerDigits() > Prec - Places) return false;
   d.Reshape(Prec - Places, Places);

@@ -1,9 +1,11 @@
 #include <quma/FormatSettings.h>
 
+#include <algorithm>
 #include <atomic>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -116,27 +118,82 @@ void SetDefaultFormatSettings(const TFormatSettings& Settings) {
 
 UnicodeString FloatToStr(double Value) { return FloatToStr(Value, DefaultFormatSettings()); }
 
+void FloatToDecimal(TFloatRec& Result, double Value, int Precision, int Decimals) noexcept {
+  Result = TFloatRec{};
+  if (std::isnan(Value)) {
+    Result.Exponent = -32768;
+    return;
+  }
+  Result.Negative = std::signbit(Value);
+  if (std::isinf(Value)) {
+    Result.Exponent = 32767;
+    return;
+  }
+  Result.Negative = Result.Negative && Value != 0;
+  if (Value == 0) return;
+  Precision = std::clamp(Precision, 1, 18);
+  Decimals = std::clamp(Decimals, -400, 400);
+  // Forty correctly rounded significant digits settle the rounding unless the digits after the
+  // last kept one read 5000...: only then can the true value lie on either side of the halfway
+  // point, and only then is the exact expansion (at most 767 significant digits) consulted.
+  // Forty digits never carry into a new leading digit: no double lies that close to a power of
+  // ten it is not equal to.
+  char head[64];
+  *std::to_chars(head, head + sizeof head - 1, std::fabs(Value), std::chars_format::scientific, 39).ptr = 0;
+  char digits[41];
+  digits[0] = head[0];
+  std::memcpy(digits + 1, head + 2, 39);
+  digits[40] = 0;
+  const int exponent = std::atoi(head + 42) + 1;
+  const int keep = std::min(Precision, exponent + Decimals);
+  if (keep < 0) {
+    Result.Negative = false;
+    return;
+  }
+  bool up = digits[keep] > '5';
+  if (digits[keep] == '5') {
+    up = std::any_of(digits + keep + 1, digits + 40, [](char c) { return c != '0'; });
+    if (!up) {
+      char exact[820];
+      std::to_chars(exact, exact + sizeof exact, std::fabs(Value), std::chars_format::scientific, 800);
+      digits[0] = exact[0];
+      std::memcpy(digits + 1, exact + 2, 39);
+      up = digits[keep] >= '5';  // exactly halfway rounds away from zero
+    }
+  }
+  int count = keep;
+  int e = exponent;
+  if (up) {
+    int i = keep - 1;
+    while (i >= 0 && digits[i] == '9') digits[i--] = '0';
+    if (i >= 0) {
+      ++digits[i];
+    } else {
+      digits[0] = '1';
+      count = 1;
+      ++e;
+    }
+  }
+  while (count > 0 && digits[count - 1] == '0') --count;
+  if (count == 0) {
+    Result.Negative = false;
+    return;
+  }
+  std::memcpy(Result.Digits.data(), digits, static_cast<std::size_t>(count));
+  Result.Exponent = static_cast<SmallInt>(e);
+}
+
 UnicodeString FloatToStr(double Value, const TFormatSettings& Settings) {
   if (std::isnan(Value)) return u"NAN";
   if (std::isinf(Value)) return Value < 0 ? u"-INF" : u"INF";
   if (Value == 0) return u"0";
   // 15 significant digits, then the shortest of fixed and scientific notation by the host rule.
-  char buf[40];
-  auto res = std::to_chars(buf, buf + sizeof buf, Value, std::chars_format::scientific, 14);
-  const char* p = buf;
-  const char* end = res.ptr;
-  bool negative = false;
-  if (*p == '-') {
-    negative = true;
-    ++p;
-  }
-  char digits[16];
-  int n = 0;
-  for (; p < end && *p != 'e'; ++p)
-    if (*p >= '0' && *p <= '9') digits[n++] = *p;
-  int exponent = 0;
-  std::from_chars(p + 1 + (p[1] == '+' ? 1 : 0), end, exponent);
-  while (n > 1 && digits[n - 1] == '0') --n;
+  TFloatRec rec;
+  FloatToDecimal(rec, Value, 15, 9999);
+  const bool negative = rec.Negative;
+  const char* digits = rec.Digits.data();
+  const int n = static_cast<int>(std::strlen(digits));
+  const int exponent = rec.Exponent - 1;
 
   char16_t out[48];
   int o = 0;
@@ -221,7 +278,15 @@ bool TryStrToFloat(UnicodeStringView S, double& Value, const TFormatSettings& Se
         ++magnitude;
       }
     }
-    if (k < o) magnitude += std::strtol(std::string(buf + k + 1, buf + o).c_str(), nullptr, 10);
+    if (k < o) {
+      // The exponent saturates: any exponent beyond the digit count decides the direction alone.
+      std::size_t d = k + 1;
+      const bool negativeExponent = buf[d] == '-';
+      if (buf[d] == '-' || buf[d] == '+') ++d;
+      long exponent = 0;
+      for (; d < o; ++d) exponent = std::min(exponent * 10 + (buf[d] - '0'), 100000L);
+      magnitude += negativeExponent ? -exponent : exponent;
+    }
     if (magnitude > 0) return false;
     v = buf[0] == '-' ? -0.0 : 0.0;
   } else if (res.ec != std::errc() || res.ptr != buf + o) {

@@ -60,14 +60,29 @@ struct TFormatSettings {
 const TFormatSettings& DefaultFormatSettings() noexcept;
 void SetDefaultFormatSettings(const TFormatSettings& Settings);
 
+// A double as decimal digits, the host's FloatToDecimal: the value is 0.Digits x 10^Exponent.
+// Digits are ASCII, zero-terminated, without trailing zeros; a value that rounds to zero has no
+// digits, exponent 0 and no sign. NaN has the exponent -32768 and infinities 32767. The exact
+// binary value is rounded once, half away from zero, to at most Precision (1..18) significant
+// digits and at most Decimals digits after the decimal point (Decimals may be negative).
+struct TFloatRec {
+  SmallInt Exponent = 0;
+  bool Negative = false;
+  std::array<char, 21> Digits{};
+};
+void FloatToDecimal(TFloatRec& Result, double Value, int Precision, int Decimals) noexcept;
+
 // Host float text. FloatToStr writes the general format with 15 significant digits: fixed
 // notation when the decimal exponent lies in -4..14, scientific ("1.5E-7", "1E20") otherwise;
-// "NAN", "INF", "-INF" for the special values. No thousands separators are written.
+// the value is rounded half away from zero (FloatToDecimal); "NAN", "INF", "-INF" for the
+// special values. No thousands separators are written.
 UnicodeString FloatToStr(double Value);
 UnicodeString FloatToStr(double Value, const TFormatSettings& Settings);
 // Reads optional blanks, a sign, digits with at most one decimal separator, and an optional
-// exponent (E or e, optional sign, digits), then optional blanks. EConvertError
-// "'<text>' is not a valid floating point value" when the text is anything else.
+// exponent (E or e, optional sign, any number of digits), then optional blanks. EConvertError
+// "'<text>' is not a valid floating point value" when the text is anything else, and when the
+// value overflows the double range (however long the exponent); a value below the smallest
+// denormal reads as a zero of its sign.
 double StrToFloat(UnicodeStringView S);
 double StrToFloat(UnicodeStringView S, const TFormatSettings& Settings);
 bool TryStrToFloat(UnicodeStringView S, double& Value) noexcept;

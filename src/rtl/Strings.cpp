@@ -1,10 +1,11 @@
 #include <quma/Strings.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <cstdio>
 #include <limits>
 
+#include <quma/FormatSettings.h>
 #include <quma/SysUtils.h>
 
 namespace quma {
@@ -209,8 +210,9 @@ UnicodeString IntToHex(UInt64 value, int digits) {
 
 namespace {
 
-// Reads an integer in [min, max] the way the host's Val does; hexadecimal values may use the
-// full unsigned range of the type (so "$FFFFFFFF" is -1 as a 32-bit value).
+// Reads an integer in [min, max] the way the host's Val does: leading blanks, a sign, "$" or "0x"
+// for hexadecimal, at least one digit and nothing after the digits. Hexadecimal values may use
+// the full unsigned range of the type (so "$FFFFFFFF" is -1 as a 32-bit value).
 bool ParseInt(UnicodeStringView s, Int64 min, Int64 max, UInt64 hexMax, Int64& out) noexcept {
   std::size_t i = 0;
   while (i < s.size() && s[i] == u' ') ++i;
@@ -224,7 +226,7 @@ bool ParseInt(UnicodeStringView s, Int64 min, Int64 max, UInt64 hexMax, Int64& o
     hex = true;
     i += 2;
   }
-  if (i >= s.size()) return false;
+  const std::size_t firstDigit = i;
   UInt64 v = 0;
   const UInt64 limit = hex ? hexMax : (neg ? static_cast<UInt64>(-(min + 1)) + 1 : static_cast<UInt64>(max));
   for (; i < s.size(); ++i) {
@@ -242,8 +244,8 @@ bool ParseInt(UnicodeStringView s, Int64 min, Int64 max, UInt64 hexMax, Int64& o
     if (v > (limit - d) / base) return false;
     v = v * base + d;
   }
-  while (i < s.size() && s[i] == u' ') ++i;
-  if (i != s.size()) return false;
+  // A sign or prefix without digits is not a number, and only leading blanks are skipped.
+  if (i == firstDigit || i != s.size()) return false;
   if (hex) {
     // Reinterpret in the target width.
     Int64 r;
@@ -302,8 +304,6 @@ struct TDirective {
   char16_t type = 0;
 };
 
-void AppendAscii(UnicodeString& out, std::string_view s) { out.append(s.begin(), s.end()); }
-
 void Pad(UnicodeString& out, const UnicodeString& body, const TDirective& directive) {
   const auto len = static_cast<int>(body.size());
   if (directive.width > len && !directive.left) out.append(static_cast<std::size_t>(directive.width - len), u' ');
@@ -311,46 +311,63 @@ void Pad(UnicodeString& out, const UnicodeString& body, const TDirective& direct
   if (directive.width > len && directive.left) out.append(static_cast<std::size_t>(directive.width - len), u' ');
 }
 
-UnicodeString FormatFloat(double v, const TDirective& directive) {
-  char buf[512];
-  const int prec = directive.precision;
-  switch (directive.type) {
-    case u'f':
-    case u'F':
-      std::snprintf(buf, sizeof buf, "%.*f", prec < 0 ? 2 : std::min(prec, 18), v);
-      break;
-    case u'e':
-    case u'E':
-      std::snprintf(buf, sizeof buf, "%.*E", prec < 0 ? 14 : std::max(0, std::min(prec, 18) - 1), v);
-      break;
-    case u'g':
-    case u'G':
-      std::snprintf(buf, sizeof buf, "%.*G", prec < 0 ? 15 : std::max(1, std::min(prec, 18)), v);
-      break;
-    case u'n':
-    case u'N': {
-      // Fixed with thousands separators.
-      char raw[512];
-      std::snprintf(raw, sizeof raw, "%.*f", prec < 0 ? 2 : std::min(prec, 18), v);
-      const std::string_view s(raw);
-      const std::size_t start = s[0] == '-' ? 1 : 0;
-      std::size_t dot = s.find('.');
-      if (dot == std::string_view::npos) dot = s.size();
-      std::string grouped(s.substr(0, start));
-      for (std::size_t p = start; p < dot; ++p) {
-        if (p > start && (dot - p) % 3 == 0) grouped.push_back(',');
-        grouped.push_back(s[p]);
-      }
-      grouped.append(s.substr(dot));
-      std::snprintf(buf, sizeof buf, "%s", grouped.c_str());
-      break;
-    }
-    default:
-      buf[0] = 0;
+// Fixed notation of a rounded value with exactly `places` decimals; digits beyond the 18 the
+// value was rounded to read as zeros. Thousands separators between integer groups when asked.
+void AppendFixed(UnicodeString& out, const TFloatRec& rec, int places, bool thousands) {
+  const std::string_view digits(rec.Digits.data());
+  const auto digit = [&](int k) { return k >= 0 && k < static_cast<int>(digits.size()) ? digits[k] : '0'; };
+  if (rec.Exponent <= 0) out.push_back(u'0');
+  for (int k = 0; k < rec.Exponent; ++k) {
+    if (thousands && k > 0 && (rec.Exponent - k) % 3 == 0) out.push_back(u',');
+    out.push_back(static_cast<char16_t>(digit(k)));
   }
-  UnicodeString r;
-  AppendAscii(r, buf);
-  return r;
+  if (places > 0) out.push_back(u'.');
+  for (int k = 0; k < places; ++k) out.push_back(static_cast<char16_t>(digit(rec.Exponent + k)));
+}
+
+void AppendExponent(UnicodeString& out, int exponent) {
+  out.push_back(u'E');
+  out.push_back(exponent < 0 ? u'-' : u'+');
+  const UnicodeString e = UIntToStr(static_cast<UInt64>(exponent < 0 ? -exponent : exponent));
+  if (e.size() < 2) out.push_back(u'0');
+  out += e;
+}
+
+// The float directives. Rounding is the host's, half away from zero on the decimal digits (so
+// "%.2f" of 0.125 is 0.13), not the C library's ties-to-even; the layouts are printf's.
+UnicodeString FormatFloat(double v, const TDirective& directive) {
+  UnicodeString out;
+  const int prec = directive.precision;
+  const char16_t type = UpCase(directive.type);
+  if (std::isnan(v)) return u"NAN";
+  if (std::isinf(v)) return v < 0 ? u"-INF" : u"INF";
+  TFloatRec rec;
+  if (type == u'F' || type == u'N') {
+    const int places = prec < 0 ? 2 : std::min(prec, 18);
+    FloatToDecimal(rec, v, 18, places);
+    if (rec.Negative) out.push_back(u'-');
+    AppendFixed(out, rec, places, type == u'N');
+    return out;
+  }
+  const bool scientific = type == u'E';
+  const int significant = prec < 0 ? 15 : std::clamp(prec, 1, 18);
+  FloatToDecimal(rec, v, significant, 9999);
+  if (rec.Negative) out.push_back(u'-');
+  const std::string_view digits(rec.Digits.data());
+  const int exponent = digits.empty() ? 0 : rec.Exponent - 1;
+  if (!scientific && exponent >= -4 && exponent < significant) {
+    // %g: fixed notation without trailing zeros.
+    AppendFixed(out, rec, std::max(0, static_cast<int>(digits.size()) - rec.Exponent), false);
+    return out;
+  }
+  out.push_back(digits.empty() ? u'0' : static_cast<char16_t>(digits[0]));
+  // %e keeps every requested digit; %g drops trailing zeros.
+  const int shown = scientific ? significant : static_cast<int>(digits.size());
+  if (shown > 1) out.push_back(u'.');
+  for (int k = 1; k < shown; ++k)
+    out.push_back(k < static_cast<int>(digits.size()) ? static_cast<char16_t>(digits[k]) : u'0');
+  AppendExponent(out, exponent);
+  return out;
 }
 
 }  // namespace
@@ -380,9 +397,12 @@ UnicodeString FormatV(UnicodeStringView fmt, const TFormatArg* args, std::size_t
     }
     TDirective directive;
     // Optional index "n:" or "*:".
+    // A number, or "*" taking it from the next argument (clamped: a negative width or precision
+    // counts as absent, a huge one as 2^20).
     auto readNumber = [&](int& value) {
       if (i < fmt.size() && fmt[i] == u'*') {
-        value = static_cast<int>(intArg(next++));
+        const Int64 v = intArg(next++);
+        if (v >= 0) value = static_cast<int>(std::min<Int64>(v, 1 << 20));
         ++i;
         return true;
       }
@@ -397,13 +417,19 @@ UnicodeString FormatV(UnicodeStringView fmt, const TFormatArg* args, std::size_t
       return any;
     };
     {
-      const std::size_t save = i;
-      int index = -1;
-      if (readNumber(index) && i < fmt.size() && fmt[i] == u':') {
+      // Only a number or "*" directly followed by ":" is an index; otherwise it is the width and
+      // is read again below (so a "*" width consumes its argument once).
+      std::size_t end = i;
+      if (end < fmt.size() && fmt[end] == u'*') {
+        ++end;
+      } else {
+        while (end < fmt.size() && fmt[end] >= u'0' && fmt[end] <= u'9') ++end;
+      }
+      if (end > i && end < fmt.size() && fmt[end] == u':') {
+        int index = 0;
+        readNumber(index);
         next = static_cast<std::size_t>(index);
         ++i;
-      } else {
-        i = save;
       }
     }
     if (i < fmt.size() && fmt[i] == u'-') {

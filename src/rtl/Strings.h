@@ -37,8 +37,9 @@ UnicodeString Trim(UnicodeStringView s);
 UnicodeString TrimLeft(UnicodeStringView s);
 UnicodeString TrimRight(UnicodeStringView s);
 
-// Integer text. The readers accept optional surrounding blanks, a sign, and hexadecimal written
-// with a leading "$" or "0x"; they raise EConvertError ("'%s' is not a valid integer value").
+// Integer text. The readers accept leading blanks (not trailing ones), a sign, and hexadecimal
+// written with a leading "$" or "0x", followed by at least one digit; they raise EConvertError
+// ("'%s' is not a valid integer value") for anything else ("- ", "5 ") and on overflow.
 UnicodeString IntToStr(Int64 value);
 UnicodeString UIntToStr(UInt64 value);
 UnicodeString IntToHex(UInt64 value, int digits);  // upper case, at least `digits` digits
@@ -76,8 +77,11 @@ class TFormatArg {
 };
 
 // The host Format: "%" [index ":"] ["-"] [width] ["." precision] type, with types d u x X s f e
-// g n c p and "%%". Width and precision may be "*"; "%2.2x" writes two lower-case hexadecimal
-// digits, "%X" upper-case ones. A mismatch raises EConvertError
+// g n c p and "%%". Index, width and precision may be "*", taken from the next argument (an
+// integer; a negative width or precision counts as absent); "%2.2x" writes two lower-case
+// hexadecimal digits, "%X" upper-case ones. Floats round half away from zero on the decimal
+// digits ("%.2f" of 0.125 is "0.13"), at most 18 significant digits; a value that rounds to zero
+// has no sign; NaN and infinities read "NAN", "INF", "-INF". A mismatch raises EConvertError
 // ("Format '%s' invalid or incompatible with argument"). The decimal separator is ".".
 UnicodeString FormatV(UnicodeStringView fmt, const TFormatArg* args, std::size_t count);
 template <class... A>

@@ -57,6 +57,8 @@ TEST(DateTimeValue, ValidationAndErrors) {
   EXPECT_FALSE(IsValidDate(1900, 2, 29));
   EXPECT_FALSE(IsValidDate(0, 1, 1));
   EXPECT_FALSE(IsValidTime(24, 0, 0, 0));
+  EXPECT_FALSE(IsValidTime(0, 0, 0, 1000));
+  EXPECT_TRUE(IsValidTime(23, 59, 59, 999));
   TDateTime v = 123;
   EXPECT_FALSE(TryEncodeDateTime(2023, 2, 29, 0, 0, 0, 0, v));
   EXPECT_EQ(v, 123);
@@ -95,7 +97,8 @@ TEST(DateTimeFormatter, PatternLetters) {
   EXPECT_EQ(FormatDateTime(u"dddddd", v, us), u"Tuesday, March 5, 2024");
   EXPECT_EQ(FormatDateTime(u"tt", v, us), u"2:07:09 PM");
   EXPECT_EQ(FormatDateTime(u"h am/pm A/P 'dd' \"mm\" c", v, gb), u"2 pm P dd mm 05/03/2024 14:07:09");
-  EXPECT_EQ(FormatDateTime(u"", EncodeDate(2024, 3, 5), gb), u"05/03/2024");
+  EXPECT_EQ(FormatDateTime(u"", EncodeDate(2024, 3, 5), gb), u"05/03/2024");  // "c" drops a midnight time
+  EXPECT_EQ(FormatDateTime(u"c", EncodeDateTime(2024, 3, 5, 0, 5, 0, 0), gb), u"05/03/2024 00:05:00");
   TFormatSettings de = gb;
   de.DateSeparator = u'.';
   EXPECT_EQ(FormatDateTime(u"dd/mm/yyyy", v, de), u"05.03.2024");
@@ -135,6 +138,11 @@ TEST(FloatText, GeneralFormatWithFifteenDigits) {
   EXPECT_EQ(text(1.7976931348623157e308), u"1.79769313486232E308");
   EXPECT_EQ(text(std::numeric_limits<double>::quiet_NaN()), u"NAN");
   EXPECT_EQ(text(-HUGE_VAL), u"-INF");
+  // The 16th digit rounds half away from zero when the binary value is exactly halfway.
+  EXPECT_EQ(text(1000000000000005), u"1.00000000000001E15");
+  EXPECT_EQ(text(-1000000000000005), u"-1.00000000000001E15");
+  EXPECT_EQ(text(12345678901234.25), u"12345678901234.3");
+  EXPECT_EQ(text(1000000000000004.875), u"1E15");
   TFormatSettings comma = gb;
   comma.DecimalSeparator = u',';
   EXPECT_EQ(FloatToStr(-1.25e-9, comma), u"-1,25E-9");
@@ -147,11 +155,14 @@ TEST(FloatText, ReadingHonoursTheSettings) {
   EXPECT_EQ(StrToFloat(u"5.", gb), 5.0);
   EXPECT_EQ(StrToFloat(u"+1.5E-7", gb), 1.5e-7);
   EXPECT_EQ(StrToFloat(u"1e-400", gb), 0.0);
+  EXPECT_EQ(StrToFloat(u"-1e-4296611111111111111111", gb), 0.0);
+  EXPECT_EQ(StrToFloat(u"0e4296611111111111111111", gb), 0.0);
   TFormatSettings comma = gb;
   comma.DecimalSeparator = u',';
   EXPECT_EQ(StrToFloat(u"2,75", comma), 2.75);
   for (const char16_t* bad :
-       {u"", u" ", u"abc", u"1.5.5", u"1,5", u"1e", u"e5", u".", u"1e400", u"--1", u"1 2", u"0x10"})
+       {u"", u" ", u"abc", u"1.5.5", u"1,5", u"1e", u"e5", u".", u"1e400", u"--1", u"1 2", u"0x10",
+        u"1e4296611111111111111111", u"10e99999999999999999999", u"-0.1e+9223372036854775808"})
     EXPECT_EQ(ConvertErrorOf([&] { StrToFloat(bad, gb); }),
               "'" + Utf16ToUtf8(bad) + "' is not a valid floating point value");
   double v = 7;

@@ -29,6 +29,11 @@ TEST(BcdText, ReadsAndWritesPlainDecimals) {
   EXPECT_EQ(S(B(u".5")), "0.5");
   EXPECT_EQ(S(B(u"-0")), "0");
   EXPECT_EQ(S(B(std::u16string(64, u'9').c_str())), std::string(64, '9'));
+  TBcd tiny;  // one digit, three places: the places beyond the digits are leading zeros
+  tiny.Precision = 1;
+  tiny.SignSpecialPlaces = 3;
+  tiny.SetDigit(0, 5);
+  EXPECT_EQ(S(tiny), "0.005");
   TFormatSettings comma;
   comma.DecimalSeparator = u',';
   comma.ThousandSeparator = u'.';
@@ -84,4 +89,19 @@ TEST(BcdNormalize, PrecisionAndPlaces) {
   EXPECT_FALSE(NormalizeBcd(B(u"1"), untouched, 65, 0));
   ASSERT_TRUE(NormalizeBcd(B(u"-0.5"), out, 1, 1));
   EXPECT_EQ(S(out), "-0.5");
+  // One rounding from the first dropped digit, half away from zero; carries run through every
+  // digit.
+  const struct {
+    const char16_t* in;
+    int prec, places;
+    const char* out;
+  } rounded[] = {{u"0.4595", 1, 0, "0"}, {u"9.5", 2, 0, "10"},    {u"9.95", 3, 1, "10"},
+                 {u"-9.95", 3, 1, "-10"}, {u"0.45", 2, 1, "0.5"}, {u"1.2349", 4, 3, "1.235"},
+                 {u"99.96", 4, 1, "100"}};
+  for (const auto& c : rounded) {
+    ASSERT_FALSE(NormalizeBcd(B(c.in), out, c.prec, c.places)) << Utf16ToUtf8(c.in);
+    EXPECT_EQ(S(out), c.out) << Utf16ToUtf8(c.in);
+    EXPECT_EQ(out.Places(), c.places);
+  }
+  EXPECT_FALSE(NormalizeBcd(B(u"99.96"), out, 3, 1));  // the carry needs a fourth digit
 }

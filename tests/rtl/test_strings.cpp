@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <limits>
+
 #include <quma/PerlRegEx.h>
 #include <quma/Strings.h>
 #include <quma/SysUtils.h>
@@ -27,35 +29,44 @@ TEST(Strings, CaseMappingIsAsciiOnly) {
 }
 
 TEST(Strings, IntegerConversion) {
-  EXPECT_EQ(StrToInt(u"$FF"), 255);
-  EXPECT_EQ(StrToInt(u"0x10"), 16);
-  EXPECT_EQ(StrToInt(u" -42 "), -42);
-  EXPECT_EQ(StrToInt(u"$FFFFFFFF"), -1);
-  EXPECT_EQ(StrToInt(u"-2147483648"), std::numeric_limits<Integer>::min());
+  const struct {
+    const char16_t* text;
+    Int64 value;
+  } good[] = {{u"$FF", 255},           {u"0x10", 16}, {u"  -42", -42}, {u"$FFFFFFFF", -1},
+              {u"-2147483648", INT32_MIN}, {u"+7", 7}};
+  for (const auto& c : good) EXPECT_EQ(StrToInt(c.text), c.value) << Utf16ToUtf8(c.text);
   EXPECT_EQ(StrToInt64(u"9223372036854775807"), std::numeric_limits<Int64>::max());
-  Integer v = 0;
-  EXPECT_FALSE(TryStrToInt(u"2147483648", v));
-  EXPECT_FALSE(TryStrToInt(u"", v));
-  EXPECT_FALSE(TryStrToInt(u"$", v));
+  // Only leading blanks are skipped; a sign or prefix needs digits after it.
+  for (const char16_t* bad : {u"2147483648", u"", u"$", u"- ", u"-", u"5 ", u"0x", u"12a"}) {
+    Integer v = 99;
+    EXPECT_FALSE(TryStrToInt(bad, v)) << Utf16ToUtf8(bad);
+    EXPECT_EQ(v, 99);
+    EXPECT_EQ(StrToIntDef(bad, -7), -7);
+  }
   try {
-    StrToInt(u"12a");
+    StrToInt(u"- ");
     FAIL();
   } catch (const EConvertError& e) {
-    EXPECT_EQ(e.Message(), u"'12a' is not a valid integer value");
+    EXPECT_EQ(e.Message(), u"'- ' is not a valid integer value");
   }
   EXPECT_EQ(IntToStr(-5), u"-5");
   EXPECT_EQ(IntToHex(0xAB, 4), u"00AB");
 }
 
-TEST(Strings, FormatSubset) {
+TEST(Strings, FormatDirectives) {
   EXPECT_EQ(Format(u"%d items", 3), u"3 items");
   EXPECT_EQ(Format(u"%s=%s", u"a", std::string("b")), u"a=b");
   EXPECT_EQ(Format(u"%x|%.2x|%2.2x|%X", 255, 10, 7, 0xAB), u"ff|0a|07|AB");
-  EXPECT_EQ(Format(u"%4.2f", 3.14159), u"3.14");
   EXPECT_EQ(Format(u"%8.2f|%-4d|", 2.5, 7), u"    2.50|7   |");
   EXPECT_EQ(Format(u"%1:s %0:s", u"world", u"hello"), u"hello world");
   EXPECT_EQ(Format(u"100%%"), u"100%");
   EXPECT_EQ(Format(u"%x", -1), u"ffffffff");
+  // "*" takes width, precision or index from the arguments.
+  EXPECT_EQ(Format(u"%*d", 5, 42), u"   42");
+  EXPECT_EQ(Format(u"%*.*s|", 7, 6, u""), u"       |");
+  EXPECT_EQ(Format(u"%-*.*f|", 8, 1, 2.25), u"2.3     |");
+  EXPECT_EQ(Format(u"%*:s", 1, u"a", u"b"), u"a");
+  EXPECT_EQ(Format(u"%*d|", -3, 9), u"9|");
   try {
     Format(u"%d", u"text");
     FAIL();
@@ -63,6 +74,31 @@ TEST(Strings, FormatSubset) {
     EXPECT_EQ(e.Message(), u"Format '%d' invalid or incompatible with argument");
   }
   EXPECT_THROW(Format(u"%s %s", u"one"), EConvertError);
+  EXPECT_THROW(Format(u"%*d", 5), EConvertError);
+}
+
+// Floats round half away from zero on their exact decimal digits, as the host does; values just
+// off the halfway point (0.145 is 0.14499999...) round to the nearer side.
+TEST(Strings, FormatFloatsRoundHalfAwayFromZero) {
+  const struct {
+    const char16_t* format;
+    double value;
+    const char16_t* text;
+  } cases[] = {
+      {u"%4.2f", 0.125, u"0.13"},   {u"%.0f", 2.5, u"3"},        {u"%.0f", -2.5, u"-3"},
+      {u"%.0f", 0.5, u"1"},         {u"%.2f", 0.145, u"0.14"},    {u"%.2f", 1.005, u"1.00"},
+      {u"%.1f", 0.25, u"0.3"},      {u"%.1f", -0.25, u"-0.3"},    {u"%.2f", 9.995, u"9.99"},
+      {u"%.1f", 9.95, u"9.9"},      {u"%.1f", 99.75, u"99.8"},    {u"%.0f", 999.5, u"1000"},
+      {u"%.2f", -0.001, u"0.00"},   {u"%.3f", 1e-10, u"0.000"},   {u"%f", 1234.5, u"1234.50"},
+      {u"%4.2f", 3.14159, u"3.14"}, {u"%.0f", 1e20, u"100000000000000000000"},
+      {u"%n", 1234567.125, u"1,234,567.13"},                      {u"%.0n", -999.5, u"-1,000"},
+      {u"%.3e", 1.125, u"1.13E+00"}, {u"%.3e", -2.5e-7, u"-2.50E-07"}, {u"%.1e", 95.0, u"1E+02"}, {u"%.0e", 2.5, u"3E+00"},
+      {u"%e", 1.0 / 3, u"3.33333333333333E-01"},                  {u"%.2g", 0.125, u"0.13"},
+      {u"%.3g", 1e20, u"1E+20"},    {u"%g", 0.0001, u"0.0001"},   {u"%g", 1e-5, u"1E-05"},
+      {u"%.2g", 2.5e-5, u"2.5E-05"}, {u"%f", std::numeric_limits<double>::infinity(), u"INF"},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(Utf16ToUtf8(Format(c.format, c.value)), Utf16ToUtf8(c.text)) << Utf16ToUtf8(c.format) << " " << c.value;
 }
 
 TEST(Exceptions, MessagesInBothEncodings) {
@@ -84,6 +120,9 @@ TEST(RegularExpressions, MatchGroupsAndSurroundings) {
   EXPECT_EQ(re.MatchedOffset(), 6);
   EXPECT_EQ(re.GroupCount(), 2);
   EXPECT_EQ(re.Groups(2), u"20");
+  EXPECT_EQ(re.GroupLengths(2), 2);
+  EXPECT_EQ(re.GroupLengths(3), 0);  // beyond the last group
+  EXPECT_EQ(re.GroupOffsets(3), 0);
   EXPECT_EQ(re.SubjectLeft(), u"from ");
   EXPECT_EQ(re.SubjectRight(), u" to 30-40");
   ASSERT_TRUE(re.MatchAgain());
@@ -105,6 +144,9 @@ TEST(RegularExpressions, OptionsReplaceAndErrors) {
   re.SetReplacement(u"\\2 at $1");
   EXPECT_EQ(re.ReplaceAll(), 2);
   EXPECT_EQ(re.Subject(), u"b at a, d at c");
+  re.SetSubject(u"x@y tail");
+  EXPECT_EQ(re.ReplaceAll(), 1);
+  EXPECT_EQ(re.Subject(), u"y at x tail");  // the text after the last match stays
 
   EXPECT_THROW(TRegex(u"(unclosed"), ERegularExpressionError);
   EXPECT_EQ(TPerlRegEx::EscapeRegExChars(u"a.b*c"), u"a\\.b\\*c");

@@ -117,6 +117,11 @@ TEST(DateWriters, AgreeWithTheGeneralFormatter) {
   EXPECT_EQ(GMTimeToHTTPDate(DT(2024, 2, 29, 23, 59, 59) + 0.9994 / SecsPerDay), u"Thu, 29 Feb 2024 23:59:59 GMT");
   EXPECT_EQ(GMTimeToHTTPDate(DT(2024, 2, 29, 23, 59, 59) + 0.9996 / SecsPerDay), u"Fri, 01 Mar 2024 00:00:00 GMT");
   EXPECT_EQ(GMTimeToHTTPDate(DT(2024, 2, 29) + 0.99999999999), u"Fri, 01 Mar 2024 00:00:00 GMT");
+  // Before 1900 the whole part is the day and the fraction runs forward: the time of day is
+  // rounded first and carries into the next day.
+  EXPECT_EQ(GMTimeToHTTPDate(-18095.999999999884), u"Sun, 16 Jun 1850 00:00:00 GMT");
+  EXPECT_EQ(GMTimeToHTTPDate(-18095.99998), u"Sat, 15 Jun 1850 23:59:58 GMT");
+  EXPECT_EQ(GMTimeToHTTPDate(-0.999999999999), u"Sun, 31 Dec 1899 00:00:00 GMT");
 }
 
 TEST(DateWriters, ZeroMeansNow) {

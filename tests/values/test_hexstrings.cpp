@@ -21,6 +21,7 @@ TEST(HexStrings, PlainFormIsLowerCasePairsAndTheLaidOutFormAddsSpacesAndSeparato
   EXPECT_EQ(BytesToHexString(five, 0, 0, u"|"), u"0102030405");
   EXPECT_EQ(BytesToHexString(five, 2, 0, u"|"), u"01  02  03  04  05");
   EXPECT_EQ(BytesToHexString(five, 0, 3, u"|"), u"010203|0405");
+  EXPECT_EQ(BytesToHexString(five, 1, 1, u"|"), u"01|02|03|04|05");
   EXPECT_EQ(BytesToHexString(five, 1, 5, u"|"), u"01 02 03 04 05");  // no separator after the last
   EXPECT_EQ(BytesToHexString(five, -3, -1, u"|"), u"0102030405");
   EXPECT_EQ(BytesToHexString(TBytes{}, 1, 2, u"|"), u"");
@@ -40,7 +41,7 @@ TEST(HexStrings, ReadsDigitsAcrossWhiteSpace) {
 
 TEST(HexStrings, RejectsOtherCharactersAndOddLengthsLeavingTheTargetAlone) {
   const UnicodeString msg = SHexStringInvalidCharacters;
-  for (UnicodeStringView bad : {u"ABC", u"0G", u"0x10", u"12\u00A034", u"12\u01303", u"-1",
+  for (UnicodeStringView bad : {u"ABC", u"AB0", u"0G", u"0x10", u"12\u00A034", u"12\u01303", u"-1",
                                 u"1234567890abcdef1234567890abcdeg", u"1234567890abcdef 1234567890abcdef1"}) {
     TBytes target{7};
     EXPECT_EQ(ConvertErrorOf([&] { HexStringToBytes(bad, target); }), msg) << Utf16ToUtf8(bad);
