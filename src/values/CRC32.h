@@ -72,6 +72,20 @@ Cardinal CRC32(double value, Cardinal nCRC = QUMACRC32Start) noexcept;
 Cardinal CRC32(long double value, Cardinal nCRC = QUMACRC32Start) noexcept;
 Cardinal CRC32(const TExtended80Rec& value, Cardinal nCRC = QUMACRC32Start) noexcept;
 
+// The ways the core can compute a checksum; every kernel gives the same results. The best one the
+// CPU supports is chosen once when the library loads and used by every CRC32 overload.
+enum class TCRC32Kernel : Byte {
+  Table,                    // slicing by eight over derived tables
+  CarrylessMultiply,        // PCLMULQDQ folding over 128-bit registers (64 bytes and more)
+  VectorCarrylessMultiply,  // VPCLMULQDQ folding over 512-bit registers (256 bytes and more)
+};
+bool CRC32KernelSupported(TCRC32Kernel Kernel) noexcept;
+TCRC32Kernel CRC32ActiveKernel() noexcept;
+// The core with a chosen kernel (one this CPU lacks gives way to the next simpler one): for
+// tests and measurements.
+Cardinal CRC32WithKernel(TCRC32Kernel Kernel, const void* pData, Cardinal nLength,
+                         Cardinal nCRC = QUMACRC32Start) noexcept;
+
 // The 256-entry table of the polynomial (entry i = reflected CRC of the single byte i).
 const Cardinal* CRC32Table() noexcept;
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cstring>
 #include <random>
 #include <typeinfo>
@@ -11,21 +12,41 @@
 namespace quma {
 namespace {
 
-TEST(CRC32, MatchesZlibOnRandomBuffersAndOffsets) {
+std::vector<TCRC32Kernel> SupportedKernels() {
+  std::vector<TCRC32Kernel> r;
+  for (auto k : {TCRC32Kernel::Table, TCRC32Kernel::CarrylessMultiply, TCRC32Kernel::VectorCarrylessMultiply})
+    if (CRC32KernelSupported(k)) r.push_back(k);
+  return r;
+}
+
+TEST(CRC32, EveryKernelMatchesZlib) {
+  EXPECT_TRUE(CRC32KernelSupported(CRC32ActiveKernel()));
   std::mt19937_64 rng(1234);
-  std::vector<Byte> buf(70000);
+  std::vector<Byte> buf((1 << 20) + 64);
   for (auto& b : buf) b = static_cast<Byte>(rng());
-  std::uniform_int_distribution<std::size_t> lenDist(0, 5000);
-  for (int i = 0; i < 600; ++i) {
-    // Lengths cover the byte loop, slicing and folding paths; offsets cover misalignment.
-    const std::size_t len = i < 200 ? static_cast<std::size_t>(i) : lenDist(rng) + (i % 7 == 0 ? 60000 : 0);
-    const std::size_t off = rng() % 64;
-    const Byte* p = buf.data() + off;
-    const uLong ref = crc32(0L, p, static_cast<uInt>(len));
-    ASSERT_EQ(CRC32(p, static_cast<Cardinal>(len), 0xFFFFFFFFu), ref) << "len " << len << " off " << off;
-    // A non-standard starting register goes through the same core.
-    const Cardinal seed = static_cast<Cardinal>(rng());
-    ASSERT_EQ(CRC32(p, static_cast<Cardinal>(len), seed), crc32(~seed & 0xFFFFFFFFu, p, static_cast<uInt>(len)));
+  for (const TCRC32Kernel k : SupportedKernels()) {
+    SCOPED_TRACE(static_cast<int>(k));
+    // Every length through the byte loop, slicing and each folding step, at every alignment, from
+    // a random register.
+    for (std::size_t len = 0; len <= 300; ++len)
+      for (std::size_t off = 0; off < 64; ++off) {
+        const Byte* p = buf.data() + off;
+        const Cardinal seed = static_cast<Cardinal>(rng());
+        ASSERT_EQ(CRC32WithKernel(k, p, static_cast<Cardinal>(len), seed), crc32(~seed & 0xFFFFFFFFu, p, static_cast<uInt>(len)))
+            << "len " << len << " off " << off;
+      }
+    const uLong whole = crc32(0L, buf.data() + 3, 1 << 20);
+    ASSERT_EQ(CRC32WithKernel(k, buf.data() + 3, 1 << 20), whole);
+    // Incremental use, split at random points.
+    for (int round = 0; round < 20; ++round) {
+      Cardinal c = QUMACRC32Start;
+      for (std::size_t pos = 0; pos < (1 << 20);) {
+        const std::size_t step = std::min<std::size_t>((1 << 20) - pos, rng() % (round < 10 ? 700 : 70000));
+        c = ~CRC32WithKernel(k, buf.data() + 3 + pos, static_cast<Cardinal>(step), c);
+        pos += step;
+      }
+      ASSERT_EQ(~c, whole);
+    }
   }
 }
 
