@@ -78,7 +78,20 @@ void BM_UuidFormatStandard_Libuuid(benchmark::State& state) {
   }
 }
 
+// The same text into a caller's buffer, no allocation (libuuid's form is the same kind).
+void BM_UuidFormatStandardInto_Quma(benchmark::State& state) {
+  const TQUMA_Uuid u = SampleUuid();
+  char16_t out[TQUMA_Uuid::MaxTextLength];
+  if (UnicodeString(out, u.FormatTo(out)) != u.Format()) state.SkipWithError("differs from Format");
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(u.FormatTo(out));
+    benchmark::DoNotOptimize(out);
+    benchmark::ClobberMemory();
+  }
+}
+
 BENCHMARK(BM_UuidFormatStandard_Quma);
+BENCHMARK(BM_UuidFormatStandardInto_Quma);
 BENCHMARK(BM_UuidFormatStandard_Libuuid);
 
 void BM_UuidReadStandard_Quma(benchmark::State& state) {

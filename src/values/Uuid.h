@@ -96,6 +96,17 @@ struct TQUMA_Uuid {
   // U+FFFD).
   std::string FormatUtf8(std::string_view szFormat = {}) const;
 
+  // The same texts written into a caller's buffer, without allocating (a fixed array converts to
+  // the span). Returns the number of units (bytes) written, or 0 when the text does not fit, in
+  // which case nothing is written. No terminator is added. A buffer of MaxTextLength units
+  // (MaxUtf8TextLength bytes) holds every form: the UTF-8 text of the binary form and of an
+  // internal reference is longer than its UTF-16 text.
+  static constexpr std::size_t MaxTextLength = 38;
+  static constexpr std::size_t MaxUtf8TextLength = 52;
+  std::size_t FormatTo(std::span<char16_t> Buffer, UnicodeStringView szFormat = {}) const noexcept;
+  std::size_t FormatTo(std::span<char16_t> Buffer, std::string_view szFormat) const noexcept;
+  std::size_t FormatTo(std::span<char> Buffer, std::string_view szFormat = {}) const noexcept;
+
   // Variant input: byte arrays, empty/null (zero), OLE and 8-bit strings; false for other types.
   bool TrySetAsVariant(const Variant& NewValue);
 
