@@ -692,6 +692,24 @@ std::size_t TQUMA_Uuid::FormatTo(std::span<char> Buffer, std::string_view szForm
   return FormatInto(*this, KindOf(szFormat), Buffer);
 }
 
+namespace {
+TFormKind KindOfSpec(std::string_view spec) {
+  if (spec.empty() || spec == "D") return TFormKind::Default;
+  if (spec == "B") return TFormKind::MS;
+  if (spec == "N") return TFormKind::Hex;
+  throw EConvertError(SUuidUnrecognisedFormat);
+}
+}  // namespace
+
+std::string TQUMA_Uuid::FormatSpec(std::string_view Spec) const {
+  char text[MaxUtf8TextLength];
+  return std::string(text, PutText(*this, KindOfSpec(Spec), text));
+}
+
+std::size_t TQUMA_Uuid::FormatSpecTo(std::span<char> Buffer, std::string_view Spec) const {
+  return FormatInto(*this, KindOfSpec(Spec), Buffer);
+}
+
 // ---- readers ----
 
 bool TQUMA_Uuid::_ReadFormattedUuid(const char16_t* pszUuid) { return Check(ReadAny(MeasureZ(pszUuid), _baUuid, true)); }
