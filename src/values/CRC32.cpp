@@ -4,6 +4,7 @@
 //  - carry-less multiply folding over 128-bit registers (PCLMULQDQ) from 64 bytes;
 //  - slicing by eight for the rest: eight derived tables, still one table look-up per byte;
 //  - the byte-at-a-time loop over the standard table for short tails.
+// CRC-32C shares the table code (templates over the polynomial) and has its own SSE 4.2 kernel.
 #include <quma/CRC32.h>
 
 #include <array>
