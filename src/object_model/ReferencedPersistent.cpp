@@ -610,7 +610,7 @@ void TQUMAReferencedPersistent::RunDestructionPhaseOne() {
 
   // Callback holders, in the order they first asked.
   if (!_dctCustomNotify.Empty()) {
-    const std::vector<TObject*> keys = _dctCustomNotify.Keys();
+    const auto keys = _dctCustomNotify.Keys();
     for (TObject* key : keys) {
       const TQUMAReferencedNotification* stored = _dctCustomNotify.Find(key);
       if (!stored) continue;

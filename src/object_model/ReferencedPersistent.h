@@ -175,6 +175,14 @@ class TSmallList {
   std::uint32_t FSize = 0;  // in place; kOnHeap when the items are in FHeap
 };
 
+// Hashes an object address so that objects near each other in memory (made one after another)
+// land in nearby buckets: walking many objects in order then walks the bucket array in order too,
+// instead of one cache miss per object once the table outgrows the caches. (The identity hash of
+// std::hash spreads objects 8 bytes of bucket array per byte of address apart.)
+struct TAddressHash {
+  std::size_t operator()(const void* p) const noexcept { return reinterpret_cast<std::uintptr_t>(p) >> 4; }
+};
+
 // Values by object, the first one kept in place. Keys are never null (null marks the empty
 // first slot).
 template <class V>
@@ -194,7 +202,7 @@ class TInlineMap {
       FFirstValue = value;
       return;
     }
-    if (!FMore) FMore = std::make_unique<std::unordered_map<const TObject*, V>>();
+    if (!FMore) FMore = std::make_unique<std::unordered_map<const TObject*, V, TAddressHash>>();
     FMore->emplace(key, value);
   }
   bool Erase(const TObject* key) {
@@ -215,7 +223,7 @@ class TInlineMap {
  private:
   const TObject* FFirstKey = nullptr;
   V FFirstValue{};
-  std::unique_ptr<std::unordered_map<const TObject*, V>> FMore;
+  std::unique_ptr<std::unordered_map<const TObject*, V, TAddressHash>> FMore;
 };
 
 // Callback holders in the order they first asked (the order in which they are told). One object
@@ -251,9 +259,9 @@ class TNotifyHolders {
     if (++FHoles * 2 > FOrder.size()) Squeeze();
     return true;
   }
-  std::vector<TObject*> Keys() const {
-    std::vector<TObject*> keys;
-    keys.reserve(Count());
+  // A copy of the holders, in order (in place for the usual one or two).
+  TSmallList<TObject*, 2> Keys() const {
+    TSmallList<TObject*, 2> keys;
     for (TObject* key : FOrder)
       if (key) keys.push_back(key);
     return keys;
@@ -772,7 +780,7 @@ class TQUMAReferencedList : public TQUMASubscribedList<T*> {
     T* Item;
     bool Dropped;
   };
-  std::unordered_map<const TQUMAReferencedPersistent*, Integer> FIndex;
+  std::unordered_map<const TQUMAReferencedPersistent*, Integer, detail::TAddressHash> FIndex;
   std::vector<TPendingRemoval> FPending;  // removals being notified, innermost last
   detail::TLifeFlag* FAlive = nullptr;
   bool FInDestruction = false;
