@@ -665,15 +665,23 @@ Integer TQUMA_Uuid::Compare(const TQUMA_Uuid& Left, const TQUMA_Uuid& Right) noe
   return r < 0 ? -1 : (r > 0 ? 1 : 0);
 }
 
-UnicodeString TQUMA_Uuid::Format(UnicodeStringView szFormat) const {
-  char16_t text[MaxTextLength];
-  return UnicodeString(text, PutText(*this, KindOf(szFormat), text));
+namespace {
+// The string forms: the usual standard text straight into the string, the rest through a stack
+// buffer.
+UnicodeString FormatString(const TQUMA_Uuid& u, TFormKind kind) {
+  if (kind == TFormKind::Default && !IsInternalReference(u._baUuid)) {
+    UnicodeString r(36, u'-');
+    PutGrouped<false>(r.data(), u._baUuid);
+    return r;
+  }
+  char16_t text[TQUMA_Uuid::MaxTextLength];
+  return UnicodeString(text, PutText(u, kind, text));
 }
+}  // namespace
 
-UnicodeString TQUMA_Uuid::Format(std::string_view szFormat) const {
-  char16_t text[MaxTextLength];
-  return UnicodeString(text, PutText(*this, KindOf(szFormat), text));
-}
+UnicodeString TQUMA_Uuid::Format(UnicodeStringView szFormat) const { return FormatString(*this, KindOf(szFormat)); }
+
+UnicodeString TQUMA_Uuid::Format(std::string_view szFormat) const { return FormatString(*this, KindOf(szFormat)); }
 
 std::string TQUMA_Uuid::FormatUtf8(std::string_view szFormat) const {
   char text[MaxUtf8TextLength];
