@@ -90,12 +90,14 @@ class TLiveObjects {
     const auto offset = static_cast<unsigned>((reinterpret_cast<std::uintptr_t>(p) >> 3) & 511);
     return {offset >> 6, std::uint64_t{1} << (offset & 63)};
   }
+  // Runs of sixteen neighbouring pages take sixteen neighbouring slots (a sweep over objects in
+  // memory order then reads the table in order too); the runs themselves are scattered.
   std::size_t Home(std::uintptr_t page) const noexcept {
-    auto x = static_cast<std::uint64_t>(page);
+    auto x = static_cast<std::uint64_t>(page >> 4);
     x ^= x >> 33;
     x *= 0xff51afd7ed558ccdULL;
     x ^= x >> 33;
-    return static_cast<std::size_t>(x) & FMask;
+    return static_cast<std::size_t>((x << 4) | (page & 15)) & FMask;
   }
   std::size_t Find(std::uintptr_t page) const noexcept {
     if (FKeys.empty()) return kNone;
