@@ -10,6 +10,7 @@
 
 #include <malloc.h>
 
+#include <algorithm>
 #include <memory>
 #include <vector>
 
@@ -98,6 +99,36 @@ void ListItemsFreed(benchmark::State& state, bool newestFirst) {
 BENCHMARK_CAPTURE(ListItemsFreed, NewestFirst, true)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
 // The list stores its items in one array, so removing the oldest moves all the others.
 BENCHMARK_CAPTURE(ListItemsFreed, OldestFirst, false)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
+
+// Heap bytes one referenced object costs (its allocation and its bookkeeping), bare (0) and with
+// one notify reference, one memory lock and one silent reference (1), as a counter.
+void ReferencedObjectBytes(benchmark::State& state) {
+  constexpr std::size_t n = 10000;
+  const bool withReferences = state.range(0) != 0;
+  THolder holder;
+  auto* consumer = New<TItem>(nullptr);
+  std::vector<TItem*> items(n);
+  std::vector<TQUMAReferencedPersistent*> silent(n);
+  double bytes = 1e300;  // the least of the rounds: the first one also grows the live-object registry
+  for (auto _ : state) {
+    const std::size_t before = mallinfo2().uordblks;
+    for (std::size_t i = 0; i < n; ++i) {
+      TItem* p = New<TItem>(nullptr);
+      items[i] = p;
+      if (withReferences) {
+        p->AddNotifyReference(consumer);
+        p->AddMemLockReference(&holder);
+        silent[i] = p;
+        p->RegisterSilentReference(&silent[i]);
+      }
+    }
+    bytes = std::min(bytes, static_cast<double>(mallinfo2().uordblks - before) / n);
+    for (TItem* p : items) Free(p);
+  }
+  Free(consumer);
+  state.counters["bytes_per_object"] = bytes;
+}
+BENCHMARK(ReferencedObjectBytes)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->Iterations(3);
 
 }  // namespace
 

@@ -93,77 +93,103 @@ TQUMAReferencedPersistent* QUMAAsReferenced(TObject* p) noexcept;
 
 namespace detail {
 // A short list kept in place while it holds at most N items (most objects have one locker, one
-// callback holder, a free indicator or two), on the heap beyond that. Order is kept.
+// callback holder, a free indicator or two), on the heap beyond that. Order is kept. The in-place
+// items share their storage with the heap pointer, so an empty list costs N pointers and a count.
 template <class T, std::size_t N>
 class TSmallList {
-  static_assert(std::is_trivially_copyable_v<T>);
+  static_assert(std::is_trivially_copyable_v<T> && N >= 1);
+  static constexpr std::uint32_t kOnHeap = ~std::uint32_t{0};
 
  public:
-  TSmallList() noexcept = default;
-  TSmallList(TSmallList&& o) noexcept : FHeap(std::move(o.FHeap)), FInlineSize(o.FInlineSize) {
-    std::copy(o.FInline, o.FInline + o.FInlineSize, FInline);
-    o.clear();
-  }
+  TSmallList() noexcept : FInline{} {}
+  TSmallList(const TSmallList&) = delete;
+  TSmallList& operator=(const TSmallList&) = delete;
+  TSmallList(TSmallList&& o) noexcept : FInline{} { Take(o); }
   TSmallList& operator=(TSmallList&& o) noexcept {
     if (this != &o) {
-      FHeap = std::move(o.FHeap);
-      FInlineSize = o.FInlineSize;
-      std::copy(o.FInline, o.FInline + o.FInlineSize, FInline);
-      o.clear();
+      clear();
+      Take(o);
     }
     return *this;
   }
+  ~TSmallList() { clear(); }
 
-  T* begin() noexcept { return FHeap ? FHeap->data() : FInline; }
+  T* begin() noexcept { return OnHeap() ? FHeap->data() : FInline; }
   T* end() noexcept { return begin() + size(); }
-  const T* begin() const noexcept { return FHeap ? FHeap->data() : FInline; }
+  const T* begin() const noexcept { return OnHeap() ? FHeap->data() : FInline; }
   const T* end() const noexcept { return begin() + size(); }
   std::reverse_iterator<T*> rbegin() noexcept { return std::reverse_iterator<T*>(end()); }
   std::reverse_iterator<T*> rend() noexcept { return std::reverse_iterator<T*>(begin()); }
-  std::size_t size() const noexcept { return FHeap ? FHeap->size() : FInlineSize; }
+  std::size_t size() const noexcept { return OnHeap() ? FHeap->size() : FSize; }
   bool empty() const noexcept { return size() == 0; }
   T& operator[](std::size_t i) noexcept { return begin()[i]; }
   const T& operator[](std::size_t i) const noexcept { return begin()[i]; }
 
   void push_back(const T& value) {
-    if (!FHeap && FInlineSize < N) {
-      FInline[FInlineSize++] = value;
-      return;
-    }
-    if (!FHeap) {
-      auto heap = std::make_unique<std::vector<T>>();
-      heap->reserve(N * 2 + 2);
-      heap->assign(FInline, FInline + FInlineSize);
-      FHeap = std::move(heap);
-      FInlineSize = 0;
+    if (!OnHeap()) {
+      if (FSize < N) {
+        FInline[FSize++] = value;
+        return;
+      }
+      auto* heap = new std::vector<T>();
+      try {
+        heap->reserve(N * 2 + 2);
+      } catch (...) {
+        delete heap;
+        throw;
+      }
+      heap->assign(FInline, FInline + FSize);
+      FHeap = heap;
+      FSize = kOnHeap;
     }
     FHeap->push_back(value);
   }
   void erase(T* pos) noexcept {
-    if (FHeap) {
+    if (OnHeap()) {
       FHeap->erase(FHeap->begin() + (pos - FHeap->data()));
       return;
     }
-    std::copy(pos + 1, FInline + FInlineSize, pos);
-    --FInlineSize;
+    std::copy(pos + 1, FInline + FSize, pos);
+    --FSize;
   }
   void clear() noexcept {
-    FHeap.reset();
-    FInlineSize = 0;
+    if (OnHeap()) delete FHeap;
+    FSize = 0;
   }
 
  private:
-  T FInline[N] = {};
-  std::unique_ptr<std::vector<T>> FHeap;  // once more than N items were held
-  std::uint32_t FInlineSize = 0;
+  bool OnHeap() const noexcept { return FSize == kOnHeap; }
+  void Take(TSmallList& o) noexcept {
+    if (o.OnHeap())
+      FHeap = o.FHeap;
+    else
+      std::copy(o.FInline, o.FInline + o.FSize, FInline);
+    FSize = o.FSize;
+    o.FSize = 0;
+  }
+
+  union {
+    T FInline[N];
+    std::vector<T>* FHeap;  // once more than N items were held
+  };
+  std::uint32_t FSize = 0;  // in place; kOnHeap when the items are in FHeap
 };
 
-// Values by object, the first one kept in place.
+// Hashes an object address so that objects near each other in memory (made one after another)
+// land in nearby buckets: walking many objects in order then walks the bucket array in order too,
+// instead of one cache miss per object once the table outgrows the caches. (The identity hash of
+// std::hash spreads objects 8 bytes of bucket array per byte of address apart.)
+struct TAddressHash {
+  std::size_t operator()(const void* p) const noexcept { return reinterpret_cast<std::uintptr_t>(p) >> 4; }
+};
+
+// Values by object, the first one kept in place. Keys are never null (null marks the empty
+// first slot).
 template <class V>
 class TInlineMap {
  public:
   V* Find(const TObject* key) noexcept {
-    if (FHasFirst && FFirstKey == key) return &FFirstValue;
+    if (FFirstKey == key && key) return &FFirstValue;
     if (!FMore || FMore->empty()) return nullptr;
     auto it = FMore->find(key);
     return it == FMore->end() ? nullptr : &it->second;
@@ -171,26 +197,25 @@ class TInlineMap {
   const V* Find(const TObject* key) const noexcept { return const_cast<TInlineMap*>(this)->Find(key); }
   // The key must not be present.
   void Insert(const TObject* key, const V& value) {
-    if (!FHasFirst) {
+    if (!FFirstKey) {
       FFirstKey = key;
       FFirstValue = value;
-      FHasFirst = true;
       return;
     }
-    if (!FMore) FMore = std::make_unique<std::unordered_map<const TObject*, V>>();
+    if (!FMore) FMore = std::make_unique<std::unordered_map<const TObject*, V, TAddressHash>>();
     FMore->emplace(key, value);
   }
   bool Erase(const TObject* key) {
-    if (FHasFirst && FFirstKey == key) {
-      FHasFirst = false;
+    if (FFirstKey == key && key) {
+      FFirstKey = nullptr;
       FFirstValue = V{};
       return true;
     }
     return FMore && FMore->erase(key) != 0;
   }
-  std::size_t Count() const noexcept { return (FHasFirst ? 1 : 0) + (FMore ? FMore->size() : 0); }
+  std::size_t Count() const noexcept { return (FFirstKey ? 1 : 0) + (FMore ? FMore->size() : 0); }
   void Clear() noexcept {
-    FHasFirst = false;
+    FFirstKey = nullptr;
     FFirstValue = V{};
     FMore.reset();
   }
@@ -198,43 +223,45 @@ class TInlineMap {
  private:
   const TObject* FFirstKey = nullptr;
   V FFirstValue{};
-  bool FHasFirst = false;
-  std::unique_ptr<std::unordered_map<const TObject*, V>> FMore;
+  std::unique_ptr<std::unordered_map<const TObject*, V, TAddressHash>> FMore;
 };
 
-// Callback holders in the order they first asked (the order in which they are told). Removal is
-// constant time: a removed holder leaves a hole in the order, and the order is compacted once
-// holes make up half of it.
+// Callback holders in the order they first asked (the order in which they are told). One object
+// may be watched for many others (a consumer of 100k objects), so a removal finds its place in
+// the order through the entry and leaves a hole; the holes are squeezed out when they are half.
 class TNotifyHolders {
  public:
   bool Empty() const noexcept { return FValues.Count() == 0; }
   std::size_t Count() const noexcept { return FValues.Count(); }
   void Set(TObject* key, const TQUMAReferencedNotification& fn) {
     if (TEntry* stored = FValues.Find(key)) {
-      stored->Callback = fn;
+      stored->Fn = fn;
       return;
     }
-    FValues.Insert(key, TEntry{fn, FOrder.size()});
     FOrder.push_back(key);
+    try {
+      FValues.Insert(key, TEntry{fn, FOrder.size() - 1});
+    } catch (...) {
+      FOrder.erase(FOrder.end() - 1);
+      throw;
+    }
   }
   const TQUMAReferencedNotification* Find(const TObject* key) const noexcept {
-    const TEntry* entry = FValues.Find(key);
-    return entry ? &entry->Callback : nullptr;
+    const TEntry* stored = FValues.Find(key);
+    return stored ? &stored->Fn : nullptr;
   }
   bool Remove(const TObject* key) {
-    const TEntry* entry = FValues.Find(key);
-    if (!entry) return false;
-    FOrder[entry->Slot] = nullptr;
+    const TEntry* stored = FValues.Find(key);
+    if (!stored) return false;
+    const std::size_t pos = stored->Pos;
     FValues.Erase(key);
-    if (FValues.Count() == 0)
-      Clear();
-    else if (++FHoles * 2 > FOrder.size())
-      Compact();
+    FOrder[pos] = nullptr;
+    if (++FHoles * 2 > FOrder.size()) Squeeze();
     return true;
   }
-  std::vector<TObject*> Keys() const {
-    std::vector<TObject*> keys;
-    keys.reserve(Count());
+  // A copy of the holders, in order (in place for the usual one or two).
+  TSmallList<TObject*, 2> Keys() const {
+    TSmallList<TObject*, 2> keys;
     for (TObject* key : FOrder)
       if (key) keys.push_back(key);
     return keys;
@@ -247,21 +274,21 @@ class TNotifyHolders {
 
  private:
   struct TEntry {
-    TQUMAReferencedNotification Callback;
-    std::size_t Slot = 0;  // position in FOrder
+    TQUMAReferencedNotification Fn;
+    std::size_t Pos = 0;  // in FOrder
   };
-  void Compact() {
-    TSmallList<TObject*, 1> order;
-    for (TObject* key : FOrder)
-      if (key) {
-        FValues.Find(key)->Slot = order.size();
-        order.push_back(key);
+  void Squeeze() noexcept {
+    std::size_t to = 0;
+    for (std::size_t from = 0; from < FOrder.size(); ++from)
+      if (TObject* key = FOrder[from]) {
+        FOrder[to] = key;
+        FValues.Find(key)->Pos = to++;
       }
-    FOrder = std::move(order);
+    while (FOrder.size() > to) FOrder.erase(FOrder.end() - 1);
     FHoles = 0;
   }
 
-  TSmallList<TObject*, 1> FOrder;  // null: a holder removed since the last compaction
+  TSmallList<TObject*, 1> FOrder;  // null: a removed holder
   TInlineMap<TEntry> FValues;
   std::size_t FHoles = 0;
 };
@@ -767,7 +794,7 @@ class TQUMAReferencedList : public TQUMASubscribedList<T*>, public detail::IRefe
     T* Item;
     bool Dropped;
   };
-  std::unordered_map<const TQUMAReferencedPersistent*, Integer> FIndex;
+  std::unordered_map<const TQUMAReferencedPersistent*, Integer, detail::TAddressHash> FIndex;
   std::vector<TPendingRemoval> FPending;  // removals being notified, innermost last
   detail::TLifeFlag* FAlive = nullptr;
   bool FInDestruction = false;

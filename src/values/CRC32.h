@@ -1,5 +1,6 @@
 // CRC-32 (the reflected 0xEDB88320 polynomial of zlib and Ethernet) over memory blocks and over
-// single values, so that a caller can fold the fields of a record into one running checksum.
+// single values, so that a caller can fold the fields of a record into one running checksum; and
+// CRC-32C (Castagnoli) over memory blocks, at the end.
 //
 // The register is not inverted on entry but is inverted on exit:
 //   CRC32(p, n, 0xFFFFFFFF)                     the standard CRC-32 of the n bytes
@@ -11,6 +12,7 @@
 #include <cstdint>
 #include <concepts>
 #include <span>
+#include <string_view>
 
 #include <quma/System.h>
 
@@ -72,7 +74,47 @@ Cardinal CRC32(double value, Cardinal nCRC = QUMACRC32Start) noexcept;
 Cardinal CRC32(long double value, Cardinal nCRC = QUMACRC32Start) noexcept;
 Cardinal CRC32(const TExtended80Rec& value, Cardinal nCRC = QUMACRC32Start) noexcept;
 
+// The ways the core can compute a checksum; every kernel gives the same results. The best one the
+// CPU supports is chosen once when the library loads and used by every CRC32 overload.
+enum class TCRC32Kernel : Byte {
+  Table,                    // slicing by eight over derived tables
+  CarrylessMultiply,        // PCLMULQDQ folding over 128-bit registers (64 bytes and more)
+  VectorCarrylessMultiply,  // VPCLMULQDQ folding over 512-bit registers (256 bytes and more)
+};
+bool CRC32KernelSupported(TCRC32Kernel Kernel) noexcept;
+TCRC32Kernel CRC32ActiveKernel() noexcept;
+// The core with a chosen kernel (one this CPU lacks gives way to the next simpler one): for
+// tests and measurements.
+Cardinal CRC32WithKernel(TCRC32Kernel Kernel, const void* pData, Cardinal nLength,
+                         Cardinal nCRC = QUMACRC32Start) noexcept;
+
 // The 256-entry table of the polynomial (entry i = reflected CRC of the single byte i).
 const Cardinal* CRC32Table() noexcept;
+
+// ---- CRC-32C ----
+// CRC-32C (Castagnoli, the reflected polynomial 0x82F63B78 of iSCSI, SCTP, ext4 and others), with
+// the same register conventions as CRC32: not inverted on entry, inverted on exit, so
+//   CRC32C(q, m, ~CRC32C(p, n))   continues the checksum of p over q.
+inline constexpr Cardinal QUMACRC32CStart = 0xFFFFFFFFu;
+Cardinal CRC32C(const void* pData, Cardinal nLength, Cardinal nCRC = QUMACRC32CStart) noexcept;
+inline Cardinal CRC32C(std::span<const Byte> data, Cardinal nCRC = QUMACRC32CStart) noexcept {
+  return CRC32C(data.data(), static_cast<Cardinal>(data.size()), nCRC);
+}
+// The bytes of UTF-8 (or any 8-bit) text.
+inline Cardinal CRC32C(std::string_view text, Cardinal nCRC = QUMACRC32CStart) noexcept {
+  return CRC32C(text.data(), static_cast<Cardinal>(text.size()), nCRC);
+}
+
+// As for CRC32: the kernels give the same results; the best one is chosen once at load.
+enum class TCRC32CKernel : Byte {
+  Table,             // slicing by eight
+  Crc32Instruction,  // SSE 4.2 crc32, three streams at a time
+};
+bool CRC32CKernelSupported(TCRC32CKernel Kernel) noexcept;
+TCRC32CKernel CRC32CActiveKernel() noexcept;
+// With a chosen kernel (one this CPU lacks gives way to the table).
+Cardinal CRC32CWithKernel(TCRC32CKernel Kernel, const void* pData, Cardinal nLength,
+                          Cardinal nCRC = QUMACRC32CStart) noexcept;
+const Cardinal* CRC32CTable() noexcept;
 
 }  // namespace quma

@@ -1,6 +1,8 @@
 // Base32 works on whole groups (five bytes, eight characters) with table look-ups and falls back
-// to a bit-by-bit walk for the last group, padding and errors; both give the same results as the
-// five-bit state machine of RFC 4648.
+// to a bit-by-bit walk for the last group, padding, hyphens and errors; both give the same results
+// as the five-bit state machine of RFC 4648. Each alphabet is a set of tables, so the standard,
+// extended-hex and Crockford alphabets share the codec; the standard one also has an SSE2
+// classifier for its decoder.
 #include <quma/QUMANetEncoding.h>
 
 #include <array>
@@ -26,60 +28,89 @@ struct TBase32Finaliser {
   ~TBase32Finaliser() { Free(Slot->exchange(nullptr)); }
 };
 
-constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZ234567";
+constexpr Byte kPad = 0xFE, kBad = 0xFF, kSkip = 0xFD;
 
-// Ten bits to two characters, as one store.
-template <class Pair>
-constexpr std::array<Pair, 1024> MakePairs() {
-  std::array<Pair, 1024> t{};
-  constexpr int shift = sizeof(Pair) * 4;
-  for (int v = 0; v < 1024; ++v)
-    t[v] = static_cast<Pair>(static_cast<Pair>(static_cast<Byte>(kAlphabet[v >> 5])) |
-                             (static_cast<Pair>(static_cast<Byte>(kAlphabet[v & 31])) << shift));
-  return t;
-}
-constexpr auto kPairs16 = MakePairs<std::uint32_t>();  // two UTF-16 units
-constexpr auto kPairs8 = MakePairs<std::uint16_t>();   // two 8-bit characters
+// One alphabet: its digits, two of them per ten bits as one store (UTF-16 and 8-bit), and the
+// value of every character for decoding (both cases; Crockford's extra readings and hyphens).
+struct TAlphabet {
+  std::array<std::uint32_t, 1024> Pairs16;
+  std::array<std::uint16_t, 1024> Pairs8;
+  std::array<Byte, 256> Values;
+  char Digits[33];
+};
 
-constexpr Byte kPad = 0xFE, kBad = 0xFF;
-constexpr std::array<Byte, 256> MakeValues() {
-  std::array<Byte, 256> t{};
-  for (auto& v : t) v = kBad;
-  for (int c = 'A'; c <= 'Z'; ++c) t[c] = static_cast<Byte>(c - 'A');
-  for (int c = 'a'; c <= 'z'; ++c) t[c] = static_cast<Byte>(c - 'a');
-  for (int c = '2'; c <= '7'; ++c) t[c] = static_cast<Byte>(c - '2' + 26);
-  t['='] = kPad;
-  return t;
+constexpr TAlphabet MakeAlphabet(const char (&digits)[33], bool crockford) {
+  TAlphabet a{};
+  for (int i = 0; i < 33; ++i) a.Digits[i] = digits[i];
+  for (int v = 0; v < 1024; ++v) {
+    const auto hi = static_cast<Byte>(digits[v >> 5]), lo = static_cast<Byte>(digits[v & 31]);
+    a.Pairs16[v] = static_cast<std::uint32_t>(hi | (std::uint32_t{lo} << 16));
+    a.Pairs8[v] = static_cast<std::uint16_t>(hi | (lo << 8));
+  }
+  for (auto& v : a.Values) v = kBad;
+  for (int i = 0; i < 32; ++i) {
+    const auto c = static_cast<Byte>(digits[i]);
+    a.Values[c] = static_cast<Byte>(i);
+    if (c >= 'A' && c <= 'Z') a.Values[c + 32] = static_cast<Byte>(i);
+  }
+  a.Values['='] = kPad;
+  if (crockford) {
+    for (char c : {'I', 'i', 'L', 'l'}) a.Values[static_cast<Byte>(c)] = 1;
+    for (char c : {'O', 'o'}) a.Values[static_cast<Byte>(c)] = 0;
+    a.Values['-'] = kSkip;
+  }
+  return a;
 }
-constexpr std::array<Byte, 256> kValues = MakeValues();
+
+constexpr TAlphabet kStandard = MakeAlphabet("ABCDEFGHIJKLMNOPQRSTUVWXYZ234567", false);
+constexpr TAlphabet kExtendedHex = MakeAlphabet("0123456789ABCDEFGHIJKLMNOPQRSTUV", false);
+constexpr TAlphabet kCrockford = MakeAlphabet("0123456789ABCDEFGHJKMNPQRSTVWXYZ", true);
+
+const TAlphabet& AlphabetOf(TQUMABase32Alphabet a) noexcept {
+  switch (a) {
+    case TQUMABase32Alphabet::ExtendedHex:
+      return kExtendedHex;
+    case TQUMABase32Alphabet::Crockford:
+      return kCrockford;
+    case TQUMABase32Alphabet::Standard:
+      break;
+  }
+  return kStandard;
+}
 
 template <class CharT>
 inline Byte ByteOf(CharT c) noexcept {
   return static_cast<Byte>(static_cast<std::make_unsigned_t<CharT>>(c) & 0xFF);
 }
 
+// Returns the number of characters written: ceil(8n/5), padded to a multiple of eight with "="
+// when pad is set.
 template <class InT, class OutT>
-void Encode(const InT* in, std::size_t n, OutT* out) noexcept {
+std::size_t Encode(const TAlphabet& a, bool pad, const InT* in, std::size_t n, OutT* out) noexcept {
   using Pair = std::conditional_t<sizeof(OutT) == 2, std::uint32_t, std::uint16_t>;
-  const auto& pairs = [] {
+  const Pair* pairs = [&a] {
     if constexpr (sizeof(OutT) == 2)
-      return kPairs16;
+      return a.Pairs16.data();
     else
-      return kPairs8;
+      return a.Pairs8.data();
   }();
+  OutT* const start = out;
   for (; n >= 5; n -= 5, in += 5, out += 8) {
     const UInt64 v = (UInt64{ByteOf(in[0])} << 32) | (UInt64{ByteOf(in[1])} << 24) |
                      (UInt64{ByteOf(in[2])} << 16) | (UInt64{ByteOf(in[3])} << 8) | ByteOf(in[4]);
     const Pair p[4] = {pairs[(v >> 30) & 1023], pairs[(v >> 20) & 1023], pairs[(v >> 10) & 1023], pairs[v & 1023]};
     std::memcpy(out, p, sizeof p);
   }
-  if (n == 0) return;
-  // The last group: ceil(8n/5) characters from the remaining bits (zero-filled), then padding.
-  UInt64 v = 0;
-  for (std::size_t i = 0; i < 5; ++i) v = (v << 8) | (i < n ? ByteOf(in[i]) : 0);
-  const std::size_t chars = (n * 8 + 4) / 5;
-  for (std::size_t i = 0; i < 8; ++i)
-    out[i] = static_cast<OutT>(i < chars ? kAlphabet[(v >> (35 - 5 * i)) & 31] : '=');
+  if (n > 0) {
+    // The last group: ceil(8n/5) characters from the remaining bits (zero-filled), then padding.
+    UInt64 v = 0;
+    for (std::size_t i = 0; i < 5; ++i) v = (v << 8) | (i < n ? ByteOf(in[i]) : 0);
+    const std::size_t chars = (n * 8 + 4) / 5;
+    for (std::size_t i = 0; i < chars; ++i) *out++ = static_cast<OutT>(a.Digits[(v >> (35 - 5 * i)) & 31]);
+    if (pad)
+      for (std::size_t i = chars; i < 8; ++i) *out++ = static_cast<OutT>('=');
+  }
+  return static_cast<std::size_t>(out - start);
 }
 
 #if QUMA_BASE32_SSE2
@@ -122,12 +153,13 @@ inline __m128i Load16(const InT* p) noexcept {
 #endif
 
 template <class InT, class OutT>
-std::size_t Decode(const InT* in, std::size_t n, OutT* out) {
+std::size_t Decode(const TAlphabet& a, const InT* in, std::size_t n, OutT* out) {
   OutT* const start = out;
   std::size_t i = 0;
 #if QUMA_BASE32_SSE2
-  // Two groups at a time while the output has room for a full sixteen-byte store.
-  while (n - i >= 32) {
+  // Two groups at a time while the output has room for a full sixteen-byte store (the vector
+  // classifier knows the standard alphabet only).
+  while (&a == &kStandard && n - i >= 32) {
     __m128i v;
     if (!Values16(Load16(in + i), v)) break;
     const __m128i bytes = Pack16(v);
@@ -141,14 +173,14 @@ std::size_t Decode(const InT* in, std::size_t n, OutT* out) {
     i += 16;
   }
 #endif
-  auto valueOf = [](InT c) noexcept -> Byte {
+  auto valueOf = [&a](InT c) noexcept -> Byte {
     const auto u = static_cast<std::make_unsigned_t<InT>>(c);
     if constexpr (sizeof(InT) > 1) {
       if (u > 0xFF) return kBad;
     }
-    return kValues[static_cast<Byte>(u)];
+    return a.Values[static_cast<Byte>(u)];
   };
-  // Whole groups of eight characters that hold no padding and no stranger.
+  // Whole groups of eight characters that hold no padding, hyphen or stranger.
   while (n - i >= 8) {
     Byte v[8];
     Byte any = 0;
@@ -170,6 +202,7 @@ std::size_t Decode(const InT* in, std::size_t n, OutT* out) {
   for (; i < n; ++i) {
     const Byte v = valueOf(in[i]);
     if (v == kPad) break;
+    if (v == kSkip) continue;
     if (v == kBad) {
       const char16_t c = static_cast<char16_t>(static_cast<std::make_unsigned_t<InT>>(in[i]));
       throw EConvertError(quma::Format(SBase32InvalidCharacter, UnicodeString(1, c), i));
@@ -185,16 +218,16 @@ std::size_t Decode(const InT* in, std::size_t n, OutT* out) {
 }
 
 template <class String, class InT>
-String EncodeString(const InT* in, std::size_t n) {
+String EncodeString(const TAlphabet& a, bool pad, const InT* in, std::size_t n) {
   String r((n + 4) / 5 * 8, typename String::value_type{});
-  Encode(in, n, r.data());
+  r.resize(Encode(a, pad, in, n, r.data()));
   return r;
 }
 
 template <class String, class InT>
-String DecodeString(const InT* in, std::size_t n) {
+String DecodeString(const TAlphabet& a, const InT* in, std::size_t n) {
   String r((n * 5 + 7) / 8, typename String::value_type{});
-  r.resize(Decode(in, n, r.data()));
+  r.resize(Decode(a, in, n, r.data()));
   return r;
 }
 
@@ -205,30 +238,34 @@ TQUMABase32Encoding* TQUMANetEncoding::GetBase32Encoding() {
   return SharedInstance<TQUMABase32Encoding>(FBase32Encoding, [] { return New<TQUMABase32Encoding>(); });
 }
 
+TQUMABase32Encoding::TQUMABase32Encoding(TQUMABase32Alphabet Alphabet, bool Padding) noexcept
+    : FAlphabet(Alphabet), FPadding(Padding) {}
+
 UnicodeString TQUMABase32Encoding::DoEncode(UnicodeStringView Input) {
-  return EncodeString<UnicodeString>(Input.data(), Input.size());
+  return EncodeString<UnicodeString>(AlphabetOf(FAlphabet), FPadding, Input.data(), Input.size());
 }
 
 UnicodeString TQUMABase32Encoding::DoDecode(UnicodeStringView Input) {
-  return DecodeString<UnicodeString>(Input.data(), Input.size());
+  return DecodeString<UnicodeString>(AlphabetOf(FAlphabet), Input.data(), Input.size());
 }
 
 std::string TQUMABase32Encoding::DoEncodeUtf8(std::string_view Input) {
-  return EncodeString<std::string>(Input.data(), Input.size());
+  return EncodeString<std::string>(AlphabetOf(FAlphabet), FPadding, Input.data(), Input.size());
 }
 
 std::string TQUMABase32Encoding::DoDecodeUtf8(std::string_view Input) {
+  const TAlphabet& a = AlphabetOf(FAlphabet);
   for (std::size_t i = 0; i < Input.size(); ++i) {
     const auto c = static_cast<unsigned char>(Input[i]);
     if (c == '=') break;
     // A non-ASCII character is reported as the character it is, at its UTF-16 offset.
     if (c >= 0x80) {
       const UnicodeString text = Utf8ToUtf16(Input);
-      const UnicodeString bytes = DecodeString<UnicodeString>(text.data(), text.size());
+      const UnicodeString bytes = DecodeString<UnicodeString>(a, text.data(), text.size());
       return std::string(bytes.begin(), bytes.end());
     }
   }
-  return DecodeString<std::string>(Input.data(), Input.size());
+  return DecodeString<std::string>(a, Input.data(), Input.size());
 }
 
 TURLEncoding::TUnsafeChars TQUMAURLEncoding::_GetUnsafeAuthChars() const { return inherited::_GetUnsafeAuthChars(); }

@@ -11,7 +11,11 @@
 #include <cstring>
 #include <string>
 
-#include <quma/NetEncoding.h>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#define QUMA_UUID_SSE2 1
+#endif
+
 #include <quma/Random.h>
 #include <quma/Strings.h>
 #include <quma/SysUtils.h>
@@ -73,30 +77,126 @@ constexpr std::array<Byte, 256> MakeHexValues() {
 }
 constexpr std::array<Byte, 256> kHexValues = MakeHexValues();
 
-// Two hex digits per byte as one 32-bit store of two UTF-16 units (little-endian).
-template <bool Upper>
-constexpr std::array<std::uint32_t, 256> MakeHexPairs() {
+// Two hex digits per byte as one store of two units (little-endian): 32 bits for UTF-16, 16 for
+// UTF-8.
+template <class CharT, bool Upper>
+constexpr auto MakeHexPairs() {
+  using TPair = std::conditional_t<sizeof(CharT) == 2, std::uint32_t, std::uint16_t>;
   const char* digits = Upper ? "0123456789ABCDEF" : "0123456789abcdef";
-  std::array<std::uint32_t, 256> t{};
+  std::array<TPair, 256> t{};
   for (int b = 0; b < 256; ++b)
-    t[b] = static_cast<std::uint32_t>(static_cast<Byte>(digits[b >> 4])) |
-           (static_cast<std::uint32_t>(static_cast<Byte>(digits[b & 15])) << 16);
+    t[b] = static_cast<TPair>(static_cast<TPair>(static_cast<Byte>(digits[b >> 4])) |
+                              (static_cast<TPair>(static_cast<Byte>(digits[b & 15])) << (8 * sizeof(CharT))));
   return t;
 }
-constexpr auto kLowerPairs = MakeHexPairs<false>();
-constexpr auto kUpperPairs = MakeHexPairs<true>();
+template <class CharT, bool Upper>
+constexpr auto kHexPairs = MakeHexPairs<CharT, Upper>();
 
-inline char16_t* PutPair(char16_t* out, Byte b, const std::array<std::uint32_t, 256>& pairs) noexcept {
-  const std::uint32_t v = pairs[b];
-  std::memcpy(out, &v, 4);
+template <bool Upper, class CharT>
+inline CharT* PutPair(CharT* out, Byte b) noexcept {
+  const auto v = kHexPairs<CharT, Upper>[b];
+  std::memcpy(out, &v, sizeof v);
   return out + 2;
 }
 
+#if QUMA_UUID_SSE2
+// The 32 digits of the sixteen bytes, as bytes: digits 0..15 in lo, 16..31 in hi.
+template <bool Upper>
+inline void HexDigits(const Byte* b, __m128i& lo, __m128i& hi) noexcept {
+  const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b));
+  const __m128i nibble = _mm_set1_epi8(0x0F);
+  const __m128i high = _mm_and_si128(_mm_srli_epi16(v, 4), nibble);
+  const __m128i low = _mm_and_si128(v, nibble);
+  const auto ascii = [](__m128i d) noexcept {
+    const __m128i letters = _mm_and_si128(_mm_cmpgt_epi8(d, _mm_set1_epi8(9)), _mm_set1_epi8(Upper ? 7 : 39));
+    return _mm_add_epi8(_mm_add_epi8(d, _mm_set1_epi8('0')), letters);
+  };
+  lo = ascii(_mm_unpacklo_epi8(high, low));
+  hi = ascii(_mm_unpackhi_epi8(high, low));
+}
+
+inline void Store8(void* p, __m128i v) noexcept { _mm_storel_epi64(static_cast<__m128i*>(p), v); }
+inline void Store16(void* p, __m128i v) noexcept { _mm_storeu_si128(static_cast<__m128i*>(p), v); }
+inline void Store4(void* p, __m128i v) noexcept {
+  const int x = _mm_cvtsi128_si32(v);
+  std::memcpy(p, &x, 4);
+}
+inline __m128i High8(__m128i v) noexcept { return _mm_unpackhi_epi64(v, v); }
+
+// Groups of 8, 4, 4, 4 and 12 digits at 0, 9, 14, 19 and 24 (the dashes are written apart).
+inline void StoreGrouped(char16_t* out, __m128i lo, __m128i hi) noexcept {
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i u1 = _mm_unpackhi_epi8(lo, zero), u2 = _mm_unpacklo_epi8(hi, zero);
+  Store16(out, _mm_unpacklo_epi8(lo, zero));
+  Store8(out + 9, u1);
+  Store8(out + 14, High8(u1));
+  Store8(out + 19, u2);
+  Store8(out + 24, High8(u2));
+  Store16(out + 28, _mm_unpackhi_epi8(hi, zero));
+}
+inline void StoreGrouped(char* out, __m128i lo, __m128i hi) noexcept {
+  Store8(out, lo);
+  Store4(out + 9, _mm_srli_si128(lo, 8));
+  Store4(out + 14, _mm_srli_si128(lo, 12));
+  Store4(out + 19, hi);
+  Store8(out + 24, _mm_srli_si128(hi, 4));
+  Store4(out + 32, _mm_srli_si128(hi, 12));
+}
+inline void StorePlain(char16_t* out, __m128i lo, __m128i hi) noexcept {
+  const __m128i zero = _mm_setzero_si128();
+  Store16(out, _mm_unpacklo_epi8(lo, zero));
+  Store16(out + 8, _mm_unpackhi_epi8(lo, zero));
+  Store16(out + 16, _mm_unpacklo_epi8(hi, zero));
+  Store16(out + 24, _mm_unpackhi_epi8(hi, zero));
+}
+inline void StorePlain(char* out, __m128i lo, __m128i hi) noexcept {
+  Store16(out, lo);
+  Store16(out + 16, hi);
+}
+#endif
+
 // The grouped form: 4-2-2-2-6 bytes with "-" between groups (36 units at out).
-inline void PutGrouped(char16_t* out, const Byte* b, const std::array<std::uint32_t, 256>& pairs) noexcept {
+template <bool Upper, class CharT>
+inline CharT* PutGrouped(CharT* out, const Byte* b) noexcept {
+#if QUMA_UUID_SSE2
+  __m128i lo, hi;
+  HexDigits<Upper>(b, lo, hi);
+  StoreGrouped(out, lo, hi);
+#else
   static constexpr Byte kPos[16] = {0, 2, 4, 6, 9, 11, 14, 16, 19, 21, 24, 26, 28, 30, 32, 34};
-  for (int i = 0; i < 16; ++i) PutPair(out + kPos[i], b[i], pairs);
-  out[8] = out[13] = out[18] = out[23] = u'-';
+  for (int i = 0; i < 16; ++i) PutPair<Upper>(out + kPos[i], b[i]);
+#endif
+  out[8] = out[13] = out[18] = out[23] = CharT('-');
+  return out + 36;
+}
+
+// The 32 digits without separators.
+template <class CharT>
+inline CharT* PutHex(CharT* out, const Byte* b) noexcept {
+#if QUMA_UUID_SSE2
+  __m128i lo, hi;
+  HexDigits<false>(b, lo, hi);
+  StorePlain(out, lo, hi);
+  return out + 32;
+#else
+  for (int i = 0; i < 16; ++i) out = PutPair<false>(out, b[i]);
+  return out;
+#endif
+}
+
+// RFC 4648 Base64 with padding: 16 bytes are 22 digits and "==".
+template <class CharT>
+inline CharT* PutBase64(CharT* out, const Byte* b) noexcept {
+  static constexpr char kDigits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  for (int i = 0; i < 15; i += 3) {
+    const Cardinal v = (Cardinal{b[i]} << 16) | (Cardinal{b[i + 1]} << 8) | b[i + 2];
+    for (int k = 18; k >= 0; k -= 6) *out++ = CharT(kDigits[(v >> k) & 63]);
+  }
+  *out++ = CharT(kDigits[b[15] >> 2]);
+  *out++ = CharT(kDigits[(b[15] & 3) << 4]);
+  *out++ = CharT('=');
+  *out++ = CharT('=');
+  return out;
 }
 
 // ---- the text being read ----
@@ -383,49 +483,100 @@ TFormKind KindOf(std::basic_string_view<CharT> name) noexcept {
   return TFormKind::Default;
 }
 
-UnicodeString FormatKind(const TQUMA_Uuid& u, TFormKind kind) {
-  const Byte* b = u._baUuid;
+// The first five bytes of the UTF-16 text "QUMA-" mark an internal reference, whose default text
+// is not ASCII.
+bool IsInternalReference(const Byte* b) noexcept {
+  return b[0] == 'Q' && b[1] == 0 && b[2] == 'U' && b[3] == 0 && b[4] == 'M';
+}
+
+// The forms whose text is ASCII, in either unit type. Returns the end, or nullptr for the binary
+// form and an internal reference's default text.
+template <class CharT>
+CharT* PutAscii(const Byte* b, TFormKind kind, CharT* out) noexcept {
   switch (kind) {
-    case TFormKind::MS: {
-      UnicodeString r(38, u'\0');
-      r[0] = u'{';
-      PutGrouped(r.data() + 1, b, kUpperPairs);
-      r[37] = u'}';
-      return r;
-    }
+    case TFormKind::MS:
+      *out++ = CharT('{');
+      out = PutGrouped<true>(out, b);
+      *out++ = CharT('}');
+      return out;
     case TFormKind::Base64:
-      return TNetEncoding::Base64()->EncodeBytesToString(std::span<const Byte>(b, 16));
-    case TFormKind::Hex: {
-      UnicodeString r(32, u'\0');
-      char16_t* out = r.data();
-      for (int i = 0; i < 16; ++i) out = PutPair(out, b[i], kLowerPairs);
-      return r;
+      return PutBase64(out, b);
+    case TFormKind::Hex:
+      return PutHex(out, b);
+    case TFormKind::JHashPath: {
+      const Cardinal h = LookupHash(b);
+      out = PutPair<false>(out, static_cast<Byte>(h >> 8));
+      *out++ = CharT('\\');
+      out = PutPair<false>(out, static_cast<Byte>(h));
+      *out++ = CharT('\\');
+      return PutHex(out, b);
     }
     case TFormKind::Binary:
-      return u._GetAsString();
-    case TFormKind::JHashPath: {
-      const Cardinal h = u.JHash();
-      UnicodeString r(38, u'\0');
-      char16_t* out = PutPair(r.data(), static_cast<Byte>(h >> 8), kLowerPairs);
-      *out++ = u'\\';
-      out = PutPair(out, static_cast<Byte>(h), kLowerPairs);
-      *out++ = u'\\';
-      for (int i = 0; i < 16; ++i) out = PutPair(out, b[i], kLowerPairs);
-      return r;
-    }
+      return nullptr;
     case TFormKind::Default:
       break;
   }
-  // The first five bytes of the UTF-16 text "QUMA-" mark an internal reference.
-  if (b[0] == 'Q' && b[1] == 0 && b[2] == 'U' && b[3] == 0 && b[4] == 'M') {
-    static constexpr char16_t kPrefix[] = u"Internal Reference: ";
-    UnicodeString r(kPrefix);
-    for (int i = 0; i < 16; ++i) r.push_back(static_cast<char16_t>(b[i]));
-    return r;
+  return IsInternalReference(b) ? nullptr : PutGrouped<false>(out, b);
+}
+
+// Every form in UTF-16 (at most TQUMA_Uuid::MaxTextLength units). Returns the end.
+char16_t* PutText(const TQUMA_Uuid& u, TFormKind kind, char16_t* out) noexcept {
+  const Byte* b = u._baUuid;
+  if (char16_t* end = PutAscii(b, kind, out)) return end;
+  if (kind == TFormKind::Binary) {  // eight units, low byte first
+    for (int k = 0; k < 8; ++k) *out++ = static_cast<char16_t>(b[2 * k] | (b[2 * k + 1] << 8));
+    return out;
   }
-  UnicodeString r(36, u'\0');
-  PutGrouped(r.data(), b, kLowerPairs);
-  return r;
+  static constexpr char16_t kPrefix[] = u"Internal Reference: ";
+  out = std::copy(kPrefix, kPrefix + 20, out);
+  for (int i = 0; i < 16; ++i) *out++ = static_cast<char16_t>(b[i]);
+  return out;
+}
+
+// UTF-16 to UTF-8 as Utf16ToUtf8 converts (a lone surrogate becomes U+FFFD), into out.
+char* PutUtf8(const char16_t* p, const char16_t* end, char* out) noexcept {
+  while (p < end) {
+    char32_t cp = *p++;
+    if (cp >= 0xD800 && cp <= 0xDBFF && p < end && *p >= 0xDC00 && *p <= 0xDFFF)
+      cp = 0x10000 + ((cp - 0xD800) << 10) + (*p++ - 0xDC00);
+    else if (cp >= 0xD800 && cp <= 0xDFFF)
+      cp = 0xFFFD;
+    if (cp < 0x80) {
+      *out++ = static_cast<char>(cp);
+    } else if (cp < 0x800) {
+      *out++ = static_cast<char>(0xC0 | (cp >> 6));
+      *out++ = static_cast<char>(0x80 | (cp & 0x3F));
+    } else if (cp < 0x10000) {
+      *out++ = static_cast<char>(0xE0 | (cp >> 12));
+      *out++ = static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+      *out++ = static_cast<char>(0x80 | (cp & 0x3F));
+    } else {
+      *out++ = static_cast<char>(0xF0 | (cp >> 18));
+      *out++ = static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
+      *out++ = static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+      *out++ = static_cast<char>(0x80 | (cp & 0x3F));
+    }
+  }
+  return out;
+}
+
+// Every form in UTF-8 (at most TQUMA_Uuid::MaxUtf8TextLength bytes). Returns the end.
+char* PutText(const TQUMA_Uuid& u, TFormKind kind, char* out) noexcept {
+  if (char* end = PutAscii(u._baUuid, kind, out)) return end;
+  char16_t wide[TQUMA_Uuid::MaxTextLength];
+  return PutUtf8(wide, PutText(u, kind, wide), out);
+}
+
+// Into a caller's buffer: the length, or 0 when it does not fit (nothing written then).
+template <class CharT>
+std::size_t FormatInto(const TQUMA_Uuid& u, TFormKind kind, std::span<CharT> buffer) noexcept {
+  constexpr std::size_t kMax = sizeof(CharT) == 2 ? TQUMA_Uuid::MaxTextLength : TQUMA_Uuid::MaxUtf8TextLength;
+  if (buffer.size() >= kMax) return static_cast<std::size_t>(PutText(u, kind, buffer.data()) - buffer.data());
+  CharT local[kMax];
+  const std::size_t n = static_cast<std::size_t>(PutText(u, kind, local) - local);
+  if (n > buffer.size()) return 0;
+  std::copy(local, local + n, buffer.data());
+  return n;
 }
 
 }  // namespace
@@ -514,11 +665,58 @@ Integer TQUMA_Uuid::Compare(const TQUMA_Uuid& Left, const TQUMA_Uuid& Right) noe
   return r < 0 ? -1 : (r > 0 ? 1 : 0);
 }
 
-UnicodeString TQUMA_Uuid::Format(UnicodeStringView szFormat) const { return FormatKind(*this, KindOf(szFormat)); }
+namespace {
+// The string forms: the usual standard text straight into the string, the rest through a stack
+// buffer.
+UnicodeString FormatString(const TQUMA_Uuid& u, TFormKind kind) {
+  if (kind == TFormKind::Default && !IsInternalReference(u._baUuid)) {
+    UnicodeString r(36, u'-');
+    PutGrouped<false>(r.data(), u._baUuid);
+    return r;
+  }
+  char16_t text[TQUMA_Uuid::MaxTextLength];
+  return UnicodeString(text, PutText(u, kind, text));
+}
+}  // namespace
 
-UnicodeString TQUMA_Uuid::Format(std::string_view szFormat) const { return FormatKind(*this, KindOf(szFormat)); }
+UnicodeString TQUMA_Uuid::Format(UnicodeStringView szFormat) const { return FormatString(*this, KindOf(szFormat)); }
 
-std::string TQUMA_Uuid::FormatUtf8(std::string_view szFormat) const { return Utf16ToUtf8(Format(szFormat)); }
+UnicodeString TQUMA_Uuid::Format(std::string_view szFormat) const { return FormatString(*this, KindOf(szFormat)); }
+
+std::string TQUMA_Uuid::FormatUtf8(std::string_view szFormat) const {
+  char text[MaxUtf8TextLength];
+  return std::string(text, PutText(*this, KindOf(szFormat), text));
+}
+
+std::size_t TQUMA_Uuid::FormatTo(std::span<char16_t> Buffer, UnicodeStringView szFormat) const noexcept {
+  return FormatInto(*this, KindOf(szFormat), Buffer);
+}
+
+std::size_t TQUMA_Uuid::FormatTo(std::span<char16_t> Buffer, std::string_view szFormat) const noexcept {
+  return FormatInto(*this, KindOf(szFormat), Buffer);
+}
+
+std::size_t TQUMA_Uuid::FormatTo(std::span<char> Buffer, std::string_view szFormat) const noexcept {
+  return FormatInto(*this, KindOf(szFormat), Buffer);
+}
+
+namespace {
+TFormKind KindOfSpec(std::string_view spec) {
+  if (spec.empty() || spec == "D") return TFormKind::Default;
+  if (spec == "B") return TFormKind::MS;
+  if (spec == "N") return TFormKind::Hex;
+  throw EConvertError(SUuidUnrecognisedFormat);
+}
+}  // namespace
+
+std::string TQUMA_Uuid::FormatSpec(std::string_view Spec) const {
+  char text[MaxUtf8TextLength];
+  return std::string(text, PutText(*this, KindOfSpec(Spec), text));
+}
+
+std::size_t TQUMA_Uuid::FormatSpecTo(std::span<char> Buffer, std::string_view Spec) const {
+  return FormatInto(*this, KindOfSpec(Spec), Buffer);
+}
 
 // ---- readers ----
 

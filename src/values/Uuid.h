@@ -10,6 +10,7 @@
 // std::hash<TQUMA_Uuid> make the type usable as a key of the standard containers.
 #pragma once
 
+#include <array>
 #include <compare>
 #include <concepts>
 #include <cstddef>
@@ -51,6 +52,10 @@ struct TQUMA_Uuid {
     _SetAsGuid(Guid);
     return *this;
   }
+  // The sixteen bytes as they are (network order).
+  constexpr explicit TQUMA_Uuid(const std::array<Byte, 16>& Bytes) noexcept
+      : _baUuid{Bytes[0], Bytes[1], Bytes[2],  Bytes[3],  Bytes[4],  Bytes[5],  Bytes[6],  Bytes[7],
+                Bytes[8], Bytes[9], Bytes[10], Bytes[11], Bytes[12], Bytes[13], Bytes[14], Bytes[15]} {}
   TQUMA_Uuid(const TQUMA_Uuid&) noexcept = default;
   TQUMA_Uuid& operator=(const TQUMA_Uuid&) noexcept = default;
   operator TGUID() const noexcept { return _GetAsGuid(); }
@@ -69,6 +74,24 @@ struct TQUMA_Uuid {
     return CreateZeroed(blZeroed);
   }
   static TQUMA_Uuid Create(const TQUMA_Uuid& Other) noexcept { return Other; }
+
+  // ---- versions (RFC 9562) ----
+  // Version 4: random, as Randomise (zero when the kernel has no random bytes).
+  static TQUMA_Uuid CreateV4() noexcept;
+  // Version 7: the Unix time in milliseconds (48 bits), version and variant, then a 42-bit counter
+  // and 32 random bits. The counter starts at a random value below 2^41 in each new millisecond
+  // and counts up within it, under one process-wide lock, so the values one process makes sort
+  // (Compare, std::less) in the order they were made, on every thread. Random bits come from
+  // getrandom(2); without them the counter starts at zero and the tail is zero.
+  static TQUMA_Uuid CreateV7() noexcept;
+  // Version 5: SHA-1 of the namespace's sixteen bytes followed by the name, cut to sixteen bytes,
+  // version and variant set. Text names are hashed as UTF-8 (a UTF-16 name is converted first).
+  static TQUMA_Uuid CreateV5(const TQUMA_Uuid& Namespace, std::span<const Byte> Name) noexcept;
+  static TQUMA_Uuid CreateV5(const TQUMA_Uuid& Namespace, std::string_view Name) noexcept;
+  static TQUMA_Uuid CreateV5(const TQUMA_Uuid& Namespace, UnicodeStringView Name);
+  // The Unix time in milliseconds of a version-7 value (version 7, RFC variant); nullopt for
+  // any other value.
+  std::optional<Int64> V7UnixMilliseconds() const noexcept;
 
   // Non-throwing readers for untrusted text: nullopt where the throwing reader would raise.
   // TryParse takes every form of _ReadFormattedUuid, TryParseText the printable ones only.
@@ -95,6 +118,23 @@ struct TQUMA_Uuid {
   // The same text in UTF-8 (code units that are not characters, as in the binary form, become
   // U+FFFD).
   std::string FormatUtf8(std::string_view szFormat = {}) const;
+
+  // The same texts written into a caller's buffer, without allocating (a fixed array converts to
+  // the span). Returns the number of units (bytes) written, or 0 when the text does not fit, in
+  // which case nothing is written. No terminator is added. A buffer of MaxTextLength units
+  // (MaxUtf8TextLength bytes) holds every form: the UTF-8 text of the binary form and of an
+  // internal reference is longer than its UTF-16 text.
+  static constexpr std::size_t MaxTextLength = 38;
+  static constexpr std::size_t MaxUtf8TextLength = 52;
+  std::size_t FormatTo(std::span<char16_t> Buffer, UnicodeStringView szFormat = {}) const noexcept;
+  std::size_t FormatTo(std::span<char16_t> Buffer, std::string_view szFormat) const noexcept;
+  std::size_t FormatTo(std::span<char> Buffer, std::string_view szFormat = {}) const noexcept;
+
+  // The text for a std::format-style spec: "" or "D" the default form (as Format()), "B" braced
+  // upper case (the "ms" form), "N" 32 digits (the "hex" form). Any other spec raises
+  // EConvertError "Unrecognised Format". FormatSpecTo returns 0 when Buffer is too small.
+  std::string FormatSpec(std::string_view Spec) const;
+  std::size_t FormatSpecTo(std::span<char> Buffer, std::string_view Spec) const;
 
   // Variant input: byte arrays, empty/null (zero), OLE and 8-bit strings; false for other types.
   bool TrySetAsVariant(const Variant& NewValue);
@@ -187,6 +227,16 @@ struct TQUMA_Uuid {
 };
 
 static_assert(sizeof(TQUMA_Uuid) == 16);
+
+// The name spaces of RFC 9562 (section 6.6) for version-5 values.
+inline constexpr TQUMA_Uuid QUMAUuidNamespaceDNS{
+    std::array<Byte, 16>{0x6b, 0xa7, 0xb8, 0x10, 0x9d, 0xad, 0x11, 0xd1, 0x80, 0xb4, 0x00, 0xc0, 0x4f, 0xd4, 0x30, 0xc8}};
+inline constexpr TQUMA_Uuid QUMAUuidNamespaceURL{
+    std::array<Byte, 16>{0x6b, 0xa7, 0xb8, 0x11, 0x9d, 0xad, 0x11, 0xd1, 0x80, 0xb4, 0x00, 0xc0, 0x4f, 0xd4, 0x30, 0xc8}};
+inline constexpr TQUMA_Uuid QUMAUuidNamespaceOID{
+    std::array<Byte, 16>{0x6b, 0xa7, 0xb8, 0x12, 0x9d, 0xad, 0x11, 0xd1, 0x80, 0xb4, 0x00, 0xc0, 0x4f, 0xd4, 0x30, 0xc8}};
+inline constexpr TQUMA_Uuid QUMAUuidNamespaceX500{
+    std::array<Byte, 16>{0x6b, 0xa7, 0xb8, 0x14, 0x9d, 0xad, 0x11, 0xd1, 0x80, 0xb4, 0x00, 0xc0, 0x4f, 0xd4, 0x30, 0xc8}};
 static_assert(std::is_trivially_copyable_v<TQUMA_Uuid>);
 
 }  // namespace quma
@@ -195,6 +245,35 @@ template <>
 struct std::hash<quma::TQUMA_Uuid> {
   std::size_t operator()(const quma::TQUMA_Uuid& u) const noexcept { return u.JHash(); }
 };
+
+// std::format("{:B}", id) where the standard library has <format> (g++ 13 and later; g++ 12 has
+// none, and there FormatSpec is the same thing). Specs as FormatSpec; char output only.
+#if __has_include(<format>)
+#include <format>
+#endif
+#if defined(__cpp_lib_format)
+template <>
+struct std::formatter<quma::TQUMA_Uuid, char> {
+  constexpr auto parse(std::format_parse_context& ctx) {
+    auto it = ctx.begin();
+    if (it != ctx.end() && *it != '}') {
+      if (*it != 'D' && *it != 'B' && *it != 'N') throw std::format_error("Unrecognised Format");
+      FSpec = *it++;
+    }
+    if (it != ctx.end() && *it != '}') throw std::format_error("Unrecognised Format");
+    return it;
+  }
+  template <class FormatContext>
+  auto format(const quma::TQUMA_Uuid& u, FormatContext& ctx) const {
+    char text[quma::TQUMA_Uuid::MaxUtf8TextLength];
+    const std::size_t n = u.FormatSpecTo(text, std::string_view(&FSpec, FSpec ? 1 : 0));
+    return std::copy(text, text + n, ctx.out());
+  }
+
+ private:
+  char FSpec = 0;
+};
+#endif
 
 // Ordered containers sort by Compare (the order of the standard text), not by the element-wise
 // operator<.

@@ -1,2 +1,2 @@
-# zlib's crc32 and libuuid's parser/unparser serve as reference implementations.
-list(APPEND QUMA_TEST_EXTRA_LIBS z uuid)
+# zlib's crc32, libuuid's parser/unparser and Poco's SHA-1 serve as reference implementations.
+list(APPEND QUMA_TEST_EXTRA_LIBS z uuid PocoFoundation)

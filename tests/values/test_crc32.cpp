@@ -3,29 +3,113 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cstring>
 #include <random>
+#include <string_view>
 #include <typeinfo>
 #include <vector>
 
 namespace quma {
 namespace {
 
-TEST(CRC32, MatchesZlibOnRandomBuffersAndOffsets) {
+std::vector<TCRC32Kernel> SupportedKernels() {
+  std::vector<TCRC32Kernel> r;
+  for (auto k : {TCRC32Kernel::Table, TCRC32Kernel::CarrylessMultiply, TCRC32Kernel::VectorCarrylessMultiply})
+    if (CRC32KernelSupported(k)) r.push_back(k);
+  return r;
+}
+
+TEST(CRC32, EveryKernelMatchesZlib) {
+  EXPECT_TRUE(CRC32KernelSupported(CRC32ActiveKernel()));
   std::mt19937_64 rng(1234);
-  std::vector<Byte> buf(70000);
+  std::vector<Byte> buf((1 << 20) + 64);
   for (auto& b : buf) b = static_cast<Byte>(rng());
-  std::uniform_int_distribution<std::size_t> lenDist(0, 5000);
-  for (int i = 0; i < 600; ++i) {
-    // Lengths cover the byte loop, slicing and folding paths; offsets cover misalignment.
-    const std::size_t len = i < 200 ? static_cast<std::size_t>(i) : lenDist(rng) + (i % 7 == 0 ? 60000 : 0);
-    const std::size_t off = rng() % 64;
-    const Byte* p = buf.data() + off;
-    const uLong ref = crc32(0L, p, static_cast<uInt>(len));
-    ASSERT_EQ(CRC32(p, static_cast<Cardinal>(len), 0xFFFFFFFFu), ref) << "len " << len << " off " << off;
-    // A non-standard starting register goes through the same core.
-    const Cardinal seed = static_cast<Cardinal>(rng());
-    ASSERT_EQ(CRC32(p, static_cast<Cardinal>(len), seed), crc32(~seed & 0xFFFFFFFFu, p, static_cast<uInt>(len)));
+  for (const TCRC32Kernel k : SupportedKernels()) {
+    SCOPED_TRACE(static_cast<int>(k));
+    // Every length through the byte loop, slicing and each folding step, at every alignment, from
+    // a random register.
+    for (std::size_t len = 0; len <= 300; ++len)
+      for (std::size_t off = 0; off < 64; ++off) {
+        const Byte* p = buf.data() + off;
+        const Cardinal seed = static_cast<Cardinal>(rng());
+        ASSERT_EQ(CRC32WithKernel(k, p, static_cast<Cardinal>(len), seed), crc32(~seed & 0xFFFFFFFFu, p, static_cast<uInt>(len)))
+            << "len " << len << " off " << off;
+      }
+    const uLong whole = crc32(0L, buf.data() + 3, 1 << 20);
+    ASSERT_EQ(CRC32WithKernel(k, buf.data() + 3, 1 << 20), whole);
+    // Incremental use, split at random points.
+    for (int round = 0; round < 20; ++round) {
+      Cardinal c = QUMACRC32Start;
+      for (std::size_t pos = 0; pos < (1 << 20);) {
+        const std::size_t step = std::min<std::size_t>((1 << 20) - pos, rng() % (round < 10 ? 700 : 70000));
+        c = ~CRC32WithKernel(k, buf.data() + 3 + pos, static_cast<Cardinal>(step), c);
+        pos += step;
+      }
+      ASSERT_EQ(~c, whole);
+    }
+  }
+}
+
+// CRC-32C one bit at a time, straight from the polynomial.
+Cardinal BitwiseCRC32C(const Byte* p, std::size_t n, Cardinal c) {
+  while (n--) {
+    c ^= *p++;
+    for (int k = 0; k < 8; ++k) c = (c & 1) ? (c >> 1) ^ 0x82F63B78u : c >> 1;
+  }
+  return ~c;
+}
+
+TEST(CRC32C, RFC3720VectorsOnEveryKernel) {
+  Byte zeros[32] = {}, ones[32], up[32], down[32];
+  for (int i = 0; i < 32; ++i) {
+    ones[i] = 0xFF;
+    up[i] = static_cast<Byte>(i);
+    down[i] = static_cast<Byte>(31 - i);
+  }
+  // An iSCSI read command PDU.
+  const Byte pdu[48] = {0x01, 0xc0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
+                        0x00, 0x00, 0x00, 0x00, 0x14, 0x00, 0x00, 0x00, 0x00, 0x00, 0x04, 0x00,
+                        0x00, 0x00, 0x00, 0x14, 0x00, 0x00, 0x00, 0x18, 0x28, 0x00, 0x00, 0x00,
+                        0x00, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00};
+  for (auto k : {TCRC32CKernel::Table, TCRC32CKernel::Crc32Instruction}) {
+    EXPECT_EQ(CRC32CWithKernel(k, zeros, 32), 0x8A9136AAu);
+    EXPECT_EQ(CRC32CWithKernel(k, ones, 32), 0x62A8AB43u);
+    EXPECT_EQ(CRC32CWithKernel(k, up, 32), 0x46DD794Eu);
+    EXPECT_EQ(CRC32CWithKernel(k, down, 32), 0x113FDB5Cu);
+    EXPECT_EQ(CRC32CWithKernel(k, pdu, 48), 0xD9963A56u);
+  }
+  EXPECT_EQ(CRC32C(std::string_view("123456789")), 0xE3069283u);
+  EXPECT_EQ(CRC32CTable()[1], 0xF26B8303u);
+  EXPECT_TRUE(CRC32CKernelSupported(CRC32CActiveKernel()));
+}
+
+TEST(CRC32C, EveryKernelMatchesTheBitwiseDefinition) {
+  std::mt19937_64 rng(99);
+  std::vector<Byte> buf((1 << 20) + 64);
+  for (auto& b : buf) b = static_cast<Byte>(rng());
+  std::vector<std::size_t> lengths;
+  for (std::size_t len = 0; len <= 300; ++len) lengths.push_back(len);
+  for (int i = 0; i < 40; ++i) lengths.push_back(3000 + rng() % 20000);  // the three-stream path
+  const Cardinal whole = BitwiseCRC32C(buf.data() + 5, 1 << 20, 0xFFFFFFFFu);
+  for (auto k : {TCRC32CKernel::Table, TCRC32CKernel::Crc32Instruction}) {
+    if (!CRC32CKernelSupported(k)) continue;
+    for (const std::size_t len : lengths) {
+      const std::size_t off = rng() % 64;
+      const Cardinal seed = static_cast<Cardinal>(rng());
+      ASSERT_EQ(CRC32CWithKernel(k, buf.data() + off, static_cast<Cardinal>(len), seed),
+                BitwiseCRC32C(buf.data() + off, len, seed))
+          << "len " << len << " off " << off;
+    }
+    ASSERT_EQ(CRC32CWithKernel(k, buf.data() + 5, 1 << 20), whole);
+    // Incremental use, split at random points.
+    Cardinal c = QUMACRC32CStart;
+    for (std::size_t pos = 0; pos < (1 << 20);) {
+      const std::size_t step = std::min<std::size_t>((1 << 20) - pos, rng() % 20000);
+      c = ~CRC32CWithKernel(k, buf.data() + 5 + pos, static_cast<Cardinal>(step), c);
+      pos += step;
+    }
+    ASSERT_EQ(~c, whole);
   }
 }
 

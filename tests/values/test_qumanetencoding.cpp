@@ -6,7 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <random>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -17,21 +19,61 @@ using test::ConvertErrorOf;
 
 TQUMABase32Encoding* B32() { return TQUMANetEncoding::Base32Encoding(); }
 
-TEST(Base32, Rfc4648Vectors) {
-  const std::pair<const char16_t*, const char16_t*> vectors[] = {{u"", u""},
-                                                                 {u"f", u"MY======"},
-                                                                 {u"fo", u"MZXQ===="},
-                                                                 {u"foo", u"MZXW6==="},
-                                                                 {u"foob", u"MZXW6YQ="},
-                                                                 {u"fooba", u"MZXW6YTB"},
-                                                                 {u"foobar", u"MZXW6YTBOI======"}};
-  for (const auto& [plain, encoded] : vectors) {
-    EXPECT_EQ(B32()->Encode(UnicodeStringView(plain)), encoded);
-    EXPECT_EQ(B32()->Decode(UnicodeStringView(encoded)), plain);
-    EXPECT_EQ(B32()->Decode(LowerCase(encoded)), plain);  // either case
-    EXPECT_EQ(B32()->Encode(Utf16ToUtf8(plain)), Utf16ToUtf8(encoded));
-    EXPECT_EQ(B32()->Decode(Utf16ToUtf8(LowerCase(encoded))), Utf16ToUtf8(plain));
+// RFC 4648 sections 10 (standard and extended hex) and the same data in Crockford's alphabet,
+// padded and not, in UTF-16 and UTF-8, decoded in either case.
+TEST(Base32, Rfc4648VectorsInEveryAlphabet) {
+  const char16_t* plain[] = {u"", u"f", u"fo", u"foo", u"foob", u"fooba", u"foobar"};
+  const std::pair<TQUMABase32Alphabet, std::array<const char16_t*, 7>> alphabets[] = {
+      {TQUMABase32Alphabet::Standard,
+       {u"", u"MY======", u"MZXQ====", u"MZXW6===", u"MZXW6YQ=", u"MZXW6YTB", u"MZXW6YTBOI======"}},
+      {TQUMABase32Alphabet::ExtendedHex,
+       {u"", u"CO======", u"CPNG====", u"CPNMU===", u"CPNMUOG=", u"CPNMUOJ1", u"CPNMUOJ1E8======"}},
+      {TQUMABase32Alphabet::Crockford,
+       {u"", u"CR======", u"CSQG====", u"CSQPY===", u"CSQPYRG=", u"CSQPYRK1", u"CSQPYRK1E8======"}}};
+  for (const auto& [alphabet, encoded] : alphabets)
+    for (const bool padding : {true, false}) {
+      const auto enc = MakeObject<TQUMABase32Encoding>(alphabet, padding);
+      TQUMABase32Encoding* const codec = alphabet == TQUMABase32Alphabet::Standard && padding ? B32() : enc.get();
+      for (std::size_t i = 0; i < 7; ++i) {
+        UnicodeString text = encoded[i];
+        if (!padding) text.erase(text.find_last_not_of(u'=') + 1);
+        SCOPED_TRACE(Utf16ToUtf8(text));
+        EXPECT_EQ(codec->Encode(UnicodeStringView(plain[i])), text);
+        EXPECT_EQ(codec->Decode(UnicodeStringView(encoded[i])), plain[i]);
+        EXPECT_EQ(codec->Decode(LowerCase(text)), plain[i]);
+        EXPECT_EQ(codec->Encode(Utf16ToUtf8(plain[i])), Utf16ToUtf8(text));
+        EXPECT_EQ(codec->Decode(Utf16ToUtf8(LowerCase(text))), Utf16ToUtf8(plain[i]));
+      }
+    }
+}
+
+TEST(Base32, OtherAlphabetsRoundTripSortAndReadCrockfordsSpellings) {
+  const auto hex = MakeObject<TQUMABase32Encoding>(TQUMABase32Alphabet::ExtendedHex, false);
+  const auto crock = MakeObject<TQUMABase32Encoding>(TQUMABase32Alphabet::Crockford);
+  std::mt19937 rng(8);
+  for (int i = 0; i < 300; ++i) {
+    std::string a(rng() % 70, '\0'), b(a.size(), '\0');
+    for (char& c : a) c = static_cast<char>(rng());
+    for (char& c : b) c = static_cast<char>(rng());
+    for (TQUMABase32Encoding* codec : {hex.get(), crock.get()}) {
+      ASSERT_EQ(codec->Decode(codec->Encode(std::string_view(a))), a);
+      UnicodeString wide;
+      for (char c : a) wide.push_back(static_cast<Byte>(c));
+      ASSERT_EQ(codec->Decode(codec->Encode(wide)), wide);
+    }
+    // Extended hex text sorts like the data.
+    ASSERT_EQ(a < b, hex->Encode(std::string_view(a)) < hex->Encode(std::string_view(b)));
   }
+  // Crockford: I and L read as 1, O as 0, hyphens are skipped; U is not a digit.
+  EXPECT_EQ(crock->Decode(std::string_view("csq-pyr-k1e8")), "foobar");
+  EXPECT_EQ(crock->Decode(std::string_view("CSQPYRKIE8")), crock->Decode(std::string_view("CSQPYRKLE8")));
+  EXPECT_EQ(crock->Decode(std::string_view("O0")), crock->Decode(std::string_view("00")));
+  EXPECT_EQ(ConvertErrorOf([&] { (void)crock->Decode(u"CSQU"); }),
+            u"Invalid Base32 Input character: U at offset 3 of buffer");
+  EXPECT_EQ(ConvertErrorOf([&] { (void)hex->Decode(u"CPNW"); }),
+            u"Invalid Base32 Input character: W at offset 3 of buffer");
+  EXPECT_EQ(ConvertErrorOf([&] { (void)B32()->Decode(u"MZ-X"); }),  // hyphens are Crockford's only
+            u"Invalid Base32 Input character: - at offset 2 of buffer");
 }
 
 TEST(Base32, DecodingStopsAtPaddingAndReportsStrangers) {

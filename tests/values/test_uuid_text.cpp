@@ -8,7 +8,9 @@
 
 #include "ValuesTestSupport.h"
 
+#include <algorithm>
 #include <cstring>
+#include <vector>
 #include <random>
 
 namespace quma {
@@ -74,6 +76,36 @@ TEST(UuidText, ShapesOfTheForms) {
   ref._SetAsString(u"QUMA-Ref");
   EXPECT_EQ(ref.Format(), u"Internal Reference: " + UnicodeString(u"Q\0U\0M\0A\0-\0R\0e\0f\0", 16));
   EXPECT_EQ(ref.Format(u"hex").substr(0, 10), u"510055004d");  // named forms are unaffected
+}
+
+// The buffer forms write what the string forms return, in both unit types, and write nothing
+// into a buffer that is too small.
+TEST(UuidText, FormatToWritesTheStringFormsWithoutAllocating) {
+  std::mt19937 rng(5);
+  TQUMA_Uuid ref;
+  ref._SetAsString(u"QUMA-R\u00e9\xd800");  // internal reference, non-ASCII and a lone surrogate
+  std::vector<TQUMA_Uuid> values{ref, TQUMA_Uuid()};
+  for (int i = 0; i < 50; ++i) values.push_back(RandomUuid(rng));
+  for (const TQUMA_Uuid& u : values)
+    for (const char* name : {"", "ms", "base64", "hex", "binary", "jhashpath"}) {
+      char16_t wide[TQUMA_Uuid::MaxTextLength];
+      const UnicodeString expected = u.Format(std::string_view(name));
+      ASSERT_EQ(UnicodeString(wide, u.FormatTo(wide, std::string_view(name))), expected) << name;
+      ASSERT_EQ(UnicodeString(wide, u.FormatTo(wide, Utf8ToUtf16(name))), expected) << name;
+      char narrow[TQUMA_Uuid::MaxUtf8TextLength];
+      const std::string utf8 = u.FormatUtf8(name);
+      ASSERT_EQ(utf8, Utf16ToUtf8(expected));
+      ASSERT_EQ(std::string(narrow, u.FormatTo(narrow, name)), utf8) << name;
+      // Exactly long enough, and one short.
+      std::vector<char> fit(utf8.size()), shortBy1(utf8.size() - 1, '#');
+      ASSERT_EQ(u.FormatTo(std::span<char>(fit), name), utf8.size());
+      ASSERT_EQ(u.FormatTo(std::span<char>(shortBy1), name), 0u);
+      ASSERT_EQ(std::count(shortBy1.begin(), shortBy1.end(), '#'), static_cast<std::ptrdiff_t>(shortBy1.size()));
+      std::vector<char16_t> fit16(expected.size()), short16(expected.size() - 1, u'#');
+      ASSERT_EQ(u.FormatTo(std::span<char16_t>(fit16), name), expected.size());
+      ASSERT_EQ(UnicodeString(fit16.begin(), fit16.end()), expected);
+      ASSERT_EQ(u.FormatTo(std::span<char16_t>(short16), name), 0u);
+    }
 }
 
 TEST(UuidText, RecognitionByLengthAndPunctuation) {
