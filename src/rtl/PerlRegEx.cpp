@@ -56,6 +56,7 @@ struct TRegex::TImpl {
   uint32_t CaptureCount = 0;
   pcre2_match_context* Context = nullptr;
   bool JitComplete = false, JitPartial = false;  // which modes the JIT compiled
+  bool Anchored = false;
   ~TImpl() {
     pcre2_match_context_free(Context);
     pcre2_code_free(Code);
@@ -83,11 +84,14 @@ TRegex::TRegex(UnicodeStringView pattern, TPerlRegExOptions options, const TRege
                                          UnicodeStringView(reinterpret_cast<const char16_t*>(buf))));
   }
   // Best effort; the interpreter serves otherwise.
-  if (pcre2_jit_compile(FImpl->Code, PCRE2_JIT_COMPLETE | (partial ? PCRE2_JIT_PARTIAL_HARD : 0)) == 0) {
+  if (pcre2_jit_compile(FImpl->Code, PCRE2_JIT_COMPLETE | (partial ? PCRE2_JIT_PARTIAL_HARD | PCRE2_JIT_PARTIAL_SOFT : 0)) == 0) {
     FImpl->JitComplete = true;
     FImpl->JitPartial = partial;
   }
   pcre2_pattern_info(FImpl->Code, PCRE2_INFO_CAPTURECOUNT, &FImpl->CaptureCount);
+  uint32_t all = 0;
+  pcre2_pattern_info(FImpl->Code, PCRE2_INFO_ALLOPTIONS, &all);
+  FImpl->Anchored = (all & PCRE2_ANCHORED) != 0;
   FImpl->Context = pcre2_match_context_create(nullptr);
   if (!FImpl->Context) throw ERegularExpressionError(u"Error while matching regular expression: no memory");
   pcre2_jit_stack_assign(FImpl->Context, JitStack, nullptr);
@@ -102,6 +106,7 @@ TRegex::~TRegex() = default;
 Integer TRegex::GroupCount() const noexcept { return static_cast<Integer>(FImpl->CaptureCount); }
 const UnicodeString& TRegex::Pattern() const noexcept { return FImpl->Pattern; }
 TPerlRegExOptions TRegex::Options() const noexcept { return FImpl->Options; }
+bool TRegex::Anchored() const noexcept { return FImpl->Anchored; }
 
 bool TRegex::Match(UnicodeStringView subject, TRegexMatch& m, std::size_t startOffset) const {
   return Run(subject, m, startOffset, 0) == mrMatch;
@@ -109,6 +114,10 @@ bool TRegex::Match(UnicodeStringView subject, TRegexMatch& m, std::size_t startO
 
 TRegexMatchResult TRegex::MatchPartial(UnicodeStringView subject, TRegexMatch& m, std::size_t startOffset) const {
   return Run(subject, m, startOffset, PCRE2_PARTIAL_HARD);
+}
+
+TRegexMatchResult TRegex::MatchSoftPartial(UnicodeStringView subject, TRegexMatch& m, std::size_t startOffset) const {
+  return Run(subject, m, startOffset, PCRE2_PARTIAL_SOFT);
 }
 
 TRegexMatchResult TRegex::Run(UnicodeStringView subject, TRegexMatch& m, std::size_t startOffset, uint32_t flags) const {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <thread>
 
 #include <quma/IOUtils.h>
@@ -18,6 +19,13 @@ constexpr TRegexLimits kLimits{10'000'000, 250'000};
 bool Contains(const std::vector<TClass>& list, TClass cls) {
   return std::find(list.begin(), list.end(), cls) != list.end();
 }
+
+// memcmp: the character traits of char16_t compare one unit at a time.
+bool StartsWith(UnicodeStringView Text, UnicodeStringView Prefix) noexcept {
+  return Text.size() >= Prefix.size() && std::memcmp(Text.data(), Prefix.data(), Prefix.size() * sizeof(char16_t)) == 0;
+}
+
+bool Same(UnicodeStringView A, UnicodeStringView B) noexcept { return A.size() == B.size() && StartsWith(A, B); }
 
 UnicodeString After(const TRegexMatch& m) {
   return UnicodeString(m.Subject().substr(m.GroupOffset(0) + m.GroupLength(0)));
@@ -79,7 +87,7 @@ const TRegex* TQUMAStreamedNodeDefinition::Compiled(std::unique_ptr<TRegex>& Cac
 const TRegex* TQUMAStreamedNodeDefinition::_GetOpenRegEx() {
   TPerlRegExOptions options{preSingleLine};
   if (CaseInsensitiveOpen()) options.Include(preCaseLess);
-  return Compiled(_pRegOpen, _szOpen, true, false, options);
+  return Compiled(_pRegOpen, _szOpen, true, false, options, true);
 }
 
 const TRegex* TQUMAStreamedNodeDefinition::_GetCloseRegEx() {
@@ -91,7 +99,7 @@ const TRegex* TQUMAStreamedNodeDefinition::_GetCloseRegEx() {
 const TRegex* TQUMAStreamedNodeDefinition::_GetAllowedRegEx() {
   TPerlRegExOptions options{preSingleLine};
   if (CaseInsensitiveContent()) options.Include(preCaseLess);
-  return Compiled(_pRegAllowed, _szAllowed, false, false, options);
+  return Compiled(_pRegAllowed, _szAllowed, false, false, options, true);
 }
 
 const TRegex* TQUMAStreamedNodeDefinition::_GetValidRegEx() {
@@ -182,10 +190,28 @@ TQUMAStreamedNode* TQUMAStreamedNodeDefinition::CreateNode(TQUMAStreamParser* pF
   return node;
 }
 
+bool TQUMAStreamedNodeDefinition::MatchGrowing(const TRegex* Regex, TDeadPrefix& Memo, UnicodeStringView Subject) {
+  // (An empty text inspects nothing: its verdict says nothing about longer ones.)
+  if (!Regex->Anchored() || Subject.empty()) return Regex->Match(Subject, _Match);
+  if (Memo.Regex == Regex && StartsWith(Subject, Memo.Prefix) && Memo.Options == Regex->Options() &&
+      Same(Memo.Pattern, Regex->Pattern()))
+    return false;
+  // Soft partial mode finds the same complete match as a plain search, and tells a text that
+  // may still grow into a match from one that never will.
+  const TRegexMatchResult result = Regex->MatchSoftPartial(Subject, _Match);
+  if (result == mrNoMatch) {
+    Memo.Regex = Regex;
+    Memo.Pattern = Regex->Pattern();
+    Memo.Options = Regex->Options();
+    Memo.Prefix.assign(Subject);
+  }
+  return result == mrMatch;
+}
+
 TQUMAStreamedNode* TQUMAStreamedNodeDefinition::TryMatchOpen(UnicodeString& szCandidate, TQUMAStreamParser* pForParser) {
   const TRegex* open = _GetOpenRegEx();
   TRegexMatch& m = _Match;
-  if (!open || !open->Match(szCandidate, m)) return nullptr;
+  if (!open || !MatchGrowing(open, _OpenDead, szCandidate)) return nullptr;
   TQUMAStreamedNode* node = CreateNode(pForParser);
   node->_pDefinition = this;
   node->_szOpen.assign(m.Group(0));
@@ -294,7 +320,7 @@ bool TQUMAStreamedNodeDefinition::TryAccept(UnicodeString& szCandidate, TQUMAStr
     }
     if (!accepted) {
       const TRegex* allowed = _GetAllowedRegEx();
-      if (allowed && allowed->Match(szCandidate, m)) {
+      if (allowed && MatchGrowing(allowed, _AllowedDead, szCandidate)) {
         accepted = true;
         if (!valid) {
           pCandidate->_szContent += m.Group(0);  // an append keeps the close search's progress

@@ -265,6 +265,19 @@ class TQUMAStreamedNodeDefinition : public TQUMAReferencedPersistent {
 
  private:
   friend class TQUMAStreamParser;
+  // A text that an anchored regex found neither a match in nor the start of one: no text that
+  // begins with it can match either, so the retries of a buffer that grows by one character at a
+  // time are answered without a regex call until the buffer is consumed.
+  struct TDeadPrefix {
+    const TRegex* Regex = nullptr;
+    UnicodeString Pattern;
+    TPerlRegExOptions Options;
+    UnicodeString Prefix;
+  };
+  // Regex->Match(Subject, _Match), with Memo remembering and answering dead prefixes.
+  bool MatchGrowing(const TRegex* Regex, TDeadPrefix& Memo, UnicodeStringView Subject);
+  TDeadPrefix _OpenDead;
+  TDeadPrefix _AllowedDead;
 };
 using TQUMAStreamedNodeDefinitionClass = TClassOf<TQUMAStreamedNodeDefinition>;
 
