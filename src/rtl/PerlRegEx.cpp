@@ -1,6 +1,8 @@
 #define PCRE2_CODE_UNIT_WIDTH 16
 #include <pcre2.h>
 
+#include <algorithm>
+
 #include <quma/PerlRegEx.h>
 
 namespace quma {
@@ -57,6 +59,10 @@ struct TRegex::TImpl {
   pcre2_match_context* Context = nullptr;
   bool JitComplete = false, JitPartial = false;  // which modes the JIT compiled
   bool Anchored = false;
+  // A code unit every match contains (-1: none known) and whether its other case or a unit
+  // beyond ASCII (which may fold to it) counts as well.
+  int32_t Required = -1;
+  bool RequiredFolds = false;
   ~TImpl() {
     pcre2_match_context_free(Context);
     pcre2_code_free(Code);
@@ -92,6 +98,13 @@ TRegex::TRegex(UnicodeStringView pattern, TPerlRegExOptions options, const TRege
   uint32_t all = 0;
   pcre2_pattern_info(FImpl->Code, PCRE2_INFO_ALLOPTIONS, &all);
   FImpl->Anchored = (all & PCRE2_ANCHORED) != 0;
+  uint32_t type = 0, unit = 0;
+  if (pcre2_pattern_info(FImpl->Code, PCRE2_INFO_LASTCODETYPE, &type) == 0 && type == 1 &&
+      pcre2_pattern_info(FImpl->Code, PCRE2_INFO_LASTCODEUNIT, &unit) == 0 && unit < 0x80) {
+    // PCRE2 does not say whether the unit is matched caselessly: a letter is taken as if it were.
+    FImpl->Required = static_cast<int32_t>(unit);
+    FImpl->RequiredFolds = (unit | 0x20) >= 'a' && (unit | 0x20) <= 'z';
+  }
   FImpl->Context = pcre2_match_context_create(nullptr);
   if (!FImpl->Context) throw ERegularExpressionError(u"Error while matching regular expression: no memory");
   pcre2_jit_stack_assign(FImpl->Context, JitStack, nullptr);
@@ -107,6 +120,15 @@ Integer TRegex::GroupCount() const noexcept { return static_cast<Integer>(FImpl-
 const UnicodeString& TRegex::Pattern() const noexcept { return FImpl->Pattern; }
 TPerlRegExOptions TRegex::Options() const noexcept { return FImpl->Options; }
 bool TRegex::Anchored() const noexcept { return FImpl->Anchored; }
+
+bool TRegex::MayMatchWithin(UnicodeStringView text) const noexcept {
+  constexpr std::size_t kLongest = 64;  // beyond this the match itself is the cheaper test
+  if (FImpl->Required < 0 || text.size() > kLongest) return true;
+  const auto unit = static_cast<char16_t>(FImpl->Required);
+  if (!FImpl->RequiredFolds) return text.find(unit) != UnicodeStringView::npos;
+  const auto other = static_cast<char16_t>(unit ^ 0x20);
+  return std::any_of(text.begin(), text.end(), [=](char16_t c) { return c == unit || c == other || c >= 0x80; });
+}
 
 bool TRegex::Match(UnicodeStringView subject, TRegexMatch& m, std::size_t startOffset) const {
   return Run(subject, m, startOffset, 0) == mrMatch;

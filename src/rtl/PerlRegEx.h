@@ -84,6 +84,9 @@ class TRegex {
   TRegexMatchResult MatchSoftPartial(UnicodeStringView subject, TRegexMatch& m, std::size_t startOffset = 0) const;
   // Whether every match must start at the start offset (a leading ^ in each alternative, say).
   bool Anchored() const noexcept;
+  // False when no match can lie within text: it lacks a code unit that every match contains
+  // (the last literal one PCRE2 found). True whenever that cannot be told cheaply.
+  bool MayMatchWithin(UnicodeStringView text) const noexcept;
   Integer GroupCount() const noexcept;
   const UnicodeString& Pattern() const noexcept;
   TPerlRegExOptions Options() const noexcept;

@@ -239,15 +239,19 @@ bool TQUMAStreamedNodeDefinition::_CheckClose(UnicodeString& szCandidate, TQUMAS
   auto& scan = pCandidate->_CloseScan;
   std::size_t start = 0;
   // (\G ties a match to the start offset, so a pattern that uses it is always searched whole.)
-  if (scan.Valid && scan.Serial == _nCloseSerial && contentLength >= scan.ContentLength &&
-      _szClose.find(u"\\G") == UnicodeString::npos &&
-      subject.size() >= scan.ContentLength + scan.Tail.size() &&
-      subject.compare(scan.ContentLength, scan.Tail.size(), scan.Tail) == 0)
+  if (!_bGKnown || _nGSerial != _nCloseSerial) {
+    _bCloseUsesG = _szClose.find(u"\\G") != UnicodeString::npos;
+    _nGSerial = _nCloseSerial;
+    _bGKnown = true;
+  }
+  if (scan.Valid && scan.Serial == _nCloseSerial && contentLength >= scan.ContentLength && !_bCloseUsesG &&
+      StartsWith(UnicodeStringView(subject).substr(std::min(scan.ContentLength, subject.size())), scan.Tail))
     start = scan.Safe;
   TRegexMatch& m = _Match;
-  std::size_t safe = 0;
+  std::size_t safe = start;
   bool found = false;
-  try {
+  // A text after start that lacks a unit every match contains cannot hold a match yet.
+  if (close->MayMatchWithin(UnicodeStringView(subject).substr(start))) try {
     const TRegexMatchResult probe = close->MatchPartial(subject, m, start);
     safe = probe == mrNoMatch ? subject.size() : std::min(m.GroupOffset(0), subject.size());
     // A hard partial result says where a match may start, not whether one ends here: the plain

@@ -278,6 +278,10 @@ class TQUMAStreamedNodeDefinition : public TQUMAReferencedPersistent {
   bool MatchGrowing(const TRegex* Regex, TDeadPrefix& Memo, UnicodeStringView Subject);
   TDeadPrefix _OpenDead;
   TDeadPrefix _AllowedDead;
+  // Whether the close pattern uses \G, as found for the close regex of serial _nGSerial.
+  std::uint64_t _nGSerial = 0;
+  bool _bGKnown = false;
+  bool _bCloseUsesG = false;
 };
 using TQUMAStreamedNodeDefinitionClass = TClassOf<TQUMAStreamedNodeDefinition>;
 
