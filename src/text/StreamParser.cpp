@@ -85,24 +85,28 @@ const TRegex* TQUMAStreamedNodeDefinition::Compiled(std::unique_ptr<TRegex>& Cac
 }
 
 const TRegex* TQUMAStreamedNodeDefinition::_GetOpenRegEx() {
+  if (_pRegOpen) return _pRegOpen.get();  // the common case, once per character
   TPerlRegExOptions options{preSingleLine};
   if (CaseInsensitiveOpen()) options.Include(preCaseLess);
   return Compiled(_pRegOpen, _szOpen, true, false, options, true);
 }
 
 const TRegex* TQUMAStreamedNodeDefinition::_GetCloseRegEx() {
+  if (_pRegClose) return _pRegClose.get();  // the common case, once per character
   TPerlRegExOptions options{preSingleLine};
   if (CaseInsensitiveClose()) options.Include(preCaseLess);
   return Compiled(_pRegClose, _szClose, false, true, options, true);
 }
 
 const TRegex* TQUMAStreamedNodeDefinition::_GetAllowedRegEx() {
+  if (_pRegAllowed) return _pRegAllowed.get();  // the common case, once per character
   TPerlRegExOptions options{preSingleLine};
   if (CaseInsensitiveContent()) options.Include(preCaseLess);
   return Compiled(_pRegAllowed, _szAllowed, false, false, options, true);
 }
 
 const TRegex* TQUMAStreamedNodeDefinition::_GetValidRegEx() {
+  if (_pRegValid) return _pRegValid.get();  // the common case, once per character
   TPerlRegExOptions options;
   if (AllowsMultiLineText()) options.Include(preSingleLine);
   if (CaseInsensitiveValid()) options.Include(preCaseLess);
@@ -192,10 +196,12 @@ TQUMAStreamedNode* TQUMAStreamedNodeDefinition::CreateNode(TQUMAStreamParser* pF
 
 bool TQUMAStreamedNodeDefinition::MatchGrowing(const TRegex* Regex, TDeadPrefix& Memo, UnicodeStringView Subject) {
   // (An empty text inspects nothing: its verdict says nothing about longer ones.)
-  if (!Regex->Anchored() || Subject.empty()) return Regex->Match(Subject, _Match);
-  if (Memo.Regex == Regex && StartsWith(Subject, Memo.Prefix) && Memo.Options == Regex->Options() &&
+  const bool growing = Regex->Anchored() && !Subject.empty();
+  if (growing && Memo.Regex == Regex && StartsWith(Subject, Memo.Prefix) && Memo.Options == Regex->Options() &&
       Same(Memo.Pattern, Regex->Pattern()))
     return false;
+  if (!Regex->MayMatchWithin(Subject)) return false;
+  if (!growing) return Regex->Match(Subject, _Match);
   // Soft partial mode finds the same complete match as a plain search, and tells a text that
   // may still grow into a match from one that never will.
   const TRegexMatchResult result = Regex->MatchSoftPartial(Subject, _Match);
@@ -413,6 +419,18 @@ void TQUMAStreamParser::RemoveNodeDefinition(TQUMAStreamedNodeDefinition* pNodeD
 }
 
 bool TQUMAStreamParser::Fetch(UnicodeString& Text, Integer& ByteCount) {
+  if (_pUtf8Memory && _pUtf8Memory == _pInput) {
+    const Int64 position = _pUtf8Memory->Position();
+    if (position >= 0 && position < _pUtf8Memory->Size()) {
+      const Byte b = _pUtf8Memory->Memory()[position];
+      if (b < 0x80) {
+        _pUtf8Memory->SetPosition(position + 1);
+        Text.assign(1, static_cast<char16_t>(b));
+        ByteCount = 1;
+        return true;
+      }
+    }
+  }
   WideChar c = 0;
   return _pInput && QUMAFetchEncodedCharacter(_pInput, _pEncoding, c, Text, ByteCount);
 }
@@ -490,13 +508,23 @@ bool TQUMAStreamParser::ParseStream(TStream* pInput, const TEncoding*) {
   if (!pInput) return false;
   struct TInputScope {
     TStream*& Input;
-    ~TInputScope() { Input = nullptr; }
-  } inputScope{_pInput};
+    TMemoryStream*& Memory;
+    ~TInputScope() {
+      Input = nullptr;
+      Memory = nullptr;
+    }
+  } inputScope{_pInput, _pUtf8Memory};
   _pInput = pInput;
   _pEncoding = nullptr;
   _nLineCount = 1;
   _nCharCount = 0;
   QUMAGetStreamEncoding(_pInput, _pEncoding, nullptr);
+  // Only the library's own classes: a derived stream may read something else than its memory.
+  const TClass inputClass = _pInput->ClassType();
+  if ((!_pEncoding || _pEncoding == TEncoding::UTF8()) &&
+      (inputClass == TMemoryStream::StaticClass() || inputClass == TBytesStream::StaticClass() ||
+       inputClass == TStringStream::StaticClass()))
+    _pUtf8Memory = static_cast<TMemoryStream*>(_pInput);
   _szBuffer.clear();
 
   auto fail = [this](UnicodeStringView Head) {

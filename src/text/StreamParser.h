@@ -372,6 +372,9 @@ class TQUMAStreamParser : public TQUMAReferencedPersistent {
   friend class TQUMAStreamedNodeDefinition;  // reads the character after an escape
   // Reads the next character of the input; false at its end.
   bool Fetch(UnicodeString& Text, Integer& ByteCount);
+  // The input while it is one of the library's memory streams holding UTF-8: an ASCII byte is
+  // then read straight from its memory, with the same result as decoding it.
+  TMemoryStream* _pUtf8Memory = nullptr;
   void Feed();
   void OpenNode();
   void FinishStream();
