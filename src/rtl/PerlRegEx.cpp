@@ -121,13 +121,17 @@ const UnicodeString& TRegex::Pattern() const noexcept { return FImpl->Pattern; }
 TPerlRegExOptions TRegex::Options() const noexcept { return FImpl->Options; }
 bool TRegex::Anchored() const noexcept { return FImpl->Anchored; }
 
+bool TRegex::HasRequiredUnit() const noexcept { return FImpl->Required >= 0; }
+
+bool TRegex::MayBeRequiredUnit(char16_t c) const noexcept {
+  if (FImpl->Required < 0 || c == FImpl->Required) return true;
+  return FImpl->RequiredFolds && (c == (FImpl->Required ^ 0x20) || c >= 0x80);
+}
+
 bool TRegex::MayMatchWithin(UnicodeStringView text) const noexcept {
   constexpr std::size_t kLongest = 64;  // beyond this the match itself is the cheaper test
   if (FImpl->Required < 0 || text.size() > kLongest) return true;
-  const auto unit = static_cast<char16_t>(FImpl->Required);
-  if (!FImpl->RequiredFolds) return text.find(unit) != UnicodeStringView::npos;
-  const auto other = static_cast<char16_t>(unit ^ 0x20);
-  return std::any_of(text.begin(), text.end(), [=](char16_t c) { return c == unit || c == other || c >= 0x80; });
+  return std::any_of(text.begin(), text.end(), [this](char16_t c) { return MayBeRequiredUnit(c); });
 }
 
 bool TRegex::Match(UnicodeStringView subject, TRegexMatch& m, std::size_t startOffset) const {

@@ -87,6 +87,9 @@ class TRegex {
   // False when no match can lie within text: it lacks a code unit that every match contains
   // (the last literal one PCRE2 found). True whenever that cannot be told cheaply.
   bool MayMatchWithin(UnicodeStringView text) const noexcept;
+  // Whether such a unit is known, and whether c may be it (true when none is known).
+  bool HasRequiredUnit() const noexcept;
+  bool MayBeRequiredUnit(char16_t c) const noexcept;
   Integer GroupCount() const noexcept;
   const UnicodeString& Pattern() const noexcept;
   TPerlRegExOptions Options() const noexcept;

@@ -124,6 +124,7 @@ void SetPattern(UnicodeString& Field, std::unique_ptr<TRegex>& Regex, const Unic
 void TQUMAStreamedNodeDefinition::_SetOpenMatch(const UnicodeString& Value) { SetPattern(_szOpen, _pRegOpen, Value); }
 void TQUMAStreamedNodeDefinition::_SetAllowedMatch(const UnicodeString& Value) {
   SetPattern(_szAllowed, _pRegAllowed, Value);
+  if (!_pRegAllowed) _AllowedAlone.fill(0);
 }
 void TQUMAStreamedNodeDefinition::_SetValidMatch(const UnicodeString& Value) { SetPattern(_szValid, _pRegValid, Value); }
 void TQUMAStreamedNodeDefinition::_SetCloseMatch(const UnicodeString& Value) {
@@ -146,6 +147,7 @@ void TQUMAStreamedNodeDefinition::_SetCaseInsensitiveClose(bool Value) {
 }
 void TQUMAStreamedNodeDefinition::_SetCaseInsensitiveContent(bool Value) {
   SetCaseOption(snd_CaseInsensitiveContent, Value, _pRegAllowed);
+  if (!_pRegAllowed) _AllowedAlone.fill(0);
 }
 void TQUMAStreamedNodeDefinition::_SetCaseInsensitiveValid(bool Value) {
   SetCaseOption(snd_CaseInsensitiveValid, Value, _pRegValid);
@@ -231,6 +233,78 @@ TQUMAStreamedNode* TQUMAStreamedNodeDefinition::TryMatchOpen(UnicodeString& szCa
   return node;
 }
 
+std::size_t TQUMAStreamedNodeDefinition::CloseResumeOffset(TQUMAStreamedNode* pNode, UnicodeStringView Subject,
+                                                           std::size_t ContentLength) {
+  // (\G ties a match to the start offset, so a pattern that uses it is always searched whole.)
+  if (!_bGKnown || _nGSerial != _nCloseSerial) {
+    _bCloseUsesG = _szClose.find(u"\\G") != UnicodeString::npos;
+    _nGSerial = _nCloseSerial;
+    _bGKnown = true;
+  }
+  const auto& scan = pNode->_CloseScan;
+  if (scan.Valid && scan.Serial == _nCloseSerial && ContentLength >= scan.ContentLength && !_bCloseUsesG &&
+      StartsWith(Subject.substr(std::min(scan.ContentLength, Subject.size())), scan.Tail))
+    return scan.Safe;
+  return 0;
+}
+
+std::size_t TQUMAStreamedNodeDefinition::TakeTextRun(TQUMAStreamedNode* pNode, const Byte* Bytes, std::size_t Count) {
+  // Only where every step is this class's own: an override may do anything with a character.
+  if (!pNode || pNode->_pDefinition != this || ClassType() != StaticClass() ||
+      pNode->ClassType() != TQUMAStreamedNode::StaticClass() || !AllowsContainedText() || !_szValid.empty())
+    return 0;
+  const TRegex* allowed = _GetAllowedRegEx();
+  if (!allowed) return 0;
+  const TRegex* close = _GetCloseRegEx();
+  if (close && !close->HasRequiredUnit()) return 0;
+  UnicodeString& content = pNode->_szContent;
+  auto& scan = pNode->_CloseScan;
+  const std::size_t original = content.size();
+  std::size_t start = 0;
+  std::size_t taken = 0;
+  for (; taken < Count; ++taken) {
+    const Byte b = Bytes[taken];
+    const auto c = static_cast<char16_t>(b);
+    if (b >= 0x80 || c == u'\r' || c == u'\n' || std::find(_caEscapes.begin(), _caEscapes.end(), c) != _caEscapes.end())
+      break;
+    if (close) {
+      // The close search a character would make finds nothing while the text from where it would
+      // resume lacks the required unit; past 64 units let that search run and move the resume on.
+      if (taken == 0) {
+        content.push_back(c);
+        start = CloseResumeOffset(pNode, content, original);
+        const bool may = close->MayMatchWithin(UnicodeStringView(content).substr(start));
+        content.pop_back();
+        if (may) break;
+      } else if (close->MayBeRequiredUnit(c) || content.size() + 1 - start > 64) {
+        break;
+      }
+    }
+    std::uint8_t& alone = _AllowedAlone[b];
+    if (alone == 0) {
+      try {
+        alone = allowed->Match(UnicodeStringView(&c, 1), _Match) && _Match.GroupOffset(0) == 0 &&
+                        _Match.GroupLength(0) == 1
+                    ? 1
+                    : 2;
+      } catch (const std::exception&) {
+        break;  // the character's own step meets the error and reports it
+      }
+    }
+    if (alone != 1) break;
+    content.push_back(c);
+  }
+  if (taken > 0 && close) {
+    // As the last character's own close search would have left it.
+    scan.Valid = true;
+    scan.Serial = _nCloseSerial;
+    scan.ContentLength = content.size() - 1;
+    scan.Tail.assign(1, content.back());
+    scan.Safe = start;
+  }
+  return taken;
+}
+
 bool TQUMAStreamedNodeDefinition::_CheckClose(UnicodeString& szCandidate, TQUMAStreamedNode* pCandidate) {
   const TRegex* close = _GetCloseRegEx();
   if (!close || !pCandidate) return false;
@@ -243,16 +317,7 @@ bool TQUMAStreamedNodeDefinition::_CheckClose(UnicodeString& szCandidate, TQUMAS
   // Resume where the previous search showed that no match can start earlier, if this subject
   // extends the one searched then.
   auto& scan = pCandidate->_CloseScan;
-  std::size_t start = 0;
-  // (\G ties a match to the start offset, so a pattern that uses it is always searched whole.)
-  if (!_bGKnown || _nGSerial != _nCloseSerial) {
-    _bCloseUsesG = _szClose.find(u"\\G") != UnicodeString::npos;
-    _nGSerial = _nCloseSerial;
-    _bGKnown = true;
-  }
-  if (scan.Valid && scan.Serial == _nCloseSerial && contentLength >= scan.ContentLength && !_bCloseUsesG &&
-      StartsWith(UnicodeStringView(subject).substr(std::min(scan.ContentLength, subject.size())), scan.Tail))
-    start = scan.Safe;
+  const std::size_t start = CloseResumeOffset(pCandidate, subject, contentLength);
   TRegexMatch& m = _Match;
   std::size_t safe = start;
   bool found = false;
@@ -541,6 +606,8 @@ bool TQUMAStreamParser::ParseStream(TStream* pInput, const TEncoding*) {
   };
   try {
     bool lineEnded = false;
+    // (A derived parser may treat each character its own way.)
+    const bool runs = ClassType() == StaticClass();
     UnicodeString szChar;
     Integer bytes = 0;
     while (_pInput->Position() < _pInput->Size()) {
@@ -548,6 +615,21 @@ bool TQUMAStreamParser::ParseStream(TStream* pInput, const TEncoding*) {
         ++_nLineCount;
         _nCharCount = 0;
         lineEnded = false;
+      }
+      if (runs && _szBuffer.empty() && _pUtf8Memory == _pInput) {
+        // Plain text for the open node: as many characters as its steps would take one by one.
+        TQUMAStreamedNode* node = CurrentNode();
+        const Int64 position = _pUtf8Memory->Position();
+        const Int64 size = _pUtf8Memory->Size();
+        if (node && node->Definition() && position >= 0 && position < size) {
+          const std::size_t taken = node->Definition()->TakeTextRun(
+              node, _pUtf8Memory->Memory() + position, static_cast<std::size_t>(size - position));
+          if (taken > 0) {
+            _pUtf8Memory->SetPosition(position + static_cast<Int64>(taken));
+            _nCharCount += static_cast<Integer>(taken);
+            continue;
+          }
+        }
       }
       if (!Fetch(szChar, bytes)) break;
       ++_nCharCount;

@@ -28,6 +28,7 @@
 // must match the whole node and is therefore re-run over it for every character.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -278,6 +279,16 @@ class TQUMAStreamedNodeDefinition : public TQUMAReferencedPersistent {
   bool MatchGrowing(const TRegex* Regex, TDeadPrefix& Memo, UnicodeStringView Subject);
   TDeadPrefix _OpenDead;
   TDeadPrefix _AllowedDead;
+  // Per ASCII unit, what the allowed regex makes of a candidate of that unit alone: 0 not known
+  // yet, 1 all of it is content, 2 anything else. Cleared whenever that regex is dropped.
+  std::array<std::uint8_t, 128> _AllowedAlone{};
+  // For TQUMAStreamParser::ParseStream: how many of Bytes (UTF-8) the per-character steps would
+  // add to pNode's content one at a time with no other effect than counting them: ASCII that is
+  // no line end and no escape, taken whole by the allowed regex while the close regex cannot
+  // match (a unit that every close match contains is missing). Adds them; 0 when it cannot tell.
+  std::size_t TakeTextRun(TQUMAStreamedNode* pNode, const Byte* Bytes, std::size_t Count);
+  // Where the close search for pNode may resume on Subject (its content and a candidate).
+  std::size_t CloseResumeOffset(TQUMAStreamedNode* pNode, UnicodeStringView Subject, std::size_t ContentLength);
   // Whether the close pattern uses \G, as found for the close regex of serial _nGSerial.
   std::uint64_t _nGSerial = 0;
   bool _bGKnown = false;
