@@ -131,7 +131,10 @@ bool TRegex::MayBeRequiredUnit(char16_t c) const noexcept {
 bool TRegex::MayMatchWithin(UnicodeStringView text) const noexcept {
   constexpr std::size_t kLongest = 64;  // beyond this the match itself is the cheaper test
   if (FImpl->Required < 0 || text.size() > kLongest) return true;
-  return std::any_of(text.begin(), text.end(), [this](char16_t c) { return MayBeRequiredUnit(c); });
+  const auto unit = static_cast<char16_t>(FImpl->Required);
+  if (!FImpl->RequiredFolds) return std::find(text.begin(), text.end(), unit) != text.end();
+  const auto lower = static_cast<char16_t>(unit | 0x20);  // (c | 0x20) == lower: either case
+  return std::any_of(text.begin(), text.end(), [=](char16_t c) { return (c | 0x20) == lower || c >= 0x80; });
 }
 
 bool TRegex::Match(UnicodeStringView subject, TRegexMatch& m, std::size_t startOffset) const {
