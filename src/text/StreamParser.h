@@ -25,7 +25,10 @@
 // Cost: the close pattern is matched against the node's content plus the new text after every
 // character; the search resumes where the previous one showed that no match can start earlier
 // (PCRE2 partial matching), so a long node costs time linear in its length. A valid pattern
-// must match the whole node and is therefore re-run over it for every character.
+// must match the whole node and is therefore re-run over it for every character. Work whose
+// outcome is already known is skipped (a text lacking a unit every match needs, an open pattern
+// that no longer can match the growing buffer, a run of plain text for the open node): the
+// results are always those of the character-by-character steps. docs/parsers.md has details.
 #pragma once
 
 #include <array>
