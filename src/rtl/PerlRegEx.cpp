@@ -1,6 +1,8 @@
 #define PCRE2_CODE_UNIT_WIDTH 16
 #include <pcre2.h>
 
+#include <algorithm>
+
 #include <quma/PerlRegEx.h>
 
 namespace quma {
@@ -56,6 +58,11 @@ struct TRegex::TImpl {
   uint32_t CaptureCount = 0;
   pcre2_match_context* Context = nullptr;
   bool JitComplete = false, JitPartial = false;  // which modes the JIT compiled
+  bool Anchored = false;
+  // A code unit every match contains (-1: none known) and whether its other case or a unit
+  // beyond ASCII (which may fold to it) counts as well.
+  int32_t Required = -1;
+  bool RequiredFolds = false;
   ~TImpl() {
     pcre2_match_context_free(Context);
     pcre2_code_free(Code);
@@ -83,11 +90,21 @@ TRegex::TRegex(UnicodeStringView pattern, TPerlRegExOptions options, const TRege
                                          UnicodeStringView(reinterpret_cast<const char16_t*>(buf))));
   }
   // Best effort; the interpreter serves otherwise.
-  if (pcre2_jit_compile(FImpl->Code, PCRE2_JIT_COMPLETE | (partial ? PCRE2_JIT_PARTIAL_HARD : 0)) == 0) {
+  if (pcre2_jit_compile(FImpl->Code, PCRE2_JIT_COMPLETE | (partial ? PCRE2_JIT_PARTIAL_HARD | PCRE2_JIT_PARTIAL_SOFT : 0)) == 0) {
     FImpl->JitComplete = true;
     FImpl->JitPartial = partial;
   }
   pcre2_pattern_info(FImpl->Code, PCRE2_INFO_CAPTURECOUNT, &FImpl->CaptureCount);
+  uint32_t all = 0;
+  pcre2_pattern_info(FImpl->Code, PCRE2_INFO_ALLOPTIONS, &all);
+  FImpl->Anchored = (all & PCRE2_ANCHORED) != 0;
+  uint32_t type = 0, unit = 0;
+  if (pcre2_pattern_info(FImpl->Code, PCRE2_INFO_LASTCODETYPE, &type) == 0 && type == 1 &&
+      pcre2_pattern_info(FImpl->Code, PCRE2_INFO_LASTCODEUNIT, &unit) == 0 && unit < 0x80) {
+    // PCRE2 does not say whether the unit is matched caselessly: a letter is taken as if it were.
+    FImpl->Required = static_cast<int32_t>(unit);
+    FImpl->RequiredFolds = (unit | 0x20) >= 'a' && (unit | 0x20) <= 'z';
+  }
   FImpl->Context = pcre2_match_context_create(nullptr);
   if (!FImpl->Context) throw ERegularExpressionError(u"Error while matching regular expression: no memory");
   pcre2_jit_stack_assign(FImpl->Context, JitStack, nullptr);
@@ -102,6 +119,23 @@ TRegex::~TRegex() = default;
 Integer TRegex::GroupCount() const noexcept { return static_cast<Integer>(FImpl->CaptureCount); }
 const UnicodeString& TRegex::Pattern() const noexcept { return FImpl->Pattern; }
 TPerlRegExOptions TRegex::Options() const noexcept { return FImpl->Options; }
+bool TRegex::Anchored() const noexcept { return FImpl->Anchored; }
+
+bool TRegex::HasRequiredUnit() const noexcept { return FImpl->Required >= 0; }
+
+bool TRegex::MayBeRequiredUnit(char16_t c) const noexcept {
+  if (FImpl->Required < 0 || c == FImpl->Required) return true;
+  return FImpl->RequiredFolds && (c == (FImpl->Required ^ 0x20) || c >= 0x80);
+}
+
+bool TRegex::MayMatchWithin(UnicodeStringView text) const noexcept {
+  constexpr std::size_t kLongest = 64;  // beyond this the match itself is the cheaper test
+  if (FImpl->Required < 0 || text.size() > kLongest) return true;
+  const auto unit = static_cast<char16_t>(FImpl->Required);
+  if (!FImpl->RequiredFolds) return std::find(text.begin(), text.end(), unit) != text.end();
+  const auto lower = static_cast<char16_t>(unit | 0x20);  // (c | 0x20) == lower: either case
+  return std::any_of(text.begin(), text.end(), [=](char16_t c) { return (c | 0x20) == lower || c >= 0x80; });
+}
 
 bool TRegex::Match(UnicodeStringView subject, TRegexMatch& m, std::size_t startOffset) const {
   return Run(subject, m, startOffset, 0) == mrMatch;
@@ -109,6 +143,10 @@ bool TRegex::Match(UnicodeStringView subject, TRegexMatch& m, std::size_t startO
 
 TRegexMatchResult TRegex::MatchPartial(UnicodeStringView subject, TRegexMatch& m, std::size_t startOffset) const {
   return Run(subject, m, startOffset, PCRE2_PARTIAL_HARD);
+}
+
+TRegexMatchResult TRegex::MatchSoftPartial(UnicodeStringView subject, TRegexMatch& m, std::size_t startOffset) const {
+  return Run(subject, m, startOffset, PCRE2_PARTIAL_SOFT);
 }
 
 TRegexMatchResult TRegex::Run(UnicodeStringView subject, TRegexMatch& m, std::size_t startOffset, uint32_t flags) const {

@@ -64,7 +64,7 @@ class TRegex {
  public:
   explicit TRegex(UnicodeStringView pattern, TPerlRegExOptions options = {});
   explicit TRegex(std::string_view pattern, TPerlRegExOptions options = {});
-  // With limits; Partial also prepares MatchPartial for the JIT.
+  // With limits; Partial also prepares MatchPartial and MatchSoftPartial for the JIT.
   TRegex(UnicodeStringView pattern, TPerlRegExOptions options, const TRegexLimits& limits, bool partial = false);
   TRegex(TRegex&&) noexcept;
   TRegex& operator=(TRegex&&) noexcept;
@@ -79,6 +79,17 @@ class TRegex {
   // mrPartial, none can start before the partial match. A caller that sees its subject grow can
   // therefore resume the search there instead of scanning the whole subject again.
   TRegexMatchResult MatchPartial(UnicodeStringView subject, TRegexMatch& m, std::size_t startOffset = 0) const;
+  // A match in PCRE2's soft partial mode: the same complete match as Match when there is one;
+  // otherwise mrPartial when an extension of the subject could match, mrNoMatch when none can.
+  TRegexMatchResult MatchSoftPartial(UnicodeStringView subject, TRegexMatch& m, std::size_t startOffset = 0) const;
+  // Whether every match must start at the start offset (a leading ^ in each alternative, say).
+  bool Anchored() const noexcept;
+  // False when no match can lie within text: it lacks a code unit that every match contains
+  // (the last literal one PCRE2 found). True whenever that cannot be told cheaply.
+  bool MayMatchWithin(UnicodeStringView text) const noexcept;
+  // Whether such a unit is known, and whether c may be it (true when none is known).
+  bool HasRequiredUnit() const noexcept;
+  bool MayBeRequiredUnit(char16_t c) const noexcept;
   Integer GroupCount() const noexcept;
   const UnicodeString& Pattern() const noexcept;
   TPerlRegExOptions Options() const noexcept;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <thread>
 
 #include <quma/IOUtils.h>
@@ -18,6 +19,13 @@ constexpr TRegexLimits kLimits{10'000'000, 250'000};
 bool Contains(const std::vector<TClass>& list, TClass cls) {
   return std::find(list.begin(), list.end(), cls) != list.end();
 }
+
+// memcmp: the character traits of char16_t compare one unit at a time.
+bool StartsWith(UnicodeStringView Text, UnicodeStringView Prefix) noexcept {
+  return Text.size() >= Prefix.size() && std::memcmp(Text.data(), Prefix.data(), Prefix.size() * sizeof(char16_t)) == 0;
+}
+
+bool Same(UnicodeStringView A, UnicodeStringView B) noexcept { return A.size() == B.size() && StartsWith(A, B); }
 
 UnicodeString After(const TRegexMatch& m) {
   return UnicodeString(m.Subject().substr(m.GroupOffset(0) + m.GroupLength(0)));
@@ -77,24 +85,28 @@ const TRegex* TQUMAStreamedNodeDefinition::Compiled(std::unique_ptr<TRegex>& Cac
 }
 
 const TRegex* TQUMAStreamedNodeDefinition::_GetOpenRegEx() {
+  if (_pRegOpen) return _pRegOpen.get();  // the common case, once per character
   TPerlRegExOptions options{preSingleLine};
   if (CaseInsensitiveOpen()) options.Include(preCaseLess);
-  return Compiled(_pRegOpen, _szOpen, true, false, options);
+  return Compiled(_pRegOpen, _szOpen, true, false, options, true);
 }
 
 const TRegex* TQUMAStreamedNodeDefinition::_GetCloseRegEx() {
+  if (_pRegClose) return _pRegClose.get();  // the common case, once per character
   TPerlRegExOptions options{preSingleLine};
   if (CaseInsensitiveClose()) options.Include(preCaseLess);
   return Compiled(_pRegClose, _szClose, false, true, options, true);
 }
 
 const TRegex* TQUMAStreamedNodeDefinition::_GetAllowedRegEx() {
+  if (_pRegAllowed) return _pRegAllowed.get();  // the common case, once per character
   TPerlRegExOptions options{preSingleLine};
   if (CaseInsensitiveContent()) options.Include(preCaseLess);
-  return Compiled(_pRegAllowed, _szAllowed, false, false, options);
+  return Compiled(_pRegAllowed, _szAllowed, false, false, options, true);
 }
 
 const TRegex* TQUMAStreamedNodeDefinition::_GetValidRegEx() {
+  if (_pRegValid) return _pRegValid.get();  // the common case, once per character
   TPerlRegExOptions options;
   if (AllowsMultiLineText()) options.Include(preSingleLine);
   if (CaseInsensitiveValid()) options.Include(preCaseLess);
@@ -112,6 +124,7 @@ void SetPattern(UnicodeString& Field, std::unique_ptr<TRegex>& Regex, const Unic
 void TQUMAStreamedNodeDefinition::_SetOpenMatch(const UnicodeString& Value) { SetPattern(_szOpen, _pRegOpen, Value); }
 void TQUMAStreamedNodeDefinition::_SetAllowedMatch(const UnicodeString& Value) {
   SetPattern(_szAllowed, _pRegAllowed, Value);
+  if (!_pRegAllowed) _AllowedAlone.fill(0);
 }
 void TQUMAStreamedNodeDefinition::_SetValidMatch(const UnicodeString& Value) { SetPattern(_szValid, _pRegValid, Value); }
 void TQUMAStreamedNodeDefinition::_SetCloseMatch(const UnicodeString& Value) {
@@ -134,6 +147,7 @@ void TQUMAStreamedNodeDefinition::_SetCaseInsensitiveClose(bool Value) {
 }
 void TQUMAStreamedNodeDefinition::_SetCaseInsensitiveContent(bool Value) {
   SetCaseOption(snd_CaseInsensitiveContent, Value, _pRegAllowed);
+  if (!_pRegAllowed) _AllowedAlone.fill(0);
 }
 void TQUMAStreamedNodeDefinition::_SetCaseInsensitiveValid(bool Value) {
   SetCaseOption(snd_CaseInsensitiveValid, Value, _pRegValid);
@@ -182,10 +196,30 @@ TQUMAStreamedNode* TQUMAStreamedNodeDefinition::CreateNode(TQUMAStreamParser* pF
   return node;
 }
 
+bool TQUMAStreamedNodeDefinition::MatchGrowing(const TRegex* Regex, TDeadPrefix& Memo, UnicodeStringView Subject) {
+  // (An empty text inspects nothing: its verdict says nothing about longer ones.)
+  const bool growing = Regex->Anchored() && !Subject.empty();
+  if (growing && Memo.Regex == Regex && StartsWith(Subject, Memo.Prefix) && Memo.Options == Regex->Options() &&
+      Same(Memo.Pattern, Regex->Pattern()))
+    return false;
+  if (!Regex->MayMatchWithin(Subject)) return false;
+  if (!growing) return Regex->Match(Subject, _Match);
+  // Soft partial mode finds the same complete match as a plain search, and tells a text that
+  // may still grow into a match from one that never will.
+  const TRegexMatchResult result = Regex->MatchSoftPartial(Subject, _Match);
+  if (result == mrNoMatch) {
+    Memo.Regex = Regex;
+    Memo.Pattern = Regex->Pattern();
+    Memo.Options = Regex->Options();
+    Memo.Prefix.assign(Subject);
+  }
+  return result == mrMatch;
+}
+
 TQUMAStreamedNode* TQUMAStreamedNodeDefinition::TryMatchOpen(UnicodeString& szCandidate, TQUMAStreamParser* pForParser) {
   const TRegex* open = _GetOpenRegEx();
   TRegexMatch& m = _Match;
-  if (!open || !open->Match(szCandidate, m)) return nullptr;
+  if (!open || !MatchGrowing(open, _OpenDead, szCandidate)) return nullptr;
   TQUMAStreamedNode* node = CreateNode(pForParser);
   node->_pDefinition = this;
   node->_szOpen.assign(m.Group(0));
@@ -197,6 +231,78 @@ TQUMAStreamedNode* TQUMAStreamedNodeDefinition::TryMatchOpen(UnicodeString& szCa
     else _CheckClose(szCandidate, node);
   }
   return node;
+}
+
+std::size_t TQUMAStreamedNodeDefinition::CloseResumeOffset(TQUMAStreamedNode* pNode, UnicodeStringView Subject,
+                                                           std::size_t ContentLength) {
+  // (\G ties a match to the start offset, so a pattern that uses it is always searched whole.)
+  if (!_bGKnown || _nGSerial != _nCloseSerial) {
+    _bCloseUsesG = _szClose.find(u"\\G") != UnicodeString::npos;
+    _nGSerial = _nCloseSerial;
+    _bGKnown = true;
+  }
+  const auto& scan = pNode->_CloseScan;
+  if (scan.Valid && scan.Serial == _nCloseSerial && ContentLength >= scan.ContentLength && !_bCloseUsesG &&
+      StartsWith(Subject.substr(std::min(scan.ContentLength, Subject.size())), scan.Tail))
+    return scan.Safe;
+  return 0;
+}
+
+std::size_t TQUMAStreamedNodeDefinition::TakeTextRun(TQUMAStreamedNode* pNode, const Byte* Bytes, std::size_t Count) {
+  // Only where every step is this class's own: an override may do anything with a character.
+  if (!pNode || pNode->_pDefinition != this || ClassType() != StaticClass() ||
+      pNode->ClassType() != TQUMAStreamedNode::StaticClass() || !AllowsContainedText() || !_szValid.empty())
+    return 0;
+  const TRegex* allowed = _GetAllowedRegEx();
+  if (!allowed) return 0;
+  const TRegex* close = _GetCloseRegEx();
+  if (close && !close->HasRequiredUnit()) return 0;
+  UnicodeString& content = pNode->_szContent;
+  auto& scan = pNode->_CloseScan;
+  const std::size_t original = content.size();
+  std::size_t start = 0;
+  std::size_t taken = 0;
+  for (; taken < Count; ++taken) {
+    const Byte b = Bytes[taken];
+    const auto c = static_cast<char16_t>(b);
+    if (b >= 0x80 || c == u'\r' || c == u'\n' || std::find(_caEscapes.begin(), _caEscapes.end(), c) != _caEscapes.end())
+      break;
+    if (close) {
+      // The close search a character would make finds nothing while the text from where it would
+      // resume lacks the required unit; past 64 units let that search run and move the resume on.
+      if (taken == 0) {
+        content.push_back(c);
+        start = CloseResumeOffset(pNode, content, original);
+        const bool may = close->MayMatchWithin(UnicodeStringView(content).substr(start));
+        content.pop_back();
+        if (may) break;
+      } else if (close->MayBeRequiredUnit(c) || content.size() + 1 - start > 64) {
+        break;
+      }
+    }
+    std::uint8_t& alone = _AllowedAlone[b];
+    if (alone == 0) {
+      try {
+        alone = allowed->Match(UnicodeStringView(&c, 1), _Match) && _Match.GroupOffset(0) == 0 &&
+                        _Match.GroupLength(0) == 1
+                    ? 1
+                    : 2;
+      } catch (const std::exception&) {
+        break;  // the character's own step meets the error and reports it
+      }
+    }
+    if (alone != 1) break;
+    content.push_back(c);
+  }
+  if (taken > 0 && close) {
+    // As the last character's own close search would have left it.
+    scan.Valid = true;
+    scan.Serial = _nCloseSerial;
+    scan.ContentLength = content.size() - 1;
+    scan.Tail.assign(1, content.back());
+    scan.Safe = start;
+  }
+  return taken;
 }
 
 bool TQUMAStreamedNodeDefinition::_CheckClose(UnicodeString& szCandidate, TQUMAStreamedNode* pCandidate) {
@@ -211,17 +317,12 @@ bool TQUMAStreamedNodeDefinition::_CheckClose(UnicodeString& szCandidate, TQUMAS
   // Resume where the previous search showed that no match can start earlier, if this subject
   // extends the one searched then.
   auto& scan = pCandidate->_CloseScan;
-  std::size_t start = 0;
-  // (\G ties a match to the start offset, so a pattern that uses it is always searched whole.)
-  if (scan.Valid && scan.Serial == _nCloseSerial && contentLength >= scan.ContentLength &&
-      _szClose.find(u"\\G") == UnicodeString::npos &&
-      subject.size() >= scan.ContentLength + scan.Tail.size() &&
-      subject.compare(scan.ContentLength, scan.Tail.size(), scan.Tail) == 0)
-    start = scan.Safe;
+  const std::size_t start = CloseResumeOffset(pCandidate, subject, contentLength);
   TRegexMatch& m = _Match;
-  std::size_t safe = 0;
+  std::size_t safe = start;
   bool found = false;
-  try {
+  // A text after start that lacks a unit every match contains cannot hold a match yet.
+  if (close->MayMatchWithin(UnicodeStringView(subject).substr(start))) try {
     const TRegexMatchResult probe = close->MatchPartial(subject, m, start);
     safe = probe == mrNoMatch ? subject.size() : std::min(m.GroupOffset(0), subject.size());
     // A hard partial result says where a match may start, not whether one ends here: the plain
@@ -294,7 +395,7 @@ bool TQUMAStreamedNodeDefinition::TryAccept(UnicodeString& szCandidate, TQUMAStr
     }
     if (!accepted) {
       const TRegex* allowed = _GetAllowedRegEx();
-      if (allowed && allowed->Match(szCandidate, m)) {
+      if (allowed && MatchGrowing(allowed, _AllowedDead, szCandidate)) {
         accepted = true;
         if (!valid) {
           pCandidate->_szContent += m.Group(0);  // an append keeps the close search's progress
@@ -383,6 +484,18 @@ void TQUMAStreamParser::RemoveNodeDefinition(TQUMAStreamedNodeDefinition* pNodeD
 }
 
 bool TQUMAStreamParser::Fetch(UnicodeString& Text, Integer& ByteCount) {
+  if (_pUtf8Memory && _pUtf8Memory == _pInput) {
+    const Int64 position = _pUtf8Memory->Position();
+    if (position >= 0 && position < _pUtf8Memory->Size()) {
+      const Byte b = _pUtf8Memory->Memory()[position];
+      if (b < 0x80) {
+        _pUtf8Memory->SetPosition(position + 1);
+        Text.assign(1, static_cast<char16_t>(b));
+        ByteCount = 1;
+        return true;
+      }
+    }
+  }
   WideChar c = 0;
   return _pInput && QUMAFetchEncodedCharacter(_pInput, _pEncoding, c, Text, ByteCount);
 }
@@ -460,13 +573,23 @@ bool TQUMAStreamParser::ParseStream(TStream* pInput, const TEncoding*) {
   if (!pInput) return false;
   struct TInputScope {
     TStream*& Input;
-    ~TInputScope() { Input = nullptr; }
-  } inputScope{_pInput};
+    TMemoryStream*& Memory;
+    ~TInputScope() {
+      Input = nullptr;
+      Memory = nullptr;
+    }
+  } inputScope{_pInput, _pUtf8Memory};
   _pInput = pInput;
   _pEncoding = nullptr;
   _nLineCount = 1;
   _nCharCount = 0;
   QUMAGetStreamEncoding(_pInput, _pEncoding, nullptr);
+  // Only the library's own classes: a derived stream may read something else than its memory.
+  const TClass inputClass = _pInput->ClassType();
+  if ((!_pEncoding || _pEncoding == TEncoding::UTF8()) &&
+      (inputClass == TMemoryStream::StaticClass() || inputClass == TBytesStream::StaticClass() ||
+       inputClass == TStringStream::StaticClass()))
+    _pUtf8Memory = static_cast<TMemoryStream*>(_pInput);
   _szBuffer.clear();
 
   auto fail = [this](UnicodeStringView Head) {
@@ -483,6 +606,8 @@ bool TQUMAStreamParser::ParseStream(TStream* pInput, const TEncoding*) {
   };
   try {
     bool lineEnded = false;
+    // (A derived parser may treat each character its own way.)
+    const bool runs = ClassType() == StaticClass();
     UnicodeString szChar;
     Integer bytes = 0;
     while (_pInput->Position() < _pInput->Size()) {
@@ -490,6 +615,21 @@ bool TQUMAStreamParser::ParseStream(TStream* pInput, const TEncoding*) {
         ++_nLineCount;
         _nCharCount = 0;
         lineEnded = false;
+      }
+      if (runs && _szBuffer.empty() && _pUtf8Memory == _pInput) {
+        // Plain text for the open node: as many characters as its steps would take one by one.
+        TQUMAStreamedNode* node = CurrentNode();
+        const Int64 position = _pUtf8Memory->Position();
+        const Int64 size = _pUtf8Memory->Size();
+        if (node && node->Definition() && position >= 0 && position < size) {
+          const std::size_t taken = node->Definition()->TakeTextRun(
+              node, _pUtf8Memory->Memory() + position, static_cast<std::size_t>(size - position));
+          if (taken > 0) {
+            _pUtf8Memory->SetPosition(position + static_cast<Int64>(taken));
+            _nCharCount += static_cast<Integer>(taken);
+            continue;
+          }
+        }
       }
       if (!Fetch(szChar, bytes)) break;
       ++_nCharCount;

@@ -25,9 +25,13 @@
 // Cost: the close pattern is matched against the node's content plus the new text after every
 // character; the search resumes where the previous one showed that no match can start earlier
 // (PCRE2 partial matching), so a long node costs time linear in its length. A valid pattern
-// must match the whole node and is therefore re-run over it for every character.
+// must match the whole node and is therefore re-run over it for every character. Work whose
+// outcome is already known is skipped (a text lacking a unit every match needs, an open pattern
+// that no longer can match the growing buffer, a run of plain text for the open node): the
+// results are always those of the character-by-character steps. docs/parsers.md has details.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -265,6 +269,33 @@ class TQUMAStreamedNodeDefinition : public TQUMAReferencedPersistent {
 
  private:
   friend class TQUMAStreamParser;
+  // A text that an anchored regex found neither a match in nor the start of one: no text that
+  // begins with it can match either, so the retries of a buffer that grows by one character at a
+  // time are answered without a regex call until the buffer is consumed.
+  struct TDeadPrefix {
+    const TRegex* Regex = nullptr;
+    UnicodeString Pattern;
+    TPerlRegExOptions Options;
+    UnicodeString Prefix;
+  };
+  // Regex->Match(Subject, _Match), with Memo remembering and answering dead prefixes.
+  bool MatchGrowing(const TRegex* Regex, TDeadPrefix& Memo, UnicodeStringView Subject);
+  TDeadPrefix _OpenDead;
+  TDeadPrefix _AllowedDead;
+  // Per ASCII unit, what the allowed regex makes of a candidate of that unit alone: 0 not known
+  // yet, 1 all of it is content, 2 anything else. Cleared whenever that regex is dropped.
+  std::array<std::uint8_t, 128> _AllowedAlone{};
+  // For TQUMAStreamParser::ParseStream: how many of Bytes (UTF-8) the per-character steps would
+  // add to pNode's content one at a time with no other effect than counting them: ASCII that is
+  // no line end and no escape, taken whole by the allowed regex while the close regex cannot
+  // match (a unit that every close match contains is missing). Adds them; 0 when it cannot tell.
+  std::size_t TakeTextRun(TQUMAStreamedNode* pNode, const Byte* Bytes, std::size_t Count);
+  // Where the close search for pNode may resume on Subject (its content and a candidate).
+  std::size_t CloseResumeOffset(TQUMAStreamedNode* pNode, UnicodeStringView Subject, std::size_t ContentLength);
+  // Whether the close pattern uses \G, as found for the close regex of serial _nGSerial.
+  std::uint64_t _nGSerial = 0;
+  bool _bGKnown = false;
+  bool _bCloseUsesG = false;
 };
 using TQUMAStreamedNodeDefinitionClass = TClassOf<TQUMAStreamedNodeDefinition>;
 
@@ -355,6 +386,9 @@ class TQUMAStreamParser : public TQUMAReferencedPersistent {
   friend class TQUMAStreamedNodeDefinition;  // reads the character after an escape
   // Reads the next character of the input; false at its end.
   bool Fetch(UnicodeString& Text, Integer& ByteCount);
+  // The input while it is one of the library's memory streams holding UTF-8: an ASCII byte is
+  // then read straight from its memory, with the same result as decoding it.
+  TMemoryStream* _pUtf8Memory = nullptr;
   void Feed();
   void OpenNode();
   void FinishStream();

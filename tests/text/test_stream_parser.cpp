@@ -157,6 +157,50 @@ TEST_F(StreamParserTest, FailuresNameLineCharacterAndNextCharacters) {
   EXPECT_EQ(Error(), last);
 }
 
+// A parser and a stream of classes of their own read every character one at a time: the
+// reference for the runs of text and bytes that the library's own classes take at once.
+class TOneByOneParser : public TQUMAStreamParser {
+  QUMA_CLASS(TOneByOneParser, TQUMAStreamParser)
+ public:
+  using TQUMAStreamParser::TQUMAStreamParser;
+};
+class TOneByOneStream : public TBytesStream {
+  QUMA_CLASS(TOneByOneStream, TBytesStream)
+ public:
+  using TBytesStream::TBytesStream;
+};
+
+TEST_F(StreamParserTest, TextRunsGiveWhatCharacterStepsGive) {
+  const auto run = [this](TQUMAStreamParser* parser, TStream* stream) {
+    for (auto* def : Parser->Definitions()->ToVector()) parser->AddNodeDefinition(def);
+    Rec->Events.clear();
+    const bool ok = parser->ParseStream(stream);
+    for (auto* def : parser->Definitions()->ToVector()) parser->RemoveNodeDefinition(def);
+    return std::to_string(ok) + Utf16ToUtf8(parser->ErrorMessage()) + "|" + ::testing::PrintToString(Rec->Events);
+  };
+  Add({u"b", u"<b>", u"</b>", u"^[^<]+", u"", kNested})->SetEscapes(u"\\");
+  Add({u"c", u"<!--", u"-->", u"^(?:-?[^-])+", u"", kNested});
+  Add({u"end", u"<e>", u"end", u"^[^<]+", u"", kTextRoot})->SetCaseInsensitiveClose(true);
+  const std::string many(200, 'a');
+  const std::string inputs[] = {
+      "<b>" + many + " x</b>",  "<b>a\\<c\\\\d</b>", "<b>x\r\ny\rz\n" + many + "</b>", "<b>" + many + "</bx</b>",
+      "<b>h\xC3\xA9llo w\xC3\xB6rld</b>", "<!-- a-b - c --><b>" + many + "<!--" + many + "--></b>",
+      "<e>" + many + "abcEnD", "<b>" + many + "\n" + many + "</b>?" + many, "<b>" + many,
+  };
+  for (const std::string& input : inputs) {
+    auto fast = MakeObject<TQUMAStreamParser>();
+    auto slow = MakeObject<TOneByOneParser>();
+    auto fastStream = MakeObject<TStringStream>(input);
+    auto slowStream = MakeObject<TOneByOneStream>(TBytes(input.begin(), input.end()));
+    EXPECT_EQ(run(fast.get(), fastStream.get()), run(slow.get(), slowStream.get())) << input;
+  }
+  // A close whose letters may come in either case ends a run of text.
+  auto parser = MakeObject<TQUMAStreamParser>();
+  auto stream = MakeObject<TStringStream>(std::string_view("<e>xyzEnD"));
+  EXPECT_EQ(run(parser.get(), stream.get()).front(), '1');
+  EXPECT_EQ(Rec->Events, (std::vector<std::string>{"open:end:<e>", "close:end:<e>xyzEnD"}));
+}
+
 TEST_F(StreamParserTest, EveryLineEndFormBecomesTheNormalisedOne) {
   Parser->SetNormalisedLineEnd(u"|");
   Add({u"line", u"[a-z]\\|", u"", u"", u"", kRoot});
