@@ -50,6 +50,8 @@ SEEDS = {
                            b"\x07;" + SEP + b" \t" + SEP + b"^" + SEP + b"[]{}" + SEP + b"[a{b;c}]^] x"],
     "fuzz_stream_parser": [b"<a> hi <b>x</b></a>\n", b"<!-- c - d --><a></a>", b"\xef\xbb\xbf<a>\xc3\xa9</a>",
                            "\ufeff<a>x</a>\n".encode("utf-16-le"), b"<a>\\<b</a>", b"<a><b></a>", b"text"],
+    "fuzz_property_reader": [b"Count = 3\nCaption = 'hello'\nFlag = True\nInner.Scale = 2.5\nExtra = 7\n",
+                             b"Caption = 'it''s'\n", b"Count = x\n", b"Inner.Scale = 1e999\n", b"Nope = 1\n"],
 }
 
 
