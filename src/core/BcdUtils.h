@@ -2,6 +2,8 @@
 // with a decimal exponent, a long division, and a tolerant conversion from text.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <string_view>
 
 #include <quma/FmtBcd.h>
@@ -9,6 +11,7 @@
 #include <quma/SysUtils.h>
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 inline constexpr char16_t SBcdDivideByZero[] = u"Divide by Zero";
@@ -38,3 +41,4 @@ void QUMA_BcdFromString(std::string_view Text, TBcd& Result);
 void QUMA_BcdFromString(std::string_view Text, TBcd& Result, const TFormatSettings& Settings);
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -2,11 +2,14 @@
 // callback shapes, a three-valued answer and the self-returning interface.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <quma/Method.h>
 #include <quma/Object.h>
 #include <quma/SysUtils.h>
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 class TCollectionItem;
@@ -80,3 +83,4 @@ struct IQUMASelfReturning : IInterface {
 };
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -2,6 +2,8 @@
 // bound-callback test and a character count.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <exception>
 #include <memory>
 #include <type_traits>
@@ -10,6 +12,7 @@
 #include <quma/Method.h>
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 namespace detail {
@@ -137,3 +140,4 @@ TUpdateScope<T> UpdateScope(T& target) {
 }
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -6,10 +6,13 @@
 // decrement are atomic, BeginUpdate and the interface count are not.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <quma/Classes.h>
 #include <quma/CoreUtils.h>
 #include <quma/Method.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 enum class TQUMAPropertySetOption { psoInterfaceCounted, psoInterfaceDestroying };
@@ -113,3 +116,4 @@ class TQUMAPropertySet : public TPersistent, public IInterface {
 using TQUMAPropertySetClass = TClassOf<TQUMAPropertySet>;
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -16,11 +16,14 @@
 // the event is not shared.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <quma/Generics.h>
 #include <quma/Method.h>
 #include <quma/Object.h>
 #include <quma/Threads.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 class TQUMABroadcastEvent : public TList<TNotifyEvent> {
@@ -69,3 +72,4 @@ class TQUMABroadcastEvent : public TList<TNotifyEvent> {
 };
 
 }  // namespace quma
+QUMA_PUBLIC_END

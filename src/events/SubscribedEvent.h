@@ -23,6 +23,8 @@
 //   OnUnblocked or CallbackObject is part of setting the event up, before it is shared.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <atomic>
 #include <cstddef>
 #include <exception>
@@ -36,6 +38,7 @@
 #include <quma/Monitor.h>
 #include <quma/Object.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 // A list of notification callbacks. Searches by value (Contains, IndexOf, Remove) use the
@@ -378,3 +381,4 @@ class [[nodiscard]] TQUMAScopedBlock {
 };
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -17,6 +17,8 @@
 //   handler that frees the list outright stops the notification right there.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <utility>
 #include <vector>
 
@@ -24,6 +26,7 @@
 #include <quma/SubscribedEvent.h>
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 enum class TQUMASubscribedListFlags { _slfInCallbacks, _slfDeleteAfterCallbacks };
@@ -184,3 +187,4 @@ class TQUMASubscribedList : public TList<T> {
 };
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -11,6 +11,8 @@
 // thread (the length is re-read before every call) while other threads wait.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <cstddef>
 #include <vector>
 
@@ -19,6 +21,7 @@
 #include <quma/Object.h>
 #include <quma/Uuid.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 using TQUMASingleUuidCallback = TMethod<void(const TQUMA_Uuid& uuid)>;
@@ -105,3 +108,4 @@ class TQUMADoubleUuidConfirmationList : public TQUMAUuidCallbackArray<TQUMADoubl
 };
 
 }  // namespace quma
+QUMA_PUBLIC_END

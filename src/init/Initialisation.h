@@ -26,6 +26,8 @@
 // the module list, the start-up hook and the library entry.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <span>
 #include <vector>
 
@@ -34,6 +36,7 @@
 #include <quma/System.h>
 #include <quma/Uuid.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 class TQUMAInitialisationUnit;
@@ -242,3 +245,4 @@ enum TQUMAUnitSectionOrder : int {
   [[gnu::destructor(Order), gnu::used]] static void QUMA_UNIT_SECTION_NAME(QUMAUnitFinal_, Order)() { Finalisation(); }
 
 }  // namespace quma
+QUMA_PUBLIC_END

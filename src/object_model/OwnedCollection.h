@@ -5,10 +5,13 @@
 //   TColumn* c = columns.Add();
 #pragma once
 
+#include <quma/Export.h>
+
 #include <type_traits>
 
 #include <quma/Collection.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 template <class T>
@@ -26,3 +29,4 @@ class TQUMAOwnedCollection : public TOwnedCollection {
 };
 
 }  // namespace quma
+QUMA_PUBLIC_END

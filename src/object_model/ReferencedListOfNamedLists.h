@@ -6,10 +6,13 @@
 // ignored).
 #pragma once
 
+#include <quma/Export.h>
+
 #include <utility>
 
 #include <quma/ReferencedPersistent.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 template <class T>
@@ -56,3 +59,4 @@ class TQUMAReferencedListOfNamedLists : public TQUMAReferencedList<TQUMANamedRef
 };
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -23,6 +23,8 @@
 // at a time (only the live-object registry behind QUMAIsFreed is shared and locked).
 #pragma once
 
+#include <quma/Export.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <iterator>
@@ -41,6 +43,7 @@
 #include <quma/SubscribedGenerics.h>
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 class TQUMAReferencedPersistent;
@@ -942,3 +945,4 @@ class TQUMAOpportunisticReferencingStringList : public TStringList, public detai
 };
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -6,8 +6,11 @@
 //   TJob* top = jobs->Pop();                      // null when losing the lock freed it
 #pragma once
 
+#include <quma/Export.h>
+
 #include <quma/ReferencedPersistent.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 template <class T>
@@ -33,3 +36,4 @@ class TQUMAReferencedPersistentStack : public TQUMAReferencedList<T> {
 };
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -14,11 +14,14 @@
 // TQUMASubscribedEvent (locked), blocking does not.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <quma/CoreUtils.h>
 #include <quma/PropertySet.h>
 #include <quma/ReferencedPersistent.h>
 #include <quma/SubscribedEvent.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 class TQUMAReferencedPropertySet : public TQUMAReferencedPersistent {
@@ -78,3 +81,4 @@ class TQUMAReferencedPropertySet : public TQUMAReferencedPersistent {
 using TQUMAReferencedPropertySetClass = TClassOf<TQUMAReferencedPropertySet>;
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -16,11 +16,14 @@
 // Threading: none; a swap runs on the one thread that all objects involved belong to.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <quma/ReferencedPersistent.h>
 #include <quma/SubscribedEvent.h>
 
 #include <vector>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 class TQUMAUniquePersistent;
@@ -109,3 +112,4 @@ class TQUMAOpportunisticUniqueStringList : public TQUMAOpportunisticReferencingS
 };
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -6,12 +6,15 @@
 // that it is going away.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <vector>
 
 #include <quma/Generics.h>
 #include <quma/Object.h>
 #include <quma/SysUtils.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 enum class TOperation { opInsert, opRemove };
@@ -120,3 +123,4 @@ using TComponentClass = TClassOf<TComponent>;
 class TCollectionItem;
 
 }  // namespace quma
+QUMA_PUBLIC_END

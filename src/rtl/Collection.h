@@ -6,12 +6,15 @@
 //   quma::Free(item);                                  // leaves the collection
 #pragma once
 
+#include <quma/Export.h>
+
 #include <vector>
 
 #include <quma/Classes.h>
 #include <quma/Generics.h>
 #include <quma/Object.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 class TCollection;
@@ -109,3 +112,4 @@ class TOwnedCollection : public TCollection {
 };
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -4,6 +4,8 @@
 // 1 January 0001 to 31 December 9999; times resolve to the millisecond.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <chrono>
 #include <cstdint>
 #include <string>
@@ -13,6 +15,7 @@
 #include <quma/SysUtils.h>
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 using TDateTime = double;
@@ -110,3 +113,4 @@ UnicodeString FormatDateTime(UnicodeStringView Pattern, TDateTime Value, const T
 UnicodeString FormatDateTime(UnicodeStringView Pattern, TDateTime Value);
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -7,9 +7,12 @@
 // ("Unicode (UTF-8)", 65001). Default is UTF-8, the platform's text encoding.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <quma/Object.h>
 #include <quma/SysUtils.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 inline constexpr char16_t SNoMappingForUnicode[] =
@@ -149,3 +152,4 @@ class TANSIEncoding : public TSingleByteEncoding {
 };
 
 }  // namespace quma
+QUMA_PUBLIC_END

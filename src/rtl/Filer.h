@@ -22,6 +22,8 @@
 // restoring assignments) and raises EReadError "Line <n>, property <name>: <reason>".
 #pragma once
 
+#include <quma/Export.h>
+
 #include <algorithm>
 #include <functional>
 #include <limits>
@@ -38,6 +40,7 @@
 #include <quma/SysUtils.h>
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 // Errors are the streams' EReadError and EWriteError.
@@ -213,3 +216,4 @@ UnicodeString WritePropertiesToText(TPersistent* Instance);
 void ReadPropertiesFromText(TPersistent* Instance, UnicodeStringView Text);
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -5,6 +5,8 @@
 // by every reader and written as zero.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <array>
 #include <compare>
 
@@ -12,6 +14,7 @@
 #include <quma/SysUtils.h>
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 struct TBcd {
@@ -86,3 +89,4 @@ inline TBcd operator-(const TBcd& A, const TBcd& B) {
 }
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -3,6 +3,8 @@
 // installed on the machine. Also the host-style float <-> text conversions that honour them.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <array>
 #include <string>
 #include <string_view>
@@ -10,6 +12,7 @@
 #include <quma/SysUtils.h>
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 // The English names every fixed table shares. Index 0 is January / Sunday.
@@ -91,3 +94,4 @@ bool TryStrToFloat(UnicodeStringView S, double& Value, const TFormatSettings& Se
 inline constexpr char16_t SInvalidFloat[] = u"'%s' is not a valid floating point value";
 
 }  // namespace quma
+QUMA_PUBLIC_END

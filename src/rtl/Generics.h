@@ -6,6 +6,8 @@
 // has gone.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <algorithm>
 #include <compare>
 #include <functional>
@@ -20,6 +22,7 @@
 #include <quma/Object.h>
 #include <quma/SysUtils.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 // The host collection notification values, in the host's order.
@@ -410,3 +413,4 @@ class TStack : public TObject {
 };
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -9,6 +9,8 @@
 // the object half is always the TObject address, whichever base declared the member function.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <compare>
 #include <cstdint>
 #include <functional>
@@ -17,6 +19,7 @@
 
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 class TObject;
@@ -129,3 +132,4 @@ struct std::hash<quma::TMethod<Sig>> {
     return std::hash<quma::NativeUInt>()(m.DataAddress() * 31u ^ m.CodeAddress());
   }
 };
+QUMA_PUBLIC_END

@@ -2,6 +2,8 @@
 // one lazily (TMonitor), and TAtomic gives the host's locked increments and decrements.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -11,6 +13,7 @@
 #include <quma/SysUtils.h>
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 // Recursive mutex: the owning thread may enter again; each Enter needs one Leave. Uncontended
@@ -125,3 +128,4 @@ bool AtomicCmpExchange(T& target, T newValue, T comparand) noexcept {
 }
 
 }  // namespace quma
+QUMA_PUBLIC_END

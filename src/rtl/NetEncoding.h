@@ -10,6 +10,8 @@
 // encoders keep no state) and are freed when the library unloads.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <atomic>
 #include <cstdint>
 #include <initializer_list>
@@ -20,6 +22,7 @@
 #include <quma/Object.h>
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 // A set over the 256 8-bit character values.
@@ -186,3 +189,4 @@ class TURLEncoding : public TNetEncoding {
 };
 
 }  // namespace quma
+QUMA_PUBLIC_END

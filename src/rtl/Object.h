@@ -11,6 +11,8 @@
 // those arguments (inheriting constructors is enough) can then be created through its class.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <atomic>
 #include <memory>
 #include <tuple>
@@ -20,6 +22,7 @@
 
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 class TObject;
@@ -253,3 +256,4 @@ Base* TClassInfo::Create(A&&... args) const {
 }
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -5,6 +5,8 @@
 // groups, the text around a match and replace-all.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -14,6 +16,7 @@
 #include <quma/SysUtils.h>
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 enum class TPerlRegExOption { preCaseLess, preMultiLine, preSingleLine, preExtended, preAnchored, preUnGreedy, preNoAutoCapture };
@@ -156,3 +159,4 @@ class TPerlRegEx : public TObject {
 };
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -3,8 +3,11 @@
 // cryptographic source.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 // Seeds the general generator from the system's random source. Thread-safe.
@@ -22,3 +25,4 @@ double Random() noexcept;
 HRESULT CreateGUID(TGUID& Guid) noexcept;
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -3,8 +3,11 @@
 // They carry only what the wider geometry values (<quma/Types.h>) convert to and from.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <cstdint>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 struct TPoint {
@@ -71,3 +74,4 @@ enum class TVertRectAlign { Center, Top, Bottom };
 enum class TSplitRectType { Left, Right, Top, Bottom };
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -1,8 +1,11 @@
 // Phonetic coding of the runtime base layer.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 // The host Soundex: the first character upper-cased (ASCII letters only), then the digit of every
@@ -13,3 +16,4 @@ namespace quma {
 UnicodeString Soundex(UnicodeStringView Text, Integer Length = 4);
 
 }  // namespace quma
+QUMA_PUBLIC_END

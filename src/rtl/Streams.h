@@ -2,12 +2,15 @@
 // streams, byte and string streams, and file streams.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <cstdio>
 #include <string_view>
 
 #include <quma/Object.h>
 #include <quma/SysUtils.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 class TEncoding;
@@ -123,3 +126,4 @@ class TFileStream : public TStream {
 };
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -18,6 +18,8 @@
 // sorted list "Operation not allowed on sorted list".
 #pragma once
 
+#include <quma/Export.h>
+
 #include <functional>
 #include <span>
 #include <string_view>
@@ -28,6 +30,7 @@
 #include <quma/Object.h>
 #include <quma/SysUtils.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 class TEncoding;
@@ -270,3 +273,4 @@ class TStringList : public TStrings {
 };
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -2,6 +2,8 @@
 // mapping of the host runtime, integer text conversion and a printf-like Format.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -10,6 +12,7 @@
 
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 // UTF-8 <-> UTF-16. Malformed input (bad UTF-8 sequences, lone surrogates) becomes U+FFFD, so a
@@ -91,3 +94,4 @@ UnicodeString Format(UnicodeStringView fmt, const A&... args) {
 }
 
 }  // namespace quma
+QUMA_PUBLIC_END

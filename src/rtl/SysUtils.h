@@ -2,6 +2,8 @@
 // gives the same text in UTF-8. Each class reports its own name through ClassName().
 #pragma once
 
+#include <quma/Export.h>
+
 #include <exception>
 #include <string>
 #include <string_view>
@@ -9,6 +11,7 @@
 #include <quma/Strings.h>
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 class Exception : public std::exception {
@@ -80,3 +83,4 @@ inline constexpr char16_t SItemNotFound[] = u"Item not found";
 inline constexpr char16_t SUnbalancedOperation[] = u"Unbalanced stack or queue operation";
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -2,6 +2,8 @@
 // buffers, small enumeration sets, GUIDs and the reference-counted interface model.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <bitset>
 #include <cstddef>
 #include <cstdint>
@@ -15,6 +17,7 @@
 #define QUMA_U16_LITERAL(s) u##s
 #define QUMA_U16_STRINGIFY(x) QUMA_U16_LITERAL(#x)
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 using ShortInt = std::int8_t;
@@ -168,3 +171,4 @@ class TInterfacePtr {
 };
 
 }  // namespace quma
+QUMA_PUBLIC_END

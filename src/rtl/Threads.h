@@ -26,6 +26,8 @@
 //   dropped.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -39,6 +41,7 @@
 #include <quma/Object.h>
 #include <quma/SysUtils.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 using TThreadMethod = TMethod<void()>;
@@ -191,3 +194,4 @@ Cardinal DurationToMilliseconds(std::chrono::duration<Rep, Period> d) noexcept {
 }
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -4,6 +4,8 @@
 // bytes with arbitrary bounds. Variants copy by value (arrays are copied deeply).
 #pragma once
 
+#include <quma/Export.h>
+
 #include <span>
 #include <string>
 #include <string_view>
@@ -12,6 +14,7 @@
 #include <quma/SysUtils.h>
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 using TVarType = Word;
@@ -92,7 +95,7 @@ class Variant {
   // Changes the bounds, keeping the elements that stay in range; refused while locked.
   void ArrayRedim(Integer highBound);
 
-  friend bool operator==(const Variant& a, const Variant& b) noexcept;
+  friend QUMA_API bool operator==(const Variant& a, const Variant& b) noexcept;
 
  private:
   struct TByteArray {
@@ -142,3 +145,4 @@ inline void* VarArrayLock(Variant& v) { return v.ArrayLock(); }
 inline void VarArrayUnlock(Variant& v) { v.ArrayUnlock(); }
 
 }  // namespace quma
+QUMA_PUBLIC_END

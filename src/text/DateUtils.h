@@ -16,6 +16,8 @@
 //   - the XML reader returns 0 without error for a text in none of its three layouts.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <string>
 #include <string_view>
 
@@ -23,6 +25,7 @@
 #include <quma/SysUtils.h>
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 inline constexpr char16_t SUnableToConvertPrefix[] = u"Unable to convert \"";
@@ -79,3 +82,4 @@ TDateTime RFC5322DateToLocalTime(std::string_view Text);
 TDateTime XMLDateToLocalTime(std::string_view Text);
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -10,12 +10,15 @@
 // start-up, but a reader-writer lock makes it safe at any time.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 // Stores folder under token (wrapped in "{:" and ":}" unless it already starts or ends with
@@ -61,3 +64,4 @@ void QUMARegisterStandardFolderNames(const TQUMAFolderEnvironment& Env);
 void QUMAClearFolderNameEncodings();
 
 }  // namespace quma
+QUMA_PUBLIC_END

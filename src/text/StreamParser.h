@@ -31,6 +31,8 @@
 // results are always those of the character-by-character steps. docs/parsers.md has details.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <array>
 #include <cstdint>
 #include <memory>
@@ -42,6 +44,7 @@
 #include <quma/ReferencedPersistent.h>
 #include <quma/Streams.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 // Structural errors found in the stream.
@@ -395,3 +398,4 @@ class TQUMAStreamParser : public TQUMAReferencedPersistent {
 };
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -14,6 +14,8 @@
 // fed. Parsing never fails: stray closing characters are dropped and unclosed groups stay open.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <string_view>
 #include <vector>
 
@@ -22,6 +24,7 @@
 #include <quma/Object.h>
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 namespace detail {
@@ -293,3 +296,4 @@ class TQUMAStringParser : public TObject {
 };
 
 }  // namespace quma
+QUMA_PUBLIC_END

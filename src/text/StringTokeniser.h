@@ -11,6 +11,8 @@
 // character; empty tokens ignored and enclosing quotes removed.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <span>
 #include <string>
 #include <string_view>
@@ -19,6 +21,7 @@
 #include <quma/Object.h>
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 namespace detail {
@@ -131,3 +134,4 @@ class TQUMAStringTokeniser : public TObject {
 using TQUMAStringTokeniserClass = TClassOf<TQUMAStringTokeniser>;
 
 }  // namespace quma
+QUMA_PUBLIC_END

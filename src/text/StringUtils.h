@@ -3,6 +3,8 @@
 // single-precision rectangles, and two fixed number-format settings for locale-independent text.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <initializer_list>
 #include <string>
 #include <string_view>
@@ -14,6 +16,7 @@
 #include <quma/SysUtils.h>
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 // Raised by the UTF-8 reader of UTF8CompareStr, with "expected byte not found" (the text ends
@@ -87,3 +90,4 @@ UnicodeString RectToString(const TRectF& R);
 TRectF StringToRect(UnicodeStringView S) noexcept;
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -13,6 +13,8 @@
 // Due times come from TThread::GetTickCount64, which tests replace (SetTickSource).
 #pragma once
 
+#include <quma/Export.h>
+
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -21,6 +23,7 @@
 #include <quma/Method.h>
 #include <quma/Threads.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 namespace detail {
@@ -111,3 +114,4 @@ class TQUMADeferredDisposalThread : public TThread {
 };
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -10,6 +10,8 @@
 // never under its lock.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -18,6 +20,7 @@
 #include <quma/Object.h>
 #include <quma/Threads.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 namespace detail {
@@ -112,3 +115,4 @@ void QUMAQueueForegroundCallback(TNotifyEvent fnCallback, TObject* pPayload, std
 void FinalizeForegroundSync();
 
 }  // namespace quma
+QUMA_PUBLIC_END

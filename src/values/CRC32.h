@@ -8,6 +8,8 @@
 // Every trailing nCRC defaults to 0xFFFFFFFF, the start of a standard checksum.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <concepts>
@@ -16,6 +18,7 @@
 
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 inline constexpr Cardinal QUMACRC32Start = 0xFFFFFFFFu;
@@ -118,3 +121,4 @@ Cardinal CRC32CWithKernel(TCRC32CKernel Kernel, const void* pData, Cardinal nLen
 const Cardinal* CRC32CTable() noexcept;
 
 }  // namespace quma
+QUMA_PUBLIC_END

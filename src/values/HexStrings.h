@@ -2,12 +2,15 @@
 // and the reverse, which ignores white space and rejects anything that is not a hex digit.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <span>
 #include <string>
 #include <string_view>
 
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 // The three texts HexStringToBytes raises EConvertError with. Validation runs over the whole
@@ -56,3 +59,4 @@ inline TBytes HexStringToBytes(std::string_view text) {
 }
 
 }  // namespace quma
+QUMA_PUBLIC_END

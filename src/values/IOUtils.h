@@ -2,9 +2,12 @@
 // character at a time in a given encoding (the stream parser's input).
 #pragma once
 
+#include <quma/Export.h>
+
 #include <quma/Encoding.h>
 #include <quma/Streams.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 // Detects the byte-order mark at the start of Stream. With Encoding null on entry it is set to
@@ -23,3 +26,4 @@ bool QUMAFetchEncodedCharacter(TStream* Stream, const TEncoding* Encoding, WideC
                                Integer& ByteCount);
 
 }  // namespace quma
+QUMA_PUBLIC_END

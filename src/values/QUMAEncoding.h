@@ -8,11 +8,14 @@
 // registers.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <functional>
 
 #include <quma/Encoding.h>
 #include <quma/StringList.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 // The registry's key: a UTF-16 name of its own type, compared exactly (case-sensitive).
@@ -39,3 +42,4 @@ Integer QUMAGetRegisteredEncodings(TStrings* Strings);
 
 template <>
 struct std::hash<quma::TQUMAEncodingName> : std::hash<quma::UnicodeString> {};
+QUMA_PUBLIC_END

@@ -8,12 +8,15 @@
 // (The header is named after its classes because NetEncoding.h is the runtime's own unit.)
 #pragma once
 
+#include <quma/Export.h>
+
 #include <atomic>
 #include <string>
 #include <string_view>
 
 #include <quma/NetEncoding.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 class TQUMABase32Encoding;
@@ -87,3 +90,4 @@ class TQUMAURLEncoding : public TURLEncoding {
 };
 
 }  // namespace quma
+QUMA_PUBLIC_END

@@ -6,6 +6,8 @@
 //   auto same = TQUMASHA1::Hash(p, n);     // one call
 #pragma once
 
+#include <quma/Export.h>
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -13,6 +15,7 @@
 
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 class TQUMASHA1 {
@@ -39,3 +42,4 @@ class TQUMASHA1 {
 };
 
 }  // namespace quma
+QUMA_PUBLIC_END

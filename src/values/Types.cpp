@@ -10,6 +10,8 @@
 #include <quma/StringUtils.h>
 #include <quma/SysUtils.h>
 
+
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 namespace detail {
@@ -494,7 +496,8 @@ std::ostream& operator<<(std::ostream& os, const TRectT<T>& R) {
   return os << Utf16ToUtf8(RectToString(R));
 }
 
-// Every member and free function exists for exactly the two coordinate kinds.
+// Every member and free function exists for exactly the two coordinate kinds; the instances are
+// part of the library's interface (hence the default visibility of this whole file).
 #define QUMA_INSTANTIATE_GEOMETRY(T)                                                     \
   template struct TPointT<T>;                                                            \
   template struct TSizeT<T>;                                                             \
@@ -510,3 +513,4 @@ QUMA_INSTANTIATE_GEOMETRY(Int64)
 #undef QUMA_INSTANTIATE_GEOMETRY
 
 }  // namespace quma
+QUMA_PUBLIC_END

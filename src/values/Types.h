@@ -17,6 +17,8 @@
 // the standard library in use has no <format>, so ToString stands in for std::formatter.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <array>
 #include <cmath>
 #include <concepts>
@@ -33,6 +35,7 @@
 #include <quma/Strings.h>
 #include <quma/System.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 // The host's single-precision comparison tolerance: differences up to it count as equal.
@@ -619,3 +622,4 @@ struct std::hash<quma::TRectT<T>> {
     return quma::detail::HashCoordinates<T>({R.Left, R.Top, R.Right, R.Bottom});
   }
 };
+QUMA_PUBLIC_END

@@ -10,6 +10,8 @@
 // std::hash<TQUMA_Uuid> make the type usable as a key of the standard containers.
 #pragma once
 
+#include <quma/Export.h>
+
 #include <array>
 #include <compare>
 #include <concepts>
@@ -23,6 +25,7 @@
 #include <quma/System.h>
 #include <quma/Variants.h>
 
+QUMA_PUBLIC_BEGIN
 namespace quma {
 
 // Texts raised as EConvertError (EArgumentOutOfRangeException for the node index).
@@ -215,12 +218,12 @@ struct TQUMA_Uuid {
   Variant AsVariant() const { return _GetAsVariant(); }
 
   // ---- operators ----
-  friend bool operator==(const TQUMA_Uuid& Left, const TQUMA_Uuid& Right) noexcept;
+  friend QUMA_API bool operator==(const TQUMA_Uuid& Left, const TQUMA_Uuid& Right) noexcept;
   // Element-wise: true only when the relation holds for all sixteen byte pairs.
-  friend bool operator>(const TQUMA_Uuid& Left, const TQUMA_Uuid& Right) noexcept;
-  friend bool operator>=(const TQUMA_Uuid& Left, const TQUMA_Uuid& Right) noexcept;
-  friend bool operator<(const TQUMA_Uuid& Left, const TQUMA_Uuid& Right) noexcept;
-  friend bool operator<=(const TQUMA_Uuid& Left, const TQUMA_Uuid& Right) noexcept;
+  friend QUMA_API bool operator>(const TQUMA_Uuid& Left, const TQUMA_Uuid& Right) noexcept;
+  friend QUMA_API bool operator>=(const TQUMA_Uuid& Left, const TQUMA_Uuid& Right) noexcept;
+  friend QUMA_API bool operator<(const TQUMA_Uuid& Left, const TQUMA_Uuid& Right) noexcept;
+  friend QUMA_API bool operator<=(const TQUMA_Uuid& Left, const TQUMA_Uuid& Right) noexcept;
 
  private:
   static TQUMA_Uuid CreateZeroed(bool blZeroed) noexcept;
@@ -283,3 +286,4 @@ struct std::less<quma::TQUMA_Uuid> {
     return quma::TQUMA_Uuid::Compare(a, b) < 0;
   }
 };
+QUMA_PUBLIC_END
