@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <random>
+#include <tuple>
 
 #include <quma/Encoding.h>
 #include <quma/Streams.h>
@@ -16,12 +17,7 @@ std::string Ascii(const TBytes& b) { return std::string(b.begin(), b.end()); }
 }  // namespace
 
 TEST(Encodings, KnownByteFormsBothWays) {
-  struct Case {
-    const TEncoding* Enc;
-    UnicodeString Text;
-    TBytes Bytes;
-  };
-  const Case cases[] = {
+  const std::tuple<const TEncoding*, UnicodeString, TBytes> cases[] = {
       {TEncoding::UTF8(), u"\u00E9", {0xC3, 0xA9}},
       {TEncoding::Unicode(), u"A\U0001F600", {0x41, 0, 0x3D, 0xD8, 0x00, 0xDE}},
       {TEncoding::BigEndianUnicode(), u"A\U0001F600", {0, 0x41, 0xD8, 0x3D, 0xDE, 0x00}},
@@ -34,10 +30,10 @@ TEST(Encodings, KnownByteFormsBothWays) {
       {TEncoding::UTF7(), u"\u00E9.", {'+', 'A', 'O', 'k', '.'}},
       {TEncoding::UTF7(), u"\u65E5\u672C\u8A9E", {'+', 'Z', 'e', 'V', 'n', 'L', 'I', 'q', 'e', '-'}},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(Utf16ToUtf8(c.Enc->EncodingName() + u" " + c.Text));
-    EXPECT_EQ(c.Enc->GetBytes(c.Text), c.Bytes);
-    EXPECT_EQ(c.Enc->GetString(c.Bytes), c.Text);
+  for (const auto& [enc, text, bytes] : cases) {
+    SCOPED_TRACE(Utf16ToUtf8(enc->EncodingName() + u" " + text));
+    EXPECT_EQ(enc->GetBytes(text), bytes);
+    EXPECT_EQ(enc->GetString(bytes), text);
   }
   // Single-byte encodings map what they cannot hold to '?', both ways.
   EXPECT_EQ(TEncoding::ANSI()->GetBytes(u"\u4E00"), TBytes{'?'});
@@ -73,11 +69,7 @@ TEST(Encodings, RoundTripWithinMaxByteCount) {
 }
 
 TEST(Encodings, InvalidOrIncompleteInputRaises) {
-  struct Case {
-    const TEncoding* Enc;
-    TBytes Bytes;
-  };
-  const Case cases[] = {
+  const std::pair<const TEncoding*, TBytes> cases[] = {
       {TEncoding::UTF8(), {0xE2, 0x82}},                          // cut sequence
       {TEncoding::Unicode(), {0x41}},                             // half a unit
       {TEncoding::Unicode(), {0x3D, 0xD8}},                       // high surrogate at the end
@@ -90,10 +82,10 @@ TEST(Encodings, InvalidOrIncompleteInputRaises) {
       {TEncoding::UTF7(), {'+', '3', 'g', 'A', '-'}},             // lone low surrogate
       {TEncoding::UTF7(), {0xC3}},                                // not 7-bit
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(Utf16ToUtf8(c.Enc->EncodingName()) + " " + Ascii(c.Bytes));
+  for (const auto& [enc, bytes] : cases) {
+    SCOPED_TRACE(Utf16ToUtf8(enc->EncodingName()) + " " + Ascii(bytes));
     try {
-      c.Enc->GetString(c.Bytes);
+      enc->GetString(bytes);
       ADD_FAILURE() << "decoded";
     } catch (const EEncodingError& e) {
       EXPECT_EQ(e.Message(), u"No mapping for the Unicode character exists in the target multi-byte code page");
@@ -104,24 +96,18 @@ TEST(Encodings, InvalidOrIncompleteInputRaises) {
 }
 
 TEST(Encodings, ByteOrderMarkDetection) {
-  struct Case {
-    TBytes Buffer;
-    const TEncoding* Given;
-    const TEncoding* Default;
-    Integer Length;
-    const TEncoding* Found;
-  };
-  const Case cases[] = {
+  // buffer, given, default, mark length, encoding found
+  const std::tuple<TBytes, const TEncoding*, const TEncoding*, Integer, const TEncoding*> cases[] = {
       {{0xEF, 0xBB, 0xBF, 'x'}, nullptr, TEncoding::Default(), 3, TEncoding::UTF8()},
       {{0xFF, 0xFE, 0, 0}, nullptr, TEncoding::Default(), 2, TEncoding::Unicode()},
       {{0xFE, 0xFF}, nullptr, TEncoding::Default(), 2, TEncoding::BigEndianUnicode()},
       {{'a', 'b'}, nullptr, TEncoding::ANSI(), 0, TEncoding::ANSI()},
       {{0xEF, 0xBB, 0xBF}, TEncoding::Unicode(), TEncoding::Default(), 0, TEncoding::Unicode()},  // only measured
   };
-  for (const Case& c : cases) {
-    const TEncoding* found = c.Given;
-    EXPECT_EQ(TEncoding::GetBufferEncoding(c.Buffer, found, c.Default), c.Length);
-    EXPECT_EQ(found, c.Found);
+  for (const auto& [buffer, given, fallback, length, expected] : cases) {
+    const TEncoding* found = given;
+    EXPECT_EQ(TEncoding::GetBufferEncoding(buffer, found, fallback), length);
+    EXPECT_EQ(found, expected);
   }
 }
 

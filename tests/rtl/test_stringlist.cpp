@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <random>
+#include <tuple>
 #include <vector>
 
 using namespace quma;
@@ -161,21 +162,19 @@ TEST(StringList, ChangeEventsBracketEachChangeAndUpdates) {
 }
 
 TEST(StringList, SortedListsApplyDuplicates) {
-  const struct {
-    TDuplicates Mode;
-    Strings Expected;
-  } cases[] = {{dupIgnore, {u"a", u"b", u"c"}}, {dupAccept, {u"a", u"B", u"b", u"c"}}, {dupError, {u"a", u"b", u"c"}}};
-  for (const auto& c : cases) {
+  const std::pair<TDuplicates, Strings> cases[] = {
+      {dupIgnore, {u"a", u"b", u"c"}}, {dupAccept, {u"a", u"B", u"b", u"c"}}, {dupError, {u"a", u"b", u"c"}}};
+  for (const auto& [mode, expected] : cases) {
     auto list = ListOf({u"c", u"b", u"a"});
-    list->SetDuplicates(c.Mode);
+    list->SetDuplicates(mode);
     list->SetSorted(true);
     EXPECT_EQ(list->Add(u"0"), 0);
     list->Delete(0);
-    if (c.Mode == dupError)
+    if (mode == dupError)
       EXPECT_EQ(MessageOf<EStringListError>([&] { list->Add(u"B"); }), u"String list does not allow duplicates");
     else
       EXPECT_EQ(list->Add(u"B"), 1);  // dupIgnore: the index of the entry already there
-    EXPECT_EQ(Items(*list), c.Expected);
+    EXPECT_EQ(Items(*list), expected);
   }
   auto list = ListOf({u"b", u"B", u"a"});
   list->SetSorted(true);
@@ -200,11 +199,7 @@ TEST(StringList, SortedListsApplyDuplicates) {
 }
 
 TEST(DelimitedText, DocumentedSplittingRules) {
-  const struct {
-    const char16_t* Text;
-    bool Strict;
-    Strings Expected;
-  } cases[] = {
+  const std::tuple<const char16_t*, bool, Strings> cases[] = {  // text, strict, items
       {u"", false, {}},
       {u"\"\"", false, {u""}},
       {u" a , b ", false, {u"a", u"b"}},
@@ -220,27 +215,23 @@ TEST(DelimitedText, DocumentedSplittingRules) {
       {u"\"open, end", true, {u"open, end"}},
   };
   auto list = MakeObject<TStringList>();
-  for (const auto& c : cases) {
-    list->SetStrictDelimiter(c.Strict);
-    list->SetDelimitedText(c.Text);
-    EXPECT_EQ(Items(*list), c.Expected) << Utf16ToUtf8(c.Text) << (c.Strict ? " strict" : "");
+  for (const auto& [text, strict, expected] : cases) {
+    list->SetStrictDelimiter(strict);
+    list->SetDelimitedText(text);
+    EXPECT_EQ(Items(*list), expected) << Utf16ToUtf8(text) << (strict ? " strict" : "");
   }
-  const struct {
-    Strings Items;
-    bool Strict;
-    const char16_t* Text;
-  } joins[] = {
+  const std::tuple<Strings, bool, const char16_t*> joins[] = {  // items, strict, text
       {{}, false, u""},
       {{u""}, false, u"\"\""},
       {{u"a b", u"", u"c"}, false, u"\"a b\",,c"},
       {{u"a b", u"", u"c"}, true, u"a b,,c"},
       {{u"say \"hi\"", u"x,y"}, true, u"\"say \"\"hi\"\"\",\"x,y\""},
   };
-  for (const auto& j : joins) {
-    list->SetStrictDelimiter(j.Strict);
+  for (const auto& [items, strict, text] : joins) {
+    list->SetStrictDelimiter(strict);
     list->Clear();
-    list->AddStrings(j.Items);
-    EXPECT_EQ(list->DelimitedText(), j.Text);
+    list->AddStrings(items);
+    EXPECT_EQ(list->DelimitedText(), text);
   }
   list->SetDelimiter(u';');
   list->SetQuoteChar(u'\'');
@@ -264,20 +255,18 @@ TEST(DelimitedText, RoundTripsOfRandomLists) {
       }
     return items;
   };
-  const struct {
-    WideChar Delimiter, Quote;
-    bool Strict;
-  } settings[] = {{u',', u'"', false}, {u';', u'\'', false}, {u'|', u'"', true}, {u'\t', u'\'', true}};
+  const std::tuple<WideChar, WideChar, bool> settings[] = {  // delimiter, quote, strict
+      {u',', u'"', false}, {u';', u'\'', false}, {u'|', u'"', true}, {u'\t', u'\'', true}};
   auto list = MakeObject<TStringList>();
   auto copy = MakeObject<TStringList>();
   for (int round = 0; round < 300; ++round) {
-    const auto& s = settings[round % std::size(settings)];
+    const auto& [delimiter, quote, strict] = settings[round % std::size(settings)];
     const Strings items = randomList(false);
     list->Clear();
     list->AddStrings(items);
-    list->SetDelimiter(s.Delimiter);
-    list->SetQuoteChar(s.Quote);
-    list->SetStrictDelimiter(s.Strict);
+    list->SetDelimiter(delimiter);
+    list->SetQuoteChar(quote);
+    list->SetStrictDelimiter(strict);
     copy->Assign(list.get());
     copy->SetDelimitedText(list->DelimitedText());
     ASSERT_EQ(Items(*copy), items) << Utf16ToUtf8(list->DelimitedText());
@@ -295,24 +284,20 @@ TEST(DelimitedText, RoundTripsOfRandomLists) {
 
 TEST(StringList, StreamsChooseAndDetectTheEncoding) {
   const Strings items{u"ascii", u"", u"caf\x00E9 \xD83D\xDE00"};
-  const struct {
-    const TEncoding* Encoding;
-    bool Detected;  // by its byte-order mark
-  } cases[] = {{TEncoding::UTF8(), true},
-               {TEncoding::Unicode(), true},
-               {TEncoding::BigEndianUnicode(), true},
-               {TEncoding::UTF7(), false}};
+  const std::pair<const TEncoding*, bool> cases[] = {  // encoding, detected by its byte-order mark
+      {TEncoding::UTF8(), true}, {TEncoding::Unicode(), true}, {TEncoding::BigEndianUnicode(), true},
+      {TEncoding::UTF7(), false}};
   auto list = ListOf(items);
   auto loaded = MakeObject<TStringList>();
-  for (const auto& c : cases) {
+  for (const auto& [encoding, detected] : cases) {
     auto stream = MakeObject<TMemoryStream>();
-    list->SaveToStream(stream.get(), c.Encoding);
-    const TBytes mark = c.Encoding->GetPreamble();
-    EXPECT_EQ(stream->Size(), static_cast<Int64>(mark.size() + c.Encoding->GetBytes(list->Text()).size()));
+    list->SaveToStream(stream.get(), encoding);
+    const TBytes mark = encoding->GetPreamble();
+    EXPECT_EQ(stream->Size(), static_cast<Int64>(mark.size() + encoding->GetBytes(list->Text()).size()));
     stream->SetPosition(0);
-    loaded->LoadFromStream(stream.get(), c.Detected ? nullptr : c.Encoding);
-    EXPECT_EQ(Items(*loaded), items) << Utf16ToUtf8(c.Encoding->EncodingName());
-    EXPECT_EQ(loaded->Encoding(), c.Encoding);
+    loaded->LoadFromStream(stream.get(), detected ? nullptr : encoding);
+    EXPECT_EQ(Items(*loaded), items) << Utf16ToUtf8(encoding->EncodingName());
+    EXPECT_EQ(loaded->Encoding(), encoding);
   }
   // A save without an encoding uses the loaded one; WriteBOM off leaves the mark out.
   auto stream = MakeObject<TMemoryStream>();

@@ -12,17 +12,13 @@ namespace quma {
 namespace {
 
 TEST(Variants, TypeCodesAndTypedAccess) {
-  EXPECT_EQ(VarType(Variant()), varEmpty);
   EXPECT_TRUE(VarIsEmpty(Variant()));
   EXPECT_TRUE(VarIsNull(Variant::Null()));
-  EXPECT_EQ(VarType(Variant(Integer{3})), varInteger);
-  EXPECT_EQ(VarType(Variant(std::int16_t{3})), varSmallint);
-  EXPECT_EQ(VarType(Variant(Int64{3})), varInt64);
-  EXPECT_EQ(VarType(Variant(true)), varBoolean);
-  EXPECT_EQ(VarType(Variant(2.5)), varDouble);
-  EXPECT_EQ(VarType(Variant(u"text")), varUString);
-  EXPECT_EQ(VarType(Variant::OleStr(u"text")), varOleStr);
-  EXPECT_EQ(VarType(Variant::AnsiString("text")), varString);
+  const std::pair<Variant, TVarType> types[] = {
+      {Variant(), varEmpty},           {Variant(Integer{3}), varInteger},   {Variant(std::int16_t{3}), varSmallint},
+      {Variant(Int64{3}), varInt64},   {Variant(true), varBoolean},         {Variant(2.5), varDouble},
+      {Variant(u"text"), varUString}, {Variant::OleStr(u"text"), varOleStr}, {Variant::AnsiString("text"), varString}};
+  for (const auto& [value, type] : types) EXPECT_EQ(VarType(value), type) << type;
   EXPECT_EQ(Variant::FromUtf8("caf\xc3\xa9").AsUnicode(), u"caf\u00e9");
   EXPECT_EQ(Variant(Integer{-7}).AsInt64(), -7);
   EXPECT_EQ(Variant::AnsiString("\xff\x01").AsAnsi(), "\xff\x01");

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <tuple>
 
 #include <quma/StringParser.h>
 #include <quma/Strings.h>
@@ -61,13 +62,8 @@ std::string ParseToDump(const TSetup& setup, UnicodeStringView input, bool ignor
 }  // namespace
 
 TEST(StringParser, BuildsNodeTrees) {
-  struct {
-    const char* Name;
-    const char16_t* Input;
-    TSetup Setup;
-    bool IgnoreWhitespace;
-    const char* Expected;
-  } const cases[] = {
+  // name, input, set-up, whitespace ignored, tree
+  const std::tuple<const char*, const char16_t*, TSetup, bool, const char*> cases[] = {
       {"text and whitespace", u"a b", kDefaults, false, "T[a] W[ ] ?T[b]"},
       {"whitespace ignored", u" a \t b ", kDefaults, true, "T[a] T[b]"},
       {"call", u"f(x, y)", kCall, false, "T[f] B(T[x] S[,] W[ ] T[y])"},
@@ -93,9 +89,9 @@ TEST(StringParser, BuildsNodeTrees) {
       {"non-ASCII brackets", u"\u00abx\u00bb",
        [](TQUMAStringParser& p) { p.AddBracketPair(u'\u00ab', u'\u00bb'); }, false, "B\u00abT[x]\u00bb"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.Name);
-    EXPECT_EQ(ParseToDump(c.Setup, c.Input, c.IgnoreWhitespace), c.Expected);
+  for (const auto& [name, input, setup, ignoreWhitespace, expected] : cases) {
+    SCOPED_TRACE(name);
+    EXPECT_EQ(ParseToDump(setup, input, ignoreWhitespace), expected);
   }
 }
 

@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <random>
+#include <tuple>
 #include <vector>
 
 #include <quma/StringTokeniser.h>
@@ -20,13 +21,6 @@ std::vector<UnicodeString> TokensOf(const TQUMAStringTokeniser& t) {
   for (Integer i = 0; i < t.TokenCount(); ++i) out.push_back(t.Token(i));
   return out;
 }
-
-struct TTokeniseCase {
-  const char* Name;
-  UnicodeString Input;
-  TSetup Setup;
-  std::vector<UnicodeString> Expected;
-};
 
 const TSetup kDefaults = [](TQUMAStringTokeniser&) {};
 const TSetup kKeepEmpty = [](TQUMAStringTokeniser& t) { t.SetIgnoreEmptyTokens(false); };
@@ -49,7 +43,7 @@ const TSetup kComma = [](TQUMAStringTokeniser& t) {
 }  // namespace
 
 TEST(StringTokeniser, SplitsByTheDocumentedRules) {
-  const std::vector<TTokeniseCase> cases = {
+  const std::tuple<const char*, UnicodeString, TSetup, std::vector<UnicodeString>> cases[] = {
       {"blanks around and between", u" a  b ", kDefaults, {u"a", u"b"}},
       {"NUL separates", UnicodeString(u"a\0b", 3), kDefaults, {u"a", u"b"}},
       {"tab CR LF separate", u"a\tb\rc\nd", kDefaults, {u"a", u"b", u"c", u"d"}},
@@ -75,12 +69,12 @@ TEST(StringTokeniser, SplitsByTheDocumentedRules) {
       {"non-ASCII separator", u"a\u00a7b\u00a7\u00a7c",
        [](TQUMAStringTokeniser& t) { t.SetSeparators(u"\u00a7"); }, {u"a", u"b", u"c"}},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.Name);
+  for (const auto& [name, input, setup, expected] : cases) {
+    SCOPED_TRACE(name);
     auto t = MakeObject<TQUMAStringTokeniser>();
-    c.Setup(*t);
-    EXPECT_EQ(t->Tokenise(c.Input), static_cast<Integer>(c.Expected.size()));
-    EXPECT_EQ(TokensOf(*t), c.Expected);
+    setup(*t);
+    EXPECT_EQ(t->Tokenise(input), static_cast<Integer>(expected.size()));
+    EXPECT_EQ(TokensOf(*t), expected);
   }
 }
 

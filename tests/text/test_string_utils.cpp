@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <random>
+#include <tuple>
 
 #include <quma/Soundex.h>
 #include <quma/StringList.h>
@@ -29,20 +30,16 @@ int Sign(int v) { return v < 0 ? -1 : v > 0 ? 1 : 0; }
 }  // namespace
 
 TEST(UTF8CompareStr, OrdersByCodePointThenByStoredLength) {
-  EXPECT_EQ(UTF8CompareStr("ab", "abc"), -1);
-  EXPECT_EQ(UTF8CompareStr("abc", "abc"), 0);
-  EXPECT_EQ(UTF8CompareStr("", ""), 0);
-  EXPECT_EQ(UTF8CompareStr("b", "abc"), 1);
   // U+00E9 (2 bytes) sorts after "z"; U+20AC (3 bytes) after U+00E9; U+1F600 (4 bytes) after both.
-  EXPECT_EQ(UTF8CompareStr("z", "\xC3\xA9"), -1);
-  EXPECT_EQ(UTF8CompareStr("\xE2\x82\xAC", "\xC3\xA9"), 1);
-  EXPECT_EQ(UTF8CompareStr("\xF0\x9F\x98\x80", "\xE2\x82\xAC"), 1);
-  // Equal code points written with different byte counts: the longer text is greater.
-  EXPECT_EQ(UTF8CompareStr("\xC1\x81", "A"), 1);  // an overlong "A"
+  // Equal code points written with different byte counts: the longer (an overlong "A") is greater.
+  const std::tuple<std::string_view, std::string_view, int> cases[] = {
+      {"ab", "abc", -1}, {"abc", "abc", 0}, {"", "", 0}, {"b", "abc", 1}, {"z", "\xC3\xA9", -1},
+      {"\xE2\x82\xAC", "\xC3\xA9", 1}, {"\xF0\x9F\x98\x80", "\xE2\x82\xAC", 1}, {"\xC1\x81", "A", 1}};
+  for (const auto& [a, b, r] : cases) EXPECT_EQ(UTF8CompareStr(a, b), r) << a << " vs " << b;
   // Long ASCII runs with the difference far inside, on both sides of the 8-byte steps.
-  std::string a(1000, 'x'), b = a;
+  const std::string a(1000, 'x');
   for (std::size_t pos : {0u, 7u, 8u, 9u, 500u, 999u}) {
-    b = a;
+    std::string b = a;
     b[pos] = 'y';
     EXPECT_EQ(UTF8CompareStr(a, b), -1) << pos;
     EXPECT_EQ(UTF8CompareStr(b, a), 1) << pos;
@@ -50,13 +47,10 @@ TEST(UTF8CompareStr, OrdersByCodePointThenByStoredLength) {
 }
 
 TEST(UTF8CompareStr, MixedFormsCompareCodeUnitsAndStoredLengths) {
-  EXPECT_EQ(UTF8CompareStr("abc", u"abc"), 0);
   EXPECT_EQ(UTF8CompareStr(u8"\u00E9", u8"z"), 1);
+  // The same text, but 2 UTF-8 bytes against 1 UTF-16 unit; no surrogate pairing (U+1F600 against 0xD83D).
   EXPECT_EQ(UTF8CompareStr(u8"\u00E9", u"\u00E9"), 1);
-  // The same text, but 2 UTF-8 bytes against 1 UTF-16 unit.
-  EXPECT_EQ(UTF8CompareStr("\xC3\xA9", u"\u00E9"), 1);
   EXPECT_EQ(UTF8CompareStr(u"\u00E9", "\xC3\xA9"), -1);
-  // No surrogate pairing: U+1F600 against its high surrogate 0xD83D.
   EXPECT_EQ(UTF8CompareStr("\xF0\x9F\x98\x80", u"\U0001F600"), 1);
   // Long texts with the difference on either side of the eight-unit steps, after a multi-byte character.
   const std::string prefix = std::string(20, 'x') + "\xC3\xA9" + std::string(40, 'x');
@@ -69,10 +63,13 @@ TEST(UTF8CompareStr, MixedFormsCompareCodeUnitsAndStoredLengths) {
   // Agrees with the UTF-8 form, and with the byte order, on random ASCII text.
   std::mt19937 rng(5);
   std::uniform_int_distribution<int> len(0, 20), ch('a', 'd');
+  const auto random = [&] {
+    std::string s;
+    for (int k = len(rng); k > 0; --k) s.push_back(static_cast<char>(ch(rng)));
+    return s;
+  };
   for (int i = 0; i < 500; ++i) {
-    std::string x, y;
-    for (int k = len(rng); k > 0; --k) x.push_back(static_cast<char>(ch(rng)));
-    for (int k = len(rng); k > 0; --k) y.push_back(static_cast<char>(ch(rng)));
+    const std::string x = random(), y = random();
     const int expected = Sign(x.compare(y));
     ASSERT_EQ(UTF8CompareStr(x, y), expected);
     ASSERT_EQ(UTF8CompareStr(x, Utf8ToUtf16(y)), expected);
@@ -82,38 +79,32 @@ TEST(UTF8CompareStr, MixedFormsCompareCodeUnitsAndStoredLengths) {
 
 TEST(UTF8CompareStr, MalformedInput) {
   // Octal escapes end after three digits, so "\303A" is a lead byte followed by "A".
-  EXPECT_EQ(Utf8ErrorOf([] { UTF8CompareStr("a\xC3", "ab"); }), "expected byte not found");
-  EXPECT_EQ(Utf8ErrorOf([] { UTF8CompareStr("ab", "a\xE2\x82"); }), "expected byte not found");
-  EXPECT_EQ(Utf8ErrorOf([] { UTF8CompareStr("\303A", "x"); }), "expected continuation byte not found");
-  EXPECT_EQ(Utf8ErrorOf([] { UTF8CompareStr("\360\237\230A", u"x"); }), "expected continuation byte not found");
-  EXPECT_EQ(Utf8ErrorOf([] { UTF8CompareStr(u"x", "\342AB"); }), "expected continuation byte not found");
-  EXPECT_EQ(Utf8ErrorOf([] { UTF8CompareStr("\xC3", "\303A"); }), "expected byte not found");  // A first
-  EXPECT_EQ(Utf8ErrorOf([] { UTF8CompareStr("\303A", "\xC3"); }), "expected continuation byte not found");
-  // Lead bytes that start nothing read as code point 0, without error.
+  const std::string cut = "expected byte not found", noContinuation = "expected continuation byte not found";
+  const std::tuple<std::string_view, std::string_view, const std::string&> cases[] = {
+      {"a\xC3", "ab", cut}, {"ab", "a\xE2\x82", cut}, {"\303A", "x", noContinuation},
+      {"\xC3", "\303A", cut} /* A first */, {"\303A", "\xC3", noContinuation}};
+  for (const auto& [a, b, error] : cases) EXPECT_EQ(Utf8ErrorOf([&] { UTF8CompareStr(a, b); }), error) << a << " " << b;
+  EXPECT_EQ(Utf8ErrorOf([] { UTF8CompareStr("\360\237\230A", u"x"); }), noContinuation);
+  EXPECT_EQ(Utf8ErrorOf([] { UTF8CompareStr(u"x", "\342AB"); }), noContinuation);
+  // Lead bytes that start nothing read as code point 0, without error; bad input after a difference is never read.
   EXPECT_EQ(UTF8CompareStr("\x80", std::string_view("\0", 1)), 0);
   EXPECT_EQ(UTF8CompareStr("\xFF", "\x01"), -1);
   EXPECT_EQ(UTF8CompareStr("\x80", u"\u0001"), -1);
-  // Bad input after a difference is never read.
   EXPECT_EQ(UTF8CompareStr("a\xC3", "b"), -1);
 }
 
 TEST(Soundex, CodesAndConfidence) {
-  EXPECT_EQ(Soundex(u"Robert"), u"R163");
-  EXPECT_EQ(Soundex(u"Rupert"), u"R163");
-  EXPECT_EQ(Soundex(u"Ashcraft"), u"A261");  // H does not separate S and C
-  EXPECT_EQ(Soundex(u"Tymczak"), u"T522");
-  EXPECT_EQ(Soundex(u"Pfister"), u"P236");  // P and F share a digit
-  EXPECT_EQ(Soundex(u"lee", 6), u"L00000");
-  EXPECT_EQ(Soundex(u"Washington", 10), u"W252350000");
-  EXPECT_EQ(Soundex(u""), u"");
-  EXPECT_DOUBLE_EQ(SoundexConfidenceCompare(u"Robert", u"Robert"), 1.0);
-  EXPECT_DOUBLE_EQ(SoundexConfidenceCompare(u"Robert", u"Rupert"), 1.0);
-  // R163 against R16: three of four positions.
-  EXPECT_DOUBLE_EQ(SoundexConfidenceCompare(u"Robert", u"Rob"), 0.5);
-  EXPECT_DOUBLE_EQ(SoundexConfidenceCompare(u"Robert", u"Robbe"), 0.5);
-  EXPECT_DOUBLE_EQ(SoundexConfidenceCompare(u"Smith", u"Jones"), 1.0 / 3);  // S53 and J52 share the 5
-  EXPECT_DOUBLE_EQ(SoundexConfidenceCompare(u"Lloyd", u"Quirk"), 0.0);
-  EXPECT_DOUBLE_EQ(SoundexConfidenceCompare(u"Smith", u""), 0.0);
+  // H does not separate S and C (Ashcraft); P and F share a digit (Pfister).
+  const std::tuple<const char16_t*, Integer, const char16_t*> codes[] = {
+      {u"Robert", 4, u"R163"}, {u"Rupert", 4, u"R163"}, {u"Ashcraft", 4, u"A261"}, {u"Tymczak", 4, u"T522"},
+      {u"Pfister", 4, u"P236"}, {u"lee", 6, u"L00000"}, {u"Washington", 10, u"W252350000"}, {u"", 4, u""}};
+  for (const auto& [name, length, code] : codes) EXPECT_EQ(Soundex(name, length), code) << Utf16ToUtf8(name);
+  EXPECT_EQ(Soundex(u"Robert"), u"R163");  // four by default
+  // R163 against R16: 0.5; S53 and J52 share the 5.
+  const std::tuple<const char16_t*, const char16_t*, double> confidences[] = {
+      {u"Robert", u"Robert", 1.0}, {u"Robert", u"Rupert", 1.0}, {u"Robert", u"Rob", 0.5}, {u"Robert", u"Robbe", 0.5},
+      {u"Smith", u"Jones", 1.0 / 3}, {u"Lloyd", u"Quirk", 0.0}, {u"Smith", u"", 0.0}};
+  for (const auto& [a, b, c] : confidences) EXPECT_DOUBLE_EQ(SoundexConfidenceCompare(a, b), c) << Utf16ToUtf8(b);
   EXPECT_TRUE(std::isnan(SoundexConfidenceCompare(u"", u"")));
   EXPECT_TRUE(std::isnan(SoundexConfidenceCompare(u"0", u"00")));  // codes "0" and "00" strip to nothing
 }
@@ -123,12 +114,9 @@ TEST(FindRepeatedEmbeddedString, SplitsIntoAList) {
   list->Add(u"old");
   EXPECT_FALSE(FindRepeatedEmbeddedString(u"abc", u",", *list, true));
   EXPECT_FALSE(FindRepeatedEmbeddedString(u"abc", u"", *list, true));
-  ASSERT_EQ(list->Count(), 1);
+  EXPECT_EQ(list->Count(), 1);
   EXPECT_TRUE(FindRepeatedEmbeddedString(u"a,b,", u",", *list, true));
-  ASSERT_EQ(list->Count(), 3);
-  EXPECT_EQ(list->Strings(0), u"a");
-  EXPECT_EQ(list->Strings(1), u"b");
-  EXPECT_EQ(list->Strings(2), u"");
+  EXPECT_EQ(list->CommaText(), u"a,b,");  // three items, the last empty
 
   std::vector<UnicodeString> parts{u"keep"};
   EXPECT_FALSE(FindRepeatedEmbeddedString(u"oneANDtwo", u"and", parts, true));
@@ -142,16 +130,12 @@ TEST(FindRepeatedEmbeddedString, SplitsIntoAList) {
 }
 
 TEST(TextPos, AsciiCaseInsensitiveFromAnOffset) {
-  EXPECT_EQ(TextPos(u"B", u"abc", 1), 2);
-  EXPECT_EQ(TextPos(u"B", u"abc", 3), 0);
-  EXPECT_EQ(TextPos(u"bc", u"ABC", 2), 2);
   EXPECT_EQ(TextPos(u"abc", u"ABC"), 1);
-  EXPECT_EQ(TextPos(u"", u"abc", 1), 0);
-  EXPECT_EQ(TextPos(u"a", u"abc", 0), 0);
-  EXPECT_EQ(TextPos(u"a", u"abc", 100), 0);
-  EXPECT_EQ(TextPos(u"abcd", u"abc", 1), 0);
-  EXPECT_EQ(TextPos(u"\u00E9", u"x\u00C9\u00E9", 1), 3);  // only ASCII letters fold
-  EXPECT_EQ(TextPos(u"aab", u"aaab", 1), 2);
+  const std::tuple<const char16_t*, const char16_t*, Integer, Integer> cases[] = {  // only ASCII letters fold
+      {u"B", u"abc", 1, 2}, {u"B", u"abc", 3, 0},    {u"bc", u"ABC", 2, 2},   {u"", u"abc", 1, 0},
+      {u"a", u"abc", 0, 0}, {u"a", u"abc", 100, 0}, {u"abcd", u"abc", 1, 0}, {u"\u00E9", u"x\u00C9\u00E9", 1, 3},
+      {u"aab", u"aaab", 1, 2}};
+  for (const auto& [sub, text, offset, at] : cases) EXPECT_EQ(TextPos(sub, text, offset), at) << Utf16ToUtf8(sub);
 }
 
 TEST(Tokens, FirstLastAndGet) {

@@ -27,15 +27,18 @@ constexpr int StressScale = 1;
 namespace {
 
 std::atomic<UInt64> gClock{0};
+std::mutex gFreedLock;
+std::vector<int> gFreed;  // tags of the TTagged objects freed, in order
 
 // Freezes the tick source at a chosen moment for the test's lifetime.
 class ServiceThreads : public ::testing::Test {
- protected:
+ public:
   void SetUp() override {
     SetMainThread();
     Retire();
     gClock = 0x7'0000'0000ull;
     SetTickSource(FakeTicks);
+    gFreed.clear();
   }
   static UInt64 FakeTicks() { return gClock.load(); }
   void TearDown() override {
@@ -51,6 +54,11 @@ class ServiceThreads : public ::testing::Test {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     while (!done() && std::chrono::steady_clock::now() < deadline) CheckSynchronize(2);
     return done();
+  }
+  // Gives a worker time to do what it must not, then services the main thread.
+  static void Settle() {
+    std::this_thread::sleep_for(20ms);
+    CheckSynchronize();
   }
   // Ends the current worker (dropping its queue) and waits until it is gone.
   static void Retire();
@@ -96,8 +104,7 @@ TEST_F(ServiceThreads, ForegroundCancellingAndExceptions) {
   EXPECT_TRUE(probe.Seen.empty());
   Advance(10);
   ASSERT_TRUE(Service([&] { return !probe.Seen.empty(); }));
-  std::this_thread::sleep_for(20ms);
-  CheckSynchronize();
+  Settle();
   EXPECT_EQ(probe.Seen, std::vector<TObject*>{&a});  // the rest of the batch was dropped
   QUMAQueueForegroundCallback(hit, &b, 0);           // the worker lives on
   EXPECT_TRUE(Service([&] { return probe.Seen.size() == 2; }));
@@ -138,8 +145,7 @@ TEST_F(ServiceThreads, ForegroundTicksWrapLateNotEarly) {
   ForegroundSync()->Poke();
   ASSERT_TRUE(Service([&] { return probe.Seen.size() == 1; }));
   EXPECT_EQ(probe.Seen, std::vector<TObject*>{&late});
-  std::this_thread::sleep_for(20ms);
-  CheckSynchronize();
+  Settle();
   EXPECT_EQ(probe.Seen.size(), 1u);
   ForegroundSync()->CancelSyncCallback(hit, &early);
 }
@@ -159,8 +165,7 @@ TEST_F(ServiceThreads, ForegroundWorkerRetiresWhenIdleAndIsRecreated) {
   // Unloading drops what is pending.
   QUMAQueueForegroundCallback(Bind<&TProbe::Hit>(&probe), &probe, 0);
   FinalizeForegroundSync();
-  std::this_thread::sleep_for(20ms);
-  CheckSynchronize();
+  Settle();
   EXPECT_EQ(probe.Seen.size(), 1u);
 }
 
@@ -239,9 +244,6 @@ TEST_F(ServiceThreads, ForegroundStressEveryCallbackRunsOnceOrIsCancelled) {
 
 namespace {
 
-std::mutex gFreedLock;
-std::vector<int> gFreed;
-
 class TTagged : public TObject {
   QUMA_CLASS(TTagged, TObject)
  public:
@@ -259,9 +261,7 @@ std::vector<int> Freed() {
 }
 
 bool WaitFreed(std::size_t n) {
-  const auto deadline = std::chrono::steady_clock::now() + 5s;
-  while (Freed().size() < n && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(1ms);
-  return Freed().size() == n;
+  return ServiceThreads::Service([n] { return Freed().size() >= n; }) && Freed().size() == n;
 }
 
 class TDisposals : public TObject {
@@ -276,7 +276,6 @@ class TDisposals : public TObject {
 // Thousands of objects, many due at the same time, some rescheduled or cancelled, are freed in the
 // order of the plain list with its binary-search insert.
 TEST_F(ServiceThreads, DisposalOrderMatchesTheListModel) {
-  gFreed.clear();
   constexpr int N = 5000;
   std::vector<std::pair<UInt64, int>> model;
   auto insert = [&](UInt64 due, int tag) {  // appended after an equal last entry, else bisected
@@ -325,7 +324,6 @@ TEST_F(ServiceThreads, DisposalOrderMatchesTheListModel) {
 }
 
 TEST_F(ServiceThreads, DisposalScheduleOperations) {
-  gFreed.clear();
   TDisposals sink;
   auto disposer = MakeObject<TQUMADeferredDisposalThread>();
   disposer->SetSuspendDisposals(true);
@@ -346,8 +344,7 @@ TEST_F(ServiceThreads, DisposalScheduleOperations) {
   std::this_thread::sleep_for(40ms);
   EXPECT_TRUE(Freed().empty());
   disposer->SetSuspendDisposals(false);
-  const auto deadline = std::chrono::steady_clock::now() + 5s;
-  while (disposer->ScheduledCount() > 1 && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(1ms);
+  EXPECT_TRUE(Service([&] { return disposer->ScheduledCount() == 1; }));
   EXPECT_TRUE(Freed().empty());
   disposer->Terminate();  // rendezvous with the worker before reading what it passed on
   disposer->WaitFor();
@@ -358,7 +355,6 @@ TEST_F(ServiceThreads, DisposalScheduleOperations) {
 }
 
 TEST_F(ServiceThreads, DisposalMaxDelayAndSharedLock) {
-  gFreed.clear();
   auto shared = MakeObject<TDisposals>();
   auto disposer = MakeObject<TQUMADeferredDisposalThread>(true);
   disposer->SetLockObject(shared.get());
