@@ -68,8 +68,6 @@ TEST_F(Event, SubscribersAreCodeObjectPairsThatKeepTheirFirstPlace) {
   event->PrioritySubscribe(c->OnA());
   event->Subscribe(TNotifyEvent(nullptr, d.get()));  // no code: kept, never called
   EXPECT_EQ(event->SubscriberCount(), 5);
-  EXPECT_TRUE(event->IsSubscribed(a->OnB()));
-  EXPECT_FALSE(event->IsSubscribed(c->OnB()));
   event->Unsubscribe(d->OnA());  // absent: ignored
   event->Unsubscribe(a->OnA());
   event->FireCallbacks();
@@ -88,17 +86,15 @@ TEST_F(Event, CompareOrdersByObjectThenCode) {
   EXPECT_EQ(TQUMACallbackList::_CompareCallbacks(loB, loA), -codeOrder);
 }
 
-TEST_F(Event, SenderIsTheCallbackObjectOrTheEvent) {
-  auto owned = MakeObject<TQUMASubscribedEvent>(b.get());
+TEST_F(Event, SenderIsTheCallbackObjectOrTheEventAndASnapshotIsInvokedWithoutTheEvent) {
+  auto owned = MakeObject<TQUMASubscribedEvent>(d.get());
   owned->Subscribe(a->OnA());
   owned->FireCallbacks();
-  EXPECT_EQ(a->LastSender, b.get());
+  EXPECT_EQ(a->LastSender, d.get());
   owned->SetCallbackObject(nullptr);  // back to the default
   owned->FireCallbacks();
   EXPECT_EQ(a->LastSender, owned.get());
-}
-
-TEST_F(Event, SnapshotIsInvokedWithoutTheEvent) {
+  log.clear();
   SubscribeA({a.get(), b.get()});
   auto snapshot = MakeObject<TQUMACallbackList>();
   snapshot->Add(b->OnA());
@@ -353,7 +349,6 @@ TEST_F(Event, SubscribeFromAnotherThreadWaitsForThePass) {
   other.join();
   EXPECT_FALSE(otherFinishedDuringPass);
   EXPECT_EQ(log, (TLog{"a.A"}));  // the late subscriber arrived after the pass
-  EXPECT_TRUE(event->IsSubscribed(d->OnA()));
 }
 
 TEST_F(Event, ChurnAndFiringsFromSeveralThreads) {

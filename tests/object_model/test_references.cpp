@@ -8,8 +8,6 @@ using namespace omtest;
 
 TEST(LockCounts, LocksAreCountedPerLockerAndTheLastUnlockFreesUnlessSwitchedOff) {
   auto* x = N("x");
-  EXPECT_TRUE(x->FreeWhenUnreferenced());
-  EXPECT_EQ(x->TotalReferenceCount(), 0);
   THolder a, b;  // plain objects: no link, they release their locks themselves
   bool gone = false, deleted = true;
   x->RegisterFreeIndicator(gone);
