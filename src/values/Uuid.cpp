@@ -701,10 +701,10 @@ std::size_t TQUMA_Uuid::FormatTo(std::span<char> Buffer, std::string_view szForm
 }
 
 namespace {
-TFormKind KindOfSpec(std::string_view spec) {
-  if (spec.empty() || spec == "D") return TFormKind::Default;
-  if (spec == "B") return TFormKind::MS;
-  if (spec == "N") return TFormKind::Hex;
+TFormKind KindOfSpec(std::string_view code) {
+  if (code.empty() || code == "D") return TFormKind::Default;
+  if (code == "B") return TFormKind::MS;
+  if (code == "N") return TFormKind::Hex;
   throw EConvertError(SUuidUnrecognisedFormat);
 }
 }  // namespace

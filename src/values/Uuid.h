@@ -133,8 +133,8 @@ struct TQUMA_Uuid {
   std::size_t FormatTo(std::span<char16_t> Buffer, std::string_view szFormat) const noexcept;
   std::size_t FormatTo(std::span<char> Buffer, std::string_view szFormat = {}) const noexcept;
 
-  // The text for a std::format-style spec: "" or "D" the default form (as Format()), "B" braced
-  // upper case (the "ms" form), "N" 32 digits (the "hex" form). Any other spec raises
+  // The text for a std::format-style format code: "" or "D" the default form (as Format()), "B" braced
+  // upper case (the "ms" form), "N" 32 digits (the "hex" form). Any other format code raises
   // EConvertError "Unrecognised Format". FormatSpecTo returns 0 when Buffer is too small.
   std::string FormatSpec(std::string_view Spec) const;
   std::size_t FormatSpecTo(std::span<char> Buffer, std::string_view Spec) const;

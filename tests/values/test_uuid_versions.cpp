@@ -1,4 +1,4 @@
-// UUID versions 4, 5 and 7, the SHA-1 under version 5, and the std::format-style specs.
+// UUID versions 4, 5 and 7, the SHA-1 under version 5, and the std::format-style format codes.
 #include <quma/SHA1.h>
 #include <quma/SysUtils.h>
 #include <quma/Uuid.h>
