@@ -289,12 +289,16 @@ void AddParse(CLI::App& app, TCommands& commands) {
     // The parser waits for the character after a carriage return, so a text that ends in a lone
     // one would never finish: refuse it instead.
     if (const Int64 size = stream->Size(); size > 0) {
-      Byte tail[2] = {0, 0};
-      const Int64 n = std::min<Int64>(size, 2);
+      Byte tail[8] = {};
+      const Int64 n = std::min<Int64>(size, 8);
       stream->SetPosition(size - n);
-      stream->ReadBuffer(tail + 2 - n, n);
+      stream->ReadBuffer(tail, n);
       stream->SetPosition(0);
-      if (tail[1] == '\r' || (tail[0] == '\r' && tail[1] == 0))
+      const std::string_view last(reinterpret_cast<const char*>(tail), static_cast<std::size_t>(n));
+      const auto cr = last.rfind('\r');
+      const std::string_view after = cr == std::string_view::npos ? std::string_view() : last.substr(cr + 1);
+      // After the last carriage return: nothing, half a UTF-16 unit, or bytes that do not decode.
+      if (cr != std::string_view::npos && (after.empty() || after == std::string_view("\0", 1) || !IsValidUtf8(after)))
         throw TToolError((opts->file == "-" ? std::string("stdin") : opts->file) +
                          ": the text ends in a lone carriage return, which leaves its last line unfinished");
     }
