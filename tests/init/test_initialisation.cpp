@@ -183,7 +183,7 @@ TEST_F(Registry, PhasesInsertedAndUnregisteredWhileUnitsExist) {
   reg->UnregisterInstantiationPhase(P('B'));
   EXPECT_EQ(Names(reg->InstantitionPhases()), "CA");
 
-  New<TRecUnit>("n", reg.get());  // only the new unit runs, against the phases as they are now
+  auto* fresh = New<TRecUnit>("n", reg.get());  // only the new unit runs, against the phases as they are now
   reg->RunInitialisations();
   EXPECT_EQ(Take(), "n:reg:C n:reg:A n:reg:B n:reg:E n:regdone n:inst:C n:inst:A n:instdone");
   reg->RunUninitialisations();
@@ -192,6 +192,7 @@ TEST_F(Registry, PhasesInsertedAndUnregisteredWhileUnitsExist) {
             "n:dereg:E n:dereg:B o:dereg:B n:dereg:A o:dereg:A n:dereg:C");
   Free(old);  // instantiation phase B was unregistered from the registry, not from the unit
   EXPECT_EQ(Take(), "o:destroy:B");
+  Free(fresh);  // uninitialised units are their creator's to free
 }
 
 // The process-wide registry, the free functions and the start-up chain.
