@@ -1,6 +1,22 @@
 #include <quma/Monitor.h>
 
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 namespace quma {
+
+// The futex calls directly: libstdc++ 12's atomic wait/notify keeps its own count of waiters and
+// can lose a wake-up between them, leaving a waiter asleep on a free lock.
+static_assert(sizeof(std::atomic<std::uint32_t>) == sizeof(std::uint32_t), "the futex word is the atomic itself");
+
+void TRecursiveLock::FutexWait(std::uint32_t expected) noexcept {
+  ::syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(&FState), FUTEX_WAIT_PRIVATE, expected, nullptr, nullptr, 0);
+}
+
+void TRecursiveLock::FutexWakeOne() noexcept {
+  ::syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(&FState), FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+}
 
 void TRecursiveLock::LockSlow(std::uint32_t seen) noexcept {
   // Brief spin first: monitor sections are usually short.
@@ -15,7 +31,7 @@ void TRecursiveLock::LockSlow(std::uint32_t seen) noexcept {
   // Mark the lock contended and sleep until the holder leaves.
   if (seen != 2) seen = FState.exchange(2, std::memory_order_acquire);
   while (seen != 0) {
-    FState.wait(2, std::memory_order_relaxed);
+    FutexWait(2);
     seen = FState.exchange(2, std::memory_order_acquire);
   }
 }

@@ -58,7 +58,7 @@ class TRecursiveLock {
   void Leave() noexcept {
     if (--FDepth != 0) return;
     FOwner.store(std::thread::id(), std::memory_order_relaxed);
-    if (FState.exchange(0, std::memory_order_release) == 2) FState.notify_one();
+    if (FState.exchange(0, std::memory_order_release) == 2) FutexWakeOne();
   }
 
   bool HeldByCurrentThread() const noexcept {
@@ -74,6 +74,8 @@ class TRecursiveLock {
 
  private:
   void LockSlow(std::uint32_t seen) noexcept;
+  void FutexWait(std::uint32_t expected) noexcept;
+  void FutexWakeOne() noexcept;
 
   std::atomic<std::uint32_t> FState{0};  // 0 free, 1 held, 2 held with waiters
   std::atomic<std::thread::id> FOwner{};
