@@ -2,6 +2,7 @@
 #include <pcre2.h>
 
 #include <algorithm>
+#include <array>
 
 #include <quma/PerlRegEx.h>
 
@@ -49,6 +50,84 @@ pcre2_jit_stack* JitStack(void*) {
   return tlsJitStack.Stack;  // null falls back to the machine stack
 }
 
+bool IsAsciiLetter(char16_t c) noexcept { return (c | 0x20) >= u'a' && (c | 0x20) <= u'z'; }
+
+// Whether a match found within a subject is found within every longer subject that begins with
+// it: true when nothing in the pattern looks past the end of its match (no lookahead, word
+// boundary or end assertion) or commits to a choice made on the text it had (atomic groups,
+// possessive quantifiers, verbs, subroutine calls, conditions). Read conservatively: anything
+// doubtful, quoting and extended mode included, answers false.
+bool IsGrowthMonotone(UnicodeStringView p, TPerlRegExOptions options) {
+  if (options.Contains(preExtended)) return false;
+  bool quantifier = false;  // the previous token was a quantifier (a '+' after it is possessive)
+  for (std::size_t i = 0; i < p.size(); ++i) {
+    const char16_t c = p[i];
+    const char16_t next = i + 1 < p.size() ? p[i + 1] : u'\0';
+    const bool wasQuantifier = quantifier;
+    quantifier = false;
+    switch (c) {
+      case u'\\':
+        if (std::u16string_view(u"bBzZGXRKQgCE").find(next) != std::u16string_view::npos) return false;
+        ++i;
+        break;
+      case u'$':
+        return false;
+      case u'[': {
+        std::size_t j = i + 1;
+        if (j < p.size() && p[j] == u'^') ++j;
+        if (j < p.size() && p[j] == u']') ++j;  // a leading ] is literal
+        for (; j < p.size() && p[j] != u']'; ++j) {
+          if (p[j] == u'\\') ++j;
+          else if (p[j] == u'[' && j + 1 < p.size() && p[j + 1] == u':') {
+            const std::size_t end = p.find(u":]", j + 2);
+            if (end == UnicodeStringView::npos) return false;
+            j = end + 1;
+          }
+        }
+        if (j >= p.size()) return false;
+        i = j;
+        break;
+      }
+      case u'(':
+        if (next == u'*') return false;
+        if (next == u'?') {
+          const char16_t kind = i + 2 < p.size() ? p[i + 2] : u'\0';
+          const char16_t then = i + 3 < p.size() ? p[i + 3] : u'\0';
+          if (kind == u'#') {
+            const std::size_t end = p.find(u')', i);
+            if (end == UnicodeStringView::npos) return false;
+            i = end;
+            break;
+          }
+          // Groups, named groups and backreferences, lookbehind, option settings; extended mode
+          // ('x') hides comments in the pattern.
+          const bool plain = kind == u':' || kind == u'|' || kind == u'\'' ||
+                             (kind == u'P' && (then == u'<' || then == u'=')) ||
+                             (kind == u'<' && (then == u'=' || then == u'!' || IsAsciiLetter(then) || then == u'_'));
+          if (!plain) {
+            std::size_t j = i + 2;
+            while (j < p.size() && UnicodeStringView(u"imnsJU^-").find(p[j]) != UnicodeStringView::npos) ++j;
+            if (j == i + 2 || j >= p.size() || (p[j] != u':' && p[j] != u')')) return false;
+          }
+          ++i;
+        }
+        break;
+      case u'*':
+      case u'?':
+      case u'}':
+        quantifier = !(c == u'?' && wasQuantifier);  // a lazy marker ends the quantifier
+        break;
+      case u'+':
+        if (wasQuantifier) return false;
+        quantifier = true;
+        break;
+      default:
+        break;
+    }
+  }
+  return true;
+}
+
 }  // namespace
 
 struct TRegex::TImpl {
@@ -63,6 +142,12 @@ struct TRegex::TImpl {
   // beyond ASCII (which may fold to it) counts as well.
   int32_t Required = -1;
   bool RequiredFolds = false;
+  bool GrowthMonotone = false;
+  // What a match may begin with: one unit (-1: not known), or a bitmap of the units below 256.
+  int32_t First = -1;
+  bool FirstFolds = false;
+  bool HasFirstMap = false;
+  std::array<uint8_t, 32> FirstMap{};
   ~TImpl() {
     pcre2_match_context_free(Context);
     pcre2_code_free(Code);
@@ -105,6 +190,16 @@ TRegex::TRegex(UnicodeStringView pattern, TPerlRegExOptions options, const TRege
     FImpl->Required = static_cast<int32_t>(unit);
     FImpl->RequiredFolds = (unit | 0x20) >= 'a' && (unit | 0x20) <= 'z';
   }
+  FImpl->GrowthMonotone = IsGrowthMonotone(pattern, options);
+  const uint8_t* map = nullptr;
+  if (pcre2_pattern_info(FImpl->Code, PCRE2_INFO_FIRSTCODETYPE, &type) == 0 && type == 1 &&
+      pcre2_pattern_info(FImpl->Code, PCRE2_INFO_FIRSTCODEUNIT, &unit) == 0 && unit < 0x80) {
+    FImpl->First = static_cast<int32_t>(unit);
+    FImpl->FirstFolds = (unit | 0x20) >= 'a' && (unit | 0x20) <= 'z';  // as for the required unit
+  } else if (pcre2_pattern_info(FImpl->Code, PCRE2_INFO_FIRSTBITMAP, &map) == 0 && map) {
+    FImpl->HasFirstMap = true;
+    std::copy(map, map + 32, FImpl->FirstMap.begin());
+  }
   FImpl->Context = pcre2_match_context_create(nullptr);
   if (!FImpl->Context) throw ERegularExpressionError(u"Error while matching regular expression: no memory");
   pcre2_jit_stack_assign(FImpl->Context, JitStack, nullptr);
@@ -120,6 +215,19 @@ Integer TRegex::GroupCount() const noexcept { return static_cast<Integer>(FImpl-
 const UnicodeString& TRegex::Pattern() const noexcept { return FImpl->Pattern; }
 TPerlRegExOptions TRegex::Options() const noexcept { return FImpl->Options; }
 bool TRegex::Anchored() const noexcept { return FImpl->Anchored; }
+
+bool TRegex::GrowthMonotone() const noexcept { return FImpl->GrowthMonotone; }
+
+bool TRegex::MayStartWith(char16_t c) const noexcept {
+  if (FImpl->First >= 0) return c == FImpl->First || (FImpl->FirstFolds && (c == (FImpl->First ^ 0x20) || c >= 0x80));
+  if (!FImpl->HasFirstMap || c >= 256) return true;
+  return (FImpl->FirstMap[c >> 3] >> (c & 7)) & 1;
+}
+
+int32_t TRegex::RequiredUnit(bool& Folds) const noexcept {
+  Folds = FImpl->RequiredFolds;
+  return FImpl->Required;
+}
 
 bool TRegex::HasRequiredUnit() const noexcept { return FImpl->Required >= 0; }
 

@@ -90,9 +90,19 @@ class TRegex {
   // False when no match can lie within text: it lacks a code unit that every match contains
   // (the last literal one PCRE2 found). True whenever that cannot be told cheaply.
   bool MayMatchWithin(UnicodeStringView text) const noexcept;
+  // Whether a match within a subject is certain to be found within every longer subject that
+  // begins with it (nothing in the pattern looks past its match or commits to a choice made on
+  // the shorter text). Then "is there a match within the first k units" only turns from false to
+  // true as k grows, and a caller may search for the first such k instead of trying every one.
+  bool GrowthMonotone() const noexcept;
   // Whether such a unit is known, and whether c may be it (true when none is known).
   bool HasRequiredUnit() const noexcept;
   bool MayBeRequiredUnit(char16_t c) const noexcept;
+  // The unit itself (below 128; -1 when none is known), and whether its other case and any unit
+  // beyond ASCII count as well.
+  std::int32_t RequiredUnit(bool& Folds) const noexcept;
+  // False when no match can begin with c (PCRE2's first-unit analysis); true when unsure.
+  bool MayStartWith(char16_t c) const noexcept;
   Integer GroupCount() const noexcept;
   const UnicodeString& Pattern() const noexcept;
   TPerlRegExOptions Options() const noexcept;

@@ -241,11 +241,29 @@ std::size_t TQUMAStreamedNodeDefinition::CloseResumeOffset(TQUMAStreamedNode* pN
     _nGSerial = _nCloseSerial;
     _bGKnown = true;
   }
-  const auto& scan = pNode->_CloseScan;
-  if (scan.Valid && scan.Serial == _nCloseSerial && ContentLength >= scan.ContentLength && !_bCloseUsesG &&
+  if (_bCloseUsesG) return 0;
+  auto& scan = pNode->_CloseScan;
+  if (scan.Valid && scan.Serial == _nCloseSerial && ContentLength >= scan.ContentLength &&
       StartsWith(Subject.substr(std::min(scan.ContentLength, Subject.size())), scan.Tail))
     return scan.Safe;
-  return 0;
+  // The content alone, searched on from where it was last: what a hard partial search of it
+  // rules out stays ruled out whatever is appended.
+  if (scan.ContentSerial != _nCloseSerial || scan.ContentSafeLength > ContentLength) {
+    scan.ContentSafe = scan.ContentSafeLength = 0;
+    scan.ContentSerial = _nCloseSerial;
+  }
+  if (ContentLength > scan.ContentSafeLength) {
+    const TRegex* close = _GetCloseRegEx();
+    const UnicodeStringView content = Subject.substr(0, ContentLength);
+    try {
+      const TRegexMatchResult probe = close->MatchPartial(content, _Match, scan.ContentSafe);
+      scan.ContentSafe = probe == mrNoMatch ? ContentLength : std::min(_Match.GroupOffset(0), ContentLength);
+      scan.ContentSafeLength = ContentLength;
+    } catch (const std::exception&) {
+      return 0;  // the search proper meets the error and reports it
+    }
+  }
+  return scan.ContentSafe;
 }
 
 std::size_t TQUMAStreamedNodeDefinition::TakeTextRun(TQUMAStreamedNode* pNode, const Byte* Bytes, std::size_t Count) {
@@ -544,6 +562,111 @@ UnicodeString TQUMAStreamParser::SlurpCharacters(Integer nCount) {
   return result;
 }
 
+std::size_t TQUMAStreamParser::SkipQuietCharacters() {
+  // The characters that follow may be appended to the buffer at once, without a step each, as
+  // far as no step could act on them: the open node neither closes nor takes text, and no
+  // definition opens. Only this library's own classes (an override may act on any character).
+  const Int64 position = _pUtf8Memory->Position();
+  if (position < 0 || position >= _pUtf8Memory->Size()) return 0;
+  const Byte* bytes = _pUtf8Memory->Memory() + position;
+  const auto available = static_cast<std::size_t>(_pUtf8Memory->Size() - position);
+  if (bytes[0] >= 0x80 || bytes[0] == '\r' || bytes[0] == '\n') return 0;
+  const char16_t first = _szBuffer.empty() ? static_cast<char16_t>(bytes[0]) : _szBuffer[0];
+
+  TQUMAStreamedNode* const node = CurrentNode();
+  TQUMAStreamedNodeDefinition* const own = node ? node->Definition() : nullptr;
+  const TRegex* close = nullptr;
+  _QuietTests.clear();
+  _QuietBounds.clear();
+  // Each test of the buffer is ruled out for the stretch by the unit its matches begin with,
+  // bounded by a unit every match contains (the stretch ends before it), or searched: a test
+  // whose match, once there, stays as the buffer grows is tried once, at the stretch's end.
+  auto classify = [&](const TRegex* test) {
+    if (test->Anchored() && !test->MayStartWith(first)) return true;
+    if (test->HasRequiredUnit() && !test->MayMatchWithin(_szBuffer)) {
+      _QuietBounds.push_back(test);
+      return true;
+    }
+    if (!test->GrowthMonotone()) return false;
+    _QuietTests.push_back(test);
+    return true;
+  };
+  if (node) {
+    if (!own || node->ClassType() != TQUMAStreamedNode::StaticClass() ||
+        own->ClassType() != TQUMAStreamedNodeDefinition::StaticClass() || !own->AllowsContainedNodes())
+      return 0;
+    // A character that arrives in an empty buffer may be an escape.
+    if (_szBuffer.empty() && std::find(own->_caEscapes.begin(), own->_caEscapes.end(), first) != own->_caEscapes.end())
+      return 0;
+    if (own->AllowsContainedText()) {
+      if (!own->_szValid.empty()) return 0;
+      if (const TRegex* allowed = own->_GetAllowedRegEx(); allowed && !classify(allowed)) return 0;
+    }
+    close = own->_GetCloseRegEx();
+    if (close && close->MayBeRequiredUnit(bytes[0])) return 0;  // the stretch would end at once
+  }
+  const Integer count = DefinitionCount();
+  for (Integer i = 0; i < count; ++i) {
+    TQUMAStreamedNodeDefinition* definition = Definition(i);
+    if (definition->ClassType() != TQUMAStreamedNodeDefinition::StaticClass()) return 0;
+    if (node ? !node->IsAllowedNodeClass(definition->ClassType()) : !definition->CanBeRootNode()) continue;
+    if (const TRegex* open = definition->_GetOpenRegEx(); open && !classify(open)) return 0;
+  }
+
+  // The close is matched at the end of the text and may come and go: it bounds the stretch by
+  // its required unit, from where its search would resume.
+  if (close) {
+    if (!close->HasRequiredUnit()) return 0;
+    UnicodeString& content = node->_szContent;
+    const std::size_t contentLength = content.size();
+    content += _szBuffer;
+    const std::size_t start = own->CloseResumeOffset(node, content, contentLength);
+    const bool may = close->MayMatchWithin(UnicodeStringView(content).substr(start));
+    content.resize(contentLength);
+    if (may) return 0;
+    _QuietBounds.push_back(close);
+  }
+  // Where the stretch ends: a line end (a step of its own), a unit beyond ASCII, a bound.
+  std::array<bool, 128> stop{};
+  stop['\r'] = stop['\n'] = true;
+  for (const TRegex* bound : _QuietBounds) {
+    bool folds = false;
+    const std::int32_t unit = bound->RequiredUnit(folds);
+    stop[static_cast<std::size_t>(unit)] = true;
+    if (folds) stop[static_cast<std::size_t>(unit ^ 0x20)] = true;
+  }
+  constexpr std::size_t kStretch = 256;
+  std::size_t length = 0;
+  for (const std::size_t limit = std::min(available, kStretch); length < limit; ++length)
+    if (bytes[length] >= 0x80 || stop[bytes[length]]) break;
+  if (length == 0) return 0;
+
+  const std::size_t base = _szBuffer.size();
+  _szQuiet.assign(_szBuffer);
+  _szQuiet.append(bytes, bytes + length);
+  try {
+    for (const TRegex* test : _QuietTests) {
+      if (test->MatchSoftPartial(_szQuiet, _QuietMatch) != mrMatch) continue;
+      // It acts within the stretch: the stretch ends before the first length at which it does.
+      std::size_t low = base + 1, high = base + length;
+      while (low < high) {
+        const std::size_t mid = low + (high - low) / 2;
+        if (test->MatchSoftPartial(UnicodeStringView(_szQuiet).substr(0, mid), _QuietMatch) == mrMatch) high = mid;
+        else low = mid + 1;
+      }
+      length = low - base - 1;
+      if (length == 0) return 0;
+      _szQuiet.resize(base + length);
+    }
+  } catch (const std::exception&) {
+    return 0;  // the characters' own steps meet the error and report it
+  }
+  _szBuffer.swap(_szQuiet);
+  _pUtf8Memory->SetPosition(position + static_cast<Int64>(length));
+  _nCharCount += static_cast<Integer>(length);
+  return length;
+}
+
 void TQUMAStreamParser::Feed() {
   while (TQUMAStreamedNode* node = CurrentNode()) {
     if (_szBuffer.empty()) return;
@@ -631,6 +754,7 @@ bool TQUMAStreamParser::ParseStream(TStream* pInput, const TEncoding*) {
           }
         }
       }
+      if (runs && _pUtf8Memory == _pInput && SkipQuietCharacters() > 0) continue;
       if (!Fetch(szChar, bytes)) break;
       ++_nCharCount;
       if (szChar == u"\r") {

@@ -85,21 +85,30 @@ class TQUMAStreamedNode : public TObject {
 
  private:
   friend class TQUMAStreamedNodeDefinition;
+  friend class TQUMAStreamParser;  // appends characters no step acts on
 
   // Where the search for the close pattern may resume: the subject it last ran on was Content's
   // first ContentLength units followed by Tail, and no match can start before Safe. Content
   // only grows at its end while this is kept; any other change of Content discards it.
+  // Whatever follows it, no match can start before ContentSafe in a text that begins with
+  // Content's first ContentSafeLength units: the fallback when the last subject's tail was not
+  // taken into Content (a child node opened on it, say).
   struct TCloseScan {
     std::size_t ContentLength = 0;
     UnicodeString Tail;
     std::size_t Safe = 0;
     std::uint64_t Serial = 0;  // of the definition's close regex it was made with
     bool Valid = false;
+    std::size_t ContentSafe = 0;
+    std::size_t ContentSafeLength = 0;
+    std::uint64_t ContentSerial = 0;
   };
   // Keeps the close search's progress when the new content extends the old one.
   void SetContent(UnicodeString Value) {
-    if (Value.size() < _szContent.size() || Value.compare(0, _szContent.size(), _szContent) != 0)
+    if (Value.size() < _szContent.size() || Value.compare(0, _szContent.size(), _szContent) != 0) {
       _CloseScan.Valid = false;
+      _CloseScan.ContentSafe = _CloseScan.ContentSafeLength = 0;
+    }
     _szContent = std::move(Value);
   }
 
@@ -392,6 +401,11 @@ class TQUMAStreamParser : public TQUMAReferencedPersistent {
   // The input while it is one of the library's memory streams holding UTF-8: an ASCII byte is
   // then read straight from its memory, with the same result as decoding it.
   TMemoryStream* _pUtf8Memory = nullptr;
+  // Appends to a waiting buffer the characters that no step would act on; how many.
+  std::size_t SkipQuietCharacters();
+  std::vector<const TRegex*> _QuietTests, _QuietBounds;  // its scratch
+  UnicodeString _szQuiet;
+  TRegexMatch _QuietMatch;
   void Feed();
   void OpenNode();
   void FinishStream();
