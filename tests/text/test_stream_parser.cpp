@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <random>
 #include <sstream>
 
 #include <quma/StreamParser.h>
@@ -170,14 +171,26 @@ class TOneByOneStream : public TBytesStream {
   using TBytesStream::TBytesStream;
 };
 
-TEST_F(StreamParserTest, TextRunsGiveWhatCharacterStepsGive) {
-  const auto run = [this](TQUMAStreamParser* parser, TStream* stream) {
+class StreamParserStepsTest : public StreamParserTest {
+ protected:
+  // The result, message and events of a parse with the fixture's definitions.
+  std::string Run(TQUMAStreamParser* parser, TStream* stream) {
     for (auto* def : Parser->Definitions()->ToVector()) parser->AddNodeDefinition(def);
     Rec->Events.clear();
     const bool ok = parser->ParseStream(stream);
     for (auto* def : parser->Definitions()->ToVector()) parser->RemoveNodeDefinition(def);
     return std::to_string(ok) + Utf16ToUtf8(parser->ErrorMessage()) + "|" + ::testing::PrintToString(Rec->Events);
-  };
+  }
+  void ExpectSameAsSteps(const std::string& input) {
+    auto fast = MakeObject<TQUMAStreamParser>();
+    auto slow = MakeObject<TOneByOneParser>();
+    auto fastStream = MakeObject<TStringStream>(input);
+    auto slowStream = MakeObject<TOneByOneStream>(TBytes(input.begin(), input.end()));
+    EXPECT_EQ(Run(fast.get(), fastStream.get()), Run(slow.get(), slowStream.get())) << input;
+  }
+};
+
+TEST_F(StreamParserStepsTest, TextRunsGiveWhatCharacterStepsGive) {
   Add({u"b", u"<b>", u"</b>", u"^[^<]+", u"", kNested})->SetEscapes(u"\\");
   Add({u"c", u"<!--", u"-->", u"^(?:-?[^-])+", u"", kNested});
   Add({u"end", u"<e>", u"end", u"^[^<]+", u"", kTextRoot})->SetCaseInsensitiveClose(true);
@@ -187,18 +200,39 @@ TEST_F(StreamParserTest, TextRunsGiveWhatCharacterStepsGive) {
       "<b>h\xC3\xA9llo w\xC3\xB6rld</b>", "<!-- a-b - c --><b>" + many + "<!--" + many + "--></b>",
       "<e>" + many + "abcEnD", "<b>" + many + "\n" + many + "</b>?" + many, "<b>" + many,
   };
-  for (const std::string& input : inputs) {
-    auto fast = MakeObject<TQUMAStreamParser>();
-    auto slow = MakeObject<TOneByOneParser>();
-    auto fastStream = MakeObject<TStringStream>(input);
-    auto slowStream = MakeObject<TOneByOneStream>(TBytes(input.begin(), input.end()));
-    EXPECT_EQ(run(fast.get(), fastStream.get()), run(slow.get(), slowStream.get())) << input;
-  }
+  for (const std::string& input : inputs) ExpectSameAsSteps(input);
   // A close whose letters may come in either case ends a run of text.
   auto parser = MakeObject<TQUMAStreamParser>();
   auto stream = MakeObject<TStringStream>(std::string_view("<e>xyzEnD"));
-  EXPECT_EQ(run(parser.get(), stream.get()).front(), '1');
+  EXPECT_EQ(Run(parser.get(), stream.get()).front(), '1');
   EXPECT_EQ(Rec->Events, (std::vector<std::string>{"open:end:<e>", "close:end:<e>xyzEnD"}));
+}
+
+// Random documents over an XML-like grammar and definitions that challenge the stretches of
+// characters taken at once: a lookahead and a word boundary (no stretch may cross them), an
+// unanchored allowed pattern, opens that match inside a would-be stretch, escapes.
+TEST_F(StreamParserStepsTest, StretchesGiveWhatCharacterStepsGive) {
+  const std::u16string name = u"[a-z][a-z0-9]*", attributes = u"(?:\\s+[a-z]+\\s*=\\s*\"[^\"<]*\")*\\s*";
+  const std::u16string element = u"<" + name + attributes + u">", empty = u"<" + name + attributes + u"/>";
+  Add({u"element", element.c_str(), u"</[a-z][a-z0-9]*>", u"^[^<]+", u"", kNested})->SetEscapes(u"\\");
+  Add({u"empty", empty.c_str(), u"", u"", u"", kRoot});
+  Add({u"comment", u"<!--", u"-->", u"^(?:-?[^-])+", u"", kNested})->AllowNodeClass(TQUMAStreamedNode::StaticClass());
+  Add({u"pi", u"<\\?[a-z]+(?:\\s+[^?]*)?\\?>", u"", u"", u"", kRoot});
+  Add({u"list", u"\\[", u"\\]\\]", u"[0-9]+", u"", kNested});
+  Add({u"look", u"<x(?=y)", u"", u"", u"", kRoot});
+  Add({u"word", u"ab\\b", u"", u"", u"", kRoot});
+  Add({u"dash", u"a-b", u"", u"", u"", kRoot});
+  Add({u"space", u"\\s+", u"", u"", u"", kRoot});
+  const char* pieces[] = {"<", ">", "/", "a", "b", "x", "y", "-", "!", "?", " ", "\n", "\r\n", "\"", "=", "[",
+                          "]", "1", "\\", "\xC3\xA9", "<a>", "</a>", "<b x=\"1\">", "</b>", "<!--", "-->",
+                          "<?p q?>", "<e/>", "ab", "a-b", "<xy", "<a", "<b", " x=\"1\"", "\n>", "/>", "</a",
+                          "]]", "x1"};
+  std::mt19937 random(20261123);
+  for (int i = 0; i < 600; ++i) {
+    std::string input;
+    for (auto n = random() % 24 + 1; n > 0; --n) input += pieces[random() % std::size(pieces)];
+    ExpectSameAsSteps(input);
+  }
 }
 
 TEST_F(StreamParserTest, EveryLineEndFormBecomesTheNormalisedOne) {

@@ -1,0 +1,57 @@
+#include <gtest/gtest.h>
+
+#include <quma/PerlRegEx.h>
+
+using namespace quma;
+
+// What the analysis promises, checked on the patterns: a pattern called monotone never loses a
+// match found within a prefix of a text as the prefix grows; anything that looks past its match
+// or commits to a choice made on the shorter text is refused.
+TEST(RegexAnalysis, GrowthMonotoneRefusesWhatLooksAheadOrCommits) {
+  const struct {
+    const char16_t* Pattern;
+    bool Monotone;
+  } cases[] = {
+      {u"^<[a-z]+(?:\\s+\\w+=\"[^\"]*\")*>", true}, {u"(?<=x)y|[$\\b]", true}, {u"(?i:a)(?-i)b(?<n>c)\\k<n>", true},
+      {u"a+?b??c{2,3}?", true},  {u"(?#$)a", true},        {u"(?P<n>a)(?P=n)", true},
+      {u"a$", false},            {u"a\\b", false},         {u"a\\z", false},
+      {u"a(?=b)", false},        {u"a(?!b)", false},       {u"(?>a+)", false},
+      {u"a++", false},           {u"a*+b", false},         {u"a{2}+", false},
+      {u"(*COMMIT)a", false},    {u"(a)(?(1)a|b)", false},    {u"(a)(?1)", false},
+      {u"a(?R)?b", false},        {u"\\Q$\\E", false},      {u"(?x)a#[\n$", false},
+      {u"a\\R", false},          {u"a\\X", false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(Utf16ToUtf8(c.Pattern));
+    EXPECT_EQ(TRegex(c.Pattern).GrowthMonotone(), c.Monotone);
+  }
+  EXPECT_FALSE(TRegex(u"a", {preExtended}).GrowthMonotone());
+  // Where the analysis says yes, the promise holds on every prefix of a text.
+  const TRegex tag(u"^<[a-z]+(?:\\s+\\w+=\"[^\"]*\")*>");
+  const UnicodeString text = u"<ab x=\"1\" y=\"\">tail>";
+  TRegexMatch m;
+  bool seen = false;
+  for (std::size_t k = 0; k <= text.size(); ++k) {
+    const bool now = tag.Match(UnicodeStringView(text).substr(0, k), m);
+    EXPECT_TRUE(now || !seen) << k;
+    seen = seen || now;
+  }
+  EXPECT_TRUE(seen);
+}
+
+TEST(RegexAnalysis, FirstAndRequiredUnits) {
+  const TRegex open(u"^<!-+-"), caseless(u"^x-+y", {preCaseLess}), space(u"^\\s+"), any(u"a|.");
+  EXPECT_TRUE(open.MayStartWith(u'<'));
+  EXPECT_FALSE(open.MayStartWith(u'!'));
+  EXPECT_TRUE(caseless.MayStartWith(u'X'));
+  EXPECT_FALSE(caseless.MayStartWith(u'z'));
+  EXPECT_TRUE(space.MayStartWith(u'\t'));
+  EXPECT_FALSE(space.MayStartWith(u'<'));
+  EXPECT_TRUE(any.MayStartWith(u'?'));
+  bool folds = true;
+  EXPECT_EQ(open.RequiredUnit(folds), u'-');
+  EXPECT_FALSE(folds);
+  EXPECT_EQ(caseless.RequiredUnit(folds), u'y');
+  EXPECT_TRUE(folds);
+  EXPECT_EQ(space.RequiredUnit(folds), -1);
+}
