@@ -128,6 +128,34 @@ bool IsGrowthMonotone(UnicodeStringView p, TPerlRegExOptions options) {
   return true;
 }
 
+// The literal text every match begins with, read from an anchored pattern: plain characters and
+// escaped punctuation after the leading ^, up to the first other syntax (a character that a
+// quantifier follows is left out). Empty when doubtful: alternation, extended mode, a caseless
+// letter.
+UnicodeString ReadLiteralPrefix(UnicodeStringView p, TPerlRegExOptions options) {
+  UnicodeString prefix;
+  if (options.Contains(preExtended) || p.find(u'|') != UnicodeStringView::npos || p.empty() || p[0] != u'^')
+    return prefix;
+  const bool caseless = options.Contains(preCaseLess);
+  constexpr UnicodeStringView meta = u"\\^$.|?*+()[]{}";
+  for (std::size_t i = 1; i < p.size();) {
+    char16_t c = p[i];
+    std::size_t next = i + 1;
+    if (c == u'\\') {
+      if (next >= p.size() || p[next] >= 0x80 || IsAsciiLetter(p[next]) || (p[next] >= u'0' && p[next] <= u'9')) break;
+      c = p[next];
+      next = i + 2;
+    } else if (meta.find(c) != UnicodeStringView::npos || c >= 0x80) {
+      break;
+    }
+    if (next < p.size() && UnicodeStringView(u"?*+{").find(p[next]) != UnicodeStringView::npos) break;
+    if (caseless && IsAsciiLetter(c)) break;
+    prefix.push_back(c);
+    i = next;
+  }
+  return prefix;
+}
+
 }  // namespace
 
 struct TRegex::TImpl {
@@ -148,6 +176,7 @@ struct TRegex::TImpl {
   bool FirstFolds = false;
   bool HasFirstMap = false;
   std::array<uint8_t, 32> FirstMap{};
+  UnicodeString Prefix;  // literal text every match begins with (anchored patterns)
   ~TImpl() {
     pcre2_match_context_free(Context);
     pcre2_code_free(Code);
@@ -205,6 +234,23 @@ TRegex::TRegex(UnicodeStringView pattern, TPerlRegExOptions options, const TRege
   pcre2_jit_stack_assign(FImpl->Context, JitStack, nullptr);
   if (limits.MatchLimit) pcre2_set_match_limit(FImpl->Context, limits.MatchLimit);
   if (limits.DepthLimit) pcre2_set_depth_limit(FImpl->Context, limits.DepthLimit);
+  if (FImpl->Anchored) {
+    FImpl->Prefix = ReadLiteralPrefix(pattern, options);
+    if (partial && FImpl->First < 0) {
+      // PCRE2 finds no first units for an anchored pattern: ask it, once per ASCII unit, whether
+      // a text that begins with the unit can still match (units beyond ASCII stay possible).
+      FImpl->FirstMap.fill(0xFF);
+      TRegexMatch m;
+      for (char16_t c = 0; c < 0x80; ++c) {
+        try {
+          if (MatchSoftPartial(UnicodeStringView(&c, 1), m) == mrNoMatch) FImpl->FirstMap[c >> 3] &= ~(1u << (c & 7));
+        } catch (const std::exception&) {
+          // possible, then
+        }
+      }
+      FImpl->HasFirstMap = true;
+    }
+  }
 }
 
 TRegex::TRegex(TRegex&&) noexcept = default;
@@ -217,6 +263,8 @@ TPerlRegExOptions TRegex::Options() const noexcept { return FImpl->Options; }
 bool TRegex::Anchored() const noexcept { return FImpl->Anchored; }
 
 bool TRegex::GrowthMonotone() const noexcept { return FImpl->GrowthMonotone; }
+
+UnicodeStringView TRegex::LiteralPrefix() const noexcept { return FImpl->Prefix; }
 
 bool TRegex::MayStartWith(char16_t c) const noexcept {
   if (FImpl->First >= 0) return c == FImpl->First || (FImpl->FirstFolds && (c == (FImpl->First ^ 0x20) || c >= 0x80));

@@ -103,6 +103,8 @@ class TRegex {
   std::int32_t RequiredUnit(bool& Folds) const noexcept;
   // False when no match can begin with c (PCRE2's first-unit analysis); true when unsure.
   bool MayStartWith(char16_t c) const noexcept;
+  // For an anchored pattern, literal text that every match begins with (empty when unsure).
+  UnicodeStringView LiteralPrefix() const noexcept;
   Integer GroupCount() const noexcept;
   const UnicodeString& Pattern() const noexcept;
   TPerlRegExOptions Options() const noexcept;

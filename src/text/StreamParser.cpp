@@ -3,6 +3,7 @@
 #include <cxxabi.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +16,11 @@ namespace quma {
 namespace {
 // Enough for any sane pattern over a node of many megabytes; a catastrophic one stops at once.
 constexpr TRegexLimits kLimits{10'000'000, 250'000};
+
+// Moves on whenever a definition or a parser's list of them changes: what the parsers derived
+// from them (SkipQuietCharacters' plans) is then stale.
+std::atomic<std::uint64_t> gDefinitionsGeneration{1};
+void TouchDefinitions() noexcept { gDefinitionsGeneration.fetch_add(1, std::memory_order_relaxed); }
 
 bool Contains(const std::vector<TClass>& list, TClass cls) {
   return std::find(list.begin(), list.end(), cls) != list.end();
@@ -70,6 +76,7 @@ void TQUMAStreamedNodeDefinition::Assign(TPersistent* Source) {
   _fnCloseCallback = source->_fnCloseCallback;
   SetOpenMatch(source->OpenMatch());
   _pAllowedNodes = source->_pAllowedNodes;
+  TouchDefinitions();
 }
 
 const TRegex* TQUMAStreamedNodeDefinition::Compiled(std::unique_ptr<TRegex>& Cache, const UnicodeString& Pattern,
@@ -116,6 +123,7 @@ const TRegex* TQUMAStreamedNodeDefinition::_GetValidRegEx() {
 namespace {
 void SetPattern(UnicodeString& Field, std::unique_ptr<TRegex>& Regex, const UnicodeString& Value) {
   if (Field == Value) return;
+  TouchDefinitions();
   Field = Value;
   Regex.reset();
 }
@@ -124,12 +132,22 @@ void SetPattern(UnicodeString& Field, std::unique_ptr<TRegex>& Regex, const Unic
 void TQUMAStreamedNodeDefinition::_SetOpenMatch(const UnicodeString& Value) { SetPattern(_szOpen, _pRegOpen, Value); }
 void TQUMAStreamedNodeDefinition::_SetAllowedMatch(const UnicodeString& Value) {
   SetPattern(_szAllowed, _pRegAllowed, Value);
-  if (!_pRegAllowed) _AllowedAlone.fill(0);
+  if (!_pRegAllowed) {
+    _AllowedAlone.fill(0);
+    _LineEndAlone = 0;
+  }
 }
 void TQUMAStreamedNodeDefinition::_SetValidMatch(const UnicodeString& Value) { SetPattern(_szValid, _pRegValid, Value); }
 void TQUMAStreamedNodeDefinition::_SetCloseMatch(const UnicodeString& Value) {
   if (Value != _szClose) ++_nCloseSerial;
   SetPattern(_szClose, _pRegClose, Value);
+}
+
+void TQUMAStreamedNodeDefinition::SetOption(TNodeOption Option, bool Value) noexcept {
+  if (_NodeOptions.Contains(Option) == Value) return;
+  TouchDefinitions();
+  if (Value) _NodeOptions.Include(Option);
+  else _NodeOptions.Exclude(Option);
 }
 
 void TQUMAStreamedNodeDefinition::SetCaseOption(TNodeOption Option, bool Value, std::unique_ptr<TRegex>& Regex) {
@@ -147,7 +165,10 @@ void TQUMAStreamedNodeDefinition::_SetCaseInsensitiveClose(bool Value) {
 }
 void TQUMAStreamedNodeDefinition::_SetCaseInsensitiveContent(bool Value) {
   SetCaseOption(snd_CaseInsensitiveContent, Value, _pRegAllowed);
-  if (!_pRegAllowed) _AllowedAlone.fill(0);
+  if (!_pRegAllowed) {
+    _AllowedAlone.fill(0);
+    _LineEndAlone = 0;
+  }
 }
 void TQUMAStreamedNodeDefinition::_SetCaseInsensitiveValid(bool Value) {
   SetCaseOption(snd_CaseInsensitiveValid, Value, _pRegValid);
@@ -157,6 +178,7 @@ void TQUMAStreamedNodeDefinition::_SetAllowsMultiLineText(bool Value) {
 }
 
 void TQUMAStreamedNodeDefinition::_SetEscapes(const UnicodeString& Value) {
+  TouchDefinitions();
   // As many bytes as characters, from the text's UTF-16 (low byte first) into the zeroed array.
   _caEscapes.assign(Value.size(), 0);
   for (std::size_t b = 0; b < Value.size(); ++b) {
@@ -167,12 +189,14 @@ void TQUMAStreamedNodeDefinition::_SetEscapes(const UnicodeString& Value) {
 
 void TQUMAStreamedNodeDefinition::AllowNodeClass(TClass pNodeClass) {
   if (!pNodeClass) return;
+  TouchDefinitions();
   std::erase(_pDisallowedNodes, pNodeClass);
   _pAllowedNodes.push_back(pNodeClass);
 }
 
 void TQUMAStreamedNodeDefinition::DisallowNodeClass(TClass pNodeClass) {
   if (!pNodeClass) return;
+  TouchDefinitions();
   std::erase(_pAllowedNodes, pNodeClass);
   _pDisallowedNodes.push_back(pNodeClass);
 }
@@ -223,7 +247,7 @@ TQUMAStreamedNode* TQUMAStreamedNodeDefinition::TryMatchOpen(UnicodeString& szCa
   TQUMAStreamedNode* node = CreateNode(pForParser);
   node->_pDefinition = this;
   node->_szOpen.assign(m.Group(0));
-  szCandidate = After(m);
+  szCandidate.erase(0, m.GroupOffset(0) + m.GroupLength(0));  // (the match was made on it)
   if (_pParser) _pParser->PushNode(node);
   if (_fnOpenCallback) _fnOpenCallback(this, node);
   if (!_GetAllowedRegEx() && !_GetValidRegEx()) {
@@ -266,58 +290,99 @@ std::size_t TQUMAStreamedNodeDefinition::CloseResumeOffset(TQUMAStreamedNode* pN
   return scan.ContentSafe;
 }
 
-std::size_t TQUMAStreamedNodeDefinition::TakeTextRun(TQUMAStreamedNode* pNode, const Byte* Bytes, std::size_t Count) {
+std::size_t TQUMAStreamedNodeDefinition::TakeTextRun(TQUMAStreamedNode* pNode, const Byte* Bytes, std::size_t Count,
+                                                     UnicodeStringView LineEnd) {
   // Only where every step is this class's own: an override may do anything with a character.
-  if (!pNode || pNode->_pDefinition != this || ClassType() != StaticClass() ||
+  if (Count == 0 || !pNode || pNode->_pDefinition != this || ClassType() != StaticClass() ||
       pNode->ClassType() != TQUMAStreamedNode::StaticClass() || !AllowsContainedText() || !_szValid.empty())
     return 0;
   const TRegex* allowed = _GetAllowedRegEx();
   if (!allowed) return 0;
   const TRegex* close = _GetCloseRegEx();
   if (close && !close->HasRequiredUnit()) return 0;
-  UnicodeString& content = pNode->_szContent;
-  auto& scan = pNode->_CloseScan;
-  const std::size_t original = content.size();
-  std::size_t start = 0;
-  std::size_t taken = 0;
-  for (; taken < Count; ++taken) {
-    const Byte b = Bytes[taken];
-    const auto c = static_cast<char16_t>(b);
-    if (b >= 0x80 || c == u'\r' || c == u'\n' || std::find(_caEscapes.begin(), _caEscapes.end(), c) != _caEscapes.end())
-      break;
+
+  // Where a run ends: a carriage return (it looks ahead), an escape, a unit that a close match
+  // needs, a line feed when the line end it becomes is one of those. Kept while the close
+  // pattern, the escapes and the line end stay.
+  if (_RunStopsSerial != _nCloseSerial || _RunStopsEscapes != _caEscapes || _RunStopsLineEnd != LineEnd) {
+    _RunStops.fill(false);
+    _RunStops['\r'] = true;
+    for (const WideChar e : _caEscapes)
+      if (e < 128) _RunStops[e] = true;
     if (close) {
-      // The close search a character would make finds nothing while the text from where it would
-      // resume lacks the required unit; past 64 units let that search run and move the resume on.
-      if (taken == 0) {
-        content.push_back(c);
-        start = CloseResumeOffset(pNode, content, original);
-        const bool may = close->MayMatchWithin(UnicodeStringView(content).substr(start));
-        content.pop_back();
-        if (may) break;
-      } else if (close->MayBeRequiredUnit(c) || content.size() + 1 - start > 64) {
-        break;
-      }
+      bool folds = false;
+      const std::int32_t unit = close->RequiredUnit(folds);
+      _RunStops[static_cast<std::size_t>(unit)] = true;
+      if (folds) _RunStops[static_cast<std::size_t>(unit ^ 0x20)] = true;
     }
-    std::uint8_t& alone = _AllowedAlone[b];
+    _RunStops['\n'] = LineEnd.empty() ||
+                      (LineEnd.size() == 1 &&
+                       std::find(_caEscapes.begin(), _caEscapes.end(), LineEnd[0]) != _caEscapes.end()) ||
+                      (close && std::any_of(LineEnd.begin(), LineEnd.end(),
+                                            [close](char16_t u) { return close->MayBeRequiredUnit(u); }));
+    if (_AllowedLineEnd != LineEnd) _LineEndAlone = 0;
+    _AllowedLineEnd.assign(LineEnd);
+    _RunStopsSerial = _nCloseSerial;
+    _RunStopsEscapes = _caEscapes;
+    _RunStopsLineEnd.assign(LineEnd);
+  }
+  // Whether the allowed pattern takes a character whole, as its step would see it alone.
+  const auto takesAlone = [&](Byte b) {
+    const bool lineFeed = b == '\n';
+    std::uint8_t& alone = lineFeed ? _LineEndAlone : _AllowedAlone[b];
     if (alone == 0) {
+      const auto c = static_cast<char16_t>(b);
+      const UnicodeStringView candidate = lineFeed ? LineEnd : UnicodeStringView(&c, 1);
       try {
-        alone = allowed->Match(UnicodeStringView(&c, 1), _Match) && _Match.GroupOffset(0) == 0 &&
-                        _Match.GroupLength(0) == 1
+        alone = allowed->Match(candidate, _Match) && _Match.GroupOffset(0) == 0 &&
+                        _Match.GroupLength(0) == candidate.size()
                     ? 1
                     : 2;
       } catch (const std::exception&) {
-        break;  // the character's own step meets the error and reports it
+        return false;  // the character's own step meets the error and reports it
       }
     }
-    if (alone != 1) break;
-    content.push_back(c);
+    return alone == 1;
+  };
+  if (Bytes[0] >= 0x80 || _RunStops[Bytes[0]] || !takesAlone(Bytes[0])) return 0;
+
+  UnicodeString& content = pNode->_szContent;
+  const std::size_t original = content.size();
+  std::size_t start = 0;
+  if (close) {
+    // The close search the first character would make finds nothing while the text from where it
+    // would resume lacks the required unit; past 64 units let that search run and move on.
+    const char16_t first = Bytes[0];
+    content += Bytes[0] == '\n' ? LineEnd : UnicodeStringView(&first, 1);
+    start = CloseResumeOffset(pNode, content, original);
+    const bool may = close->MayMatchWithin(UnicodeStringView(content).substr(start));
+    content.resize(original);
+    if (may) return 0;
   }
-  if (taken > 0 && close) {
+  std::size_t taken = 1;
+  for (std::size_t units = Bytes[0] == '\n' ? LineEnd.size() : 1; taken < Count; ++taken) {
+    const Byte b = Bytes[taken];
+    if (b >= 0x80 || _RunStops[b]) break;
+    const std::size_t size = b == '\n' ? LineEnd.size() : 1;
+    if (close && original + units + size - start > 64) break;
+    if (!takesAlone(b)) break;
+    units += size;
+  }
+  const std::size_t lastUnits = Bytes[taken - 1] == '\n' ? LineEnd.size() : 1;
+  for (std::size_t from = 0; from < taken;) {
+    const auto* lineFeed = static_cast<const Byte*>(std::memchr(Bytes + from, '\n', taken - from));
+    const std::size_t to = lineFeed ? static_cast<std::size_t>(lineFeed - Bytes) : taken;
+    content.append(Bytes + from, Bytes + to);
+    if (lineFeed) content += LineEnd;
+    from = to + 1;
+  }
+  if (close) {
     // As the last character's own close search would have left it.
+    auto& scan = pNode->_CloseScan;
     scan.Valid = true;
     scan.Serial = _nCloseSerial;
-    scan.ContentLength = content.size() - 1;
-    scan.Tail.assign(1, content.back());
+    scan.ContentLength = content.size() - lastUnits;
+    scan.Tail.assign(content, content.size() - lastUnits, lastUnits);
     scan.Safe = start;
   }
   return taken;
@@ -355,24 +420,31 @@ bool TQUMAStreamedNodeDefinition::_CheckClose(UnicodeString& szCandidate, TQUMAS
     scan.Valid = true;
     scan.Serial = _nCloseSerial;
     scan.ContentLength = contentLength;
-    scan.Tail = szCandidate;
+    scan.Tail.assign(szCandidate);
     scan.Safe = safe;
     return false;
   }
-  UnicodeString before(m.Subject().substr(0, m.GroupOffset(0)));
-  UnicodeString closeText(m.Group(0));
-  UnicodeString after = After(m);
-  subject.resize(contentLength);
-  if (!before.empty()) {
-    if (!AllowsContainedText()) {
-      const UnicodeString name = Name();
-      throw EQUMAStreamError(name.empty() ? UnicodeString(u"Unexpected text found in unnamed node")
-                                          : Format(u"Unexpected text found in %s node", name));
-    }
-    pCandidate->SetContent(std::move(before));
+  // The subject is the content's own storage: the text before the match stays there as the new
+  // content, the candidate keeps what follows the match.
+  const std::size_t before = m.GroupOffset(0), end = before + m.GroupLength(0);
+  pCandidate->_szClose.assign(m.Group(0));
+  if (before > 0 && !AllowsContainedText()) {
+    subject.resize(contentLength);
+    const UnicodeString name = Name();
+    throw EQUMAStreamError(name.empty() ? UnicodeString(u"Unexpected text found in unnamed node")
+                                        : Format(u"Unexpected text found in %s node", name));
   }
-  pCandidate->_szClose = std::move(closeText);
-  szCandidate = std::move(after);
+  if (end >= contentLength) szCandidate.erase(0, end - contentLength);
+  else szCandidate.assign(subject, end);
+  if (before == 0) {
+    subject.resize(contentLength);
+  } else {
+    if (before < contentLength) {
+      scan.Valid = false;
+      scan.ContentSafe = scan.ContentSafeLength = 0;
+    }
+    subject.resize(before);
+  }
   _DoClose(pCandidate);
   return true;
 }
@@ -417,7 +489,7 @@ bool TQUMAStreamedNodeDefinition::TryAccept(UnicodeString& szCandidate, TQUMAStr
         accepted = true;
         if (!valid) {
           pCandidate->_szContent += m.Group(0);  // an append keeps the close search's progress
-          szCandidate = After(m);
+          szCandidate.erase(0, m.GroupOffset(0) + m.GroupLength(0));
         }
       }
     }
@@ -472,6 +544,7 @@ void TQUMAStreamParser::Assign(TPersistent* Source) {
 void TQUMAStreamParser::_DefinitionsChanged(TObject*, TQUMAStreamedNodeDefinition* const& Item,
                                             TCollectionNotification Action) {
   if (!Item) return;
+  TouchDefinitions();
   if (Action == cnAdded) Item->_pParser = this;
   else if ((Action == cnRemoved || Action == cnExtracted) && !QUMAIsFreeing(Item)) Item->_pParser = nullptr;
 }
@@ -576,47 +649,70 @@ std::size_t TQUMAStreamParser::SkipQuietCharacters() {
   TQUMAStreamedNode* const node = CurrentNode();
   TQUMAStreamedNodeDefinition* const own = node ? node->Definition() : nullptr;
   const TRegex* close = nullptr;
-  _QuietTests.clear();
-  _QuietBounds.clear();
-  // Each test of the buffer is ruled out for the stretch by the unit its matches begin with,
-  // bounded by a unit every match contains (the stretch ends before it), or searched: a test
-  // whose match, once there, stays as the buffer grows is tried once, at the stretch's end.
-  auto classify = [&](const TRegex* test) {
-    if (test->Anchored() && !test->MayStartWith(first)) return true;
-    if (test->HasRequiredUnit() && !test->MayMatchWithin(_szBuffer)) {
-      _QuietBounds.push_back(test);
-      return true;
-    }
-    if (!test->GrowthMonotone()) return false;
-    _QuietTests.push_back(test);
-    return true;
-  };
   if (node) {
     if (!own || node->ClassType() != TQUMAStreamedNode::StaticClass() ||
-        own->ClassType() != TQUMAStreamedNodeDefinition::StaticClass() || !own->AllowsContainedNodes())
+        own->ClassType() != TQUMAStreamedNodeDefinition::StaticClass() || !own->AllowsContainedNodes() ||
+        (own->AllowsContainedText() && !own->_szValid.empty()))
       return 0;
     // A character that arrives in an empty buffer may be an escape.
     if (_szBuffer.empty() && std::find(own->_caEscapes.begin(), own->_caEscapes.end(), first) != own->_caEscapes.end())
       return 0;
-    if (own->AllowsContainedText()) {
-      if (!own->_szValid.empty()) return 0;
-      if (const TRegex* allowed = own->_GetAllowedRegEx(); allowed && !classify(allowed)) return 0;
-    }
     close = own->_GetCloseRegEx();
-    if (close && close->MayBeRequiredUnit(bytes[0])) return 0;  // the stretch would end at once
+    if (close && (!close->HasRequiredUnit() || close->MayBeRequiredUnit(bytes[0]))) return 0;
   }
-  const Integer count = DefinitionCount();
-  for (Integer i = 0; i < count; ++i) {
-    TQUMAStreamedNodeDefinition* definition = Definition(i);
-    if (definition->ClassType() != TQUMAStreamedNodeDefinition::StaticClass()) return 0;
-    if (node ? !node->IsAllowedNodeClass(definition->ClassType()) : !definition->CanBeRootNode()) continue;
-    if (const TRegex* open = definition->_GetOpenRegEx(); open && !classify(open)) return 0;
+
+  // The tests of the buffer in this context (the open node's allowed pattern, the candidates'
+  // opens), less those whose matches cannot begin with the first character: the plan, kept
+  // until a definition changes.
+  const std::uint64_t generation = gDefinitionsGeneration.load(std::memory_order_relaxed);
+  TQuietPlan& plan = _QuietPlans[(reinterpret_cast<std::uintptr_t>(own) / alignof(std::max_align_t) + first) %
+                                 _QuietPlans.size()];
+  if (plan.Generation != generation || plan.Own != own || plan.First != first) {
+    plan.Generation = 0;
+    plan.Own = own;
+    plan.First = first;
+    plan.Tests.clear();
+    plan.Eligible = true;
+    const auto add = [&](const TRegex* test) {
+      if (!test || (test->Anchored() && !test->MayStartWith(first))) return;
+      plan.Tests.push_back({test, test->Anchored() ? test->LiteralPrefix() : UnicodeStringView()});
+    };
+    if (own && own->AllowsContainedText()) add(own->_GetAllowedRegEx());
+    const Integer count = DefinitionCount();
+    for (Integer i = 0; i < count && plan.Eligible; ++i) {
+      TQUMAStreamedNodeDefinition* definition = Definition(i);
+      plan.Eligible = definition->ClassType() == TQUMAStreamedNodeDefinition::StaticClass();
+      if (node ? node->IsAllowedNodeClass(definition->ClassType()) : definition->CanBeRootNode())
+        add(definition->_GetOpenRegEx());
+    }
+    plan.Generation = generation;
+  }
+  if (!plan.Eligible) return 0;
+
+  // Each test is ruled out for the stretch by the literal text its matches begin with, bounded by
+  // a unit every match contains (the stretch ends before it), or searched: a test whose match,
+  // once there, stays as the buffer grows is tried once, at the stretch's end.
+  const auto prefixFails = [&](UnicodeStringView prefix) {
+    for (std::size_t i = 0; i < prefix.size() && i < _szBuffer.size() + available; ++i) {
+      const bool buffered = i < _szBuffer.size();
+      const char16_t c = buffered ? _szBuffer[i] : bytes[i - _szBuffer.size()];
+      if (!buffered && c >= 0x80) return prefix[i] < 0x80;  // (a character beyond ASCII)
+      if (c != prefix[i]) return true;
+    }
+    return false;
+  };
+  _QuietTests.clear();
+  _QuietBounds.clear();
+  for (const auto& [test, prefix] : plan.Tests) {
+    if (!prefix.empty() && prefixFails(prefix)) continue;
+    if (test->HasRequiredUnit() && !test->MayMatchWithin(_szBuffer)) _QuietBounds.push_back(test);
+    else if (test->GrowthMonotone()) _QuietTests.push_back(test);
+    else return 0;
   }
 
   // The close is matched at the end of the text and may come and go: it bounds the stretch by
   // its required unit, from where its search would resume.
   if (close) {
-    if (!close->HasRequiredUnit()) return 0;
     UnicodeString& content = node->_szContent;
     const std::size_t contentLength = content.size();
     content += _szBuffer;
@@ -745,16 +841,37 @@ bool TQUMAStreamParser::ParseStream(TStream* pInput, const TEncoding*) {
         const Int64 position = _pUtf8Memory->Position();
         const Int64 size = _pUtf8Memory->Size();
         if (node && node->Definition() && position >= 0 && position < size) {
-          const std::size_t taken = node->Definition()->TakeTextRun(
-              node, _pUtf8Memory->Memory() + position, static_cast<std::size_t>(size - position));
+          const Byte* run = _pUtf8Memory->Memory() + position;
+          const std::size_t taken =
+              node->Definition()->TakeTextRun(node, run, static_cast<std::size_t>(size - position), _szNormedLineEnd);
           if (taken > 0) {
             _pUtf8Memory->SetPosition(position + static_cast<Int64>(taken));
-            _nCharCount += static_cast<Integer>(taken);
+            // Counted as the steps would: a line feed ends its line, the next character starts one.
+            for (std::size_t from = 0; from < taken;) {
+              if (lineEnded) {
+                ++_nLineCount;
+                _nCharCount = 0;
+                lineEnded = false;
+              }
+              const auto* lineFeed = static_cast<const Byte*>(std::memchr(run + from, '\n', taken - from));
+              const std::size_t to = lineFeed ? static_cast<std::size_t>(lineFeed - run) + 1 : taken;
+              _nCharCount += static_cast<Integer>(to - from);
+              lineEnded = lineFeed != nullptr;
+              from = to;
+            }
             continue;
           }
         }
       }
-      if (runs && _pUtf8Memory == _pInput && SkipQuietCharacters() > 0) continue;
+      if (runs && _pUtf8Memory == _pInput) {
+        std::size_t skipped = 0;
+        try {
+          skipped = SkipQuietCharacters();
+        } catch (const std::exception&) {
+          // (a pattern that does not compile, say: the character's own step meets it and reports it)
+        }
+        if (skipped > 0) continue;
+      }
       if (!Fetch(szChar, bytes)) break;
       ++_nCharCount;
       if (szChar == u"\r") {

@@ -249,10 +249,7 @@ class TQUMAStreamedNodeDefinition : public TQUMAReferencedPersistent {
   // Compiles Pattern into Cache on first use; null for an empty pattern.
   const TRegex* Compiled(std::unique_ptr<TRegex>& Cache, const UnicodeString& Pattern, bool Anchor, bool AnchorEnd,
                          TPerlRegExOptions Options, bool Partial = false);
-  void SetOption(TNodeOption Option, bool Value) noexcept {
-    if (Value) _NodeOptions.Include(Option);
-    else _NodeOptions.Exclude(Option);
-  }
+  void SetOption(TNodeOption Option, bool Value) noexcept;
   // Sets a case flag and drops the regex it governs when it changes.
   void SetCaseOption(TNodeOption Option, bool Value, std::unique_ptr<TRegex>& Regex);
 
@@ -297,11 +294,18 @@ class TQUMAStreamedNodeDefinition : public TQUMAReferencedPersistent {
   // Per ASCII unit, what the allowed regex makes of a candidate of that unit alone: 0 not known
   // yet, 1 all of it is content, 2 anything else. Cleared whenever that regex is dropped.
   std::array<std::uint8_t, 128> _AllowedAlone{};
+  UnicodeString _AllowedLineEnd;  // the line end _LineEndAlone was found for
+  std::uint8_t _LineEndAlone = 0;
   // For TQUMAStreamParser::ParseStream: how many of Bytes (UTF-8) the per-character steps would
   // add to pNode's content one at a time with no other effect than counting them: ASCII that is
-  // no line end and no escape, taken whole by the allowed regex while the close regex cannot
-  // match (a unit that every close match contains is missing). Adds them; 0 when it cannot tell.
-  std::size_t TakeTextRun(TQUMAStreamedNode* pNode, const Byte* Bytes, std::size_t Count);
+  // no carriage return and no escape, taken whole by the allowed regex while the close regex
+  // cannot match (a unit that every close match contains is missing); a line feed counts as
+  // LineEnd. Adds them; 0 when it cannot tell.
+  std::size_t TakeTextRun(TQUMAStreamedNode* pNode, const Byte* Bytes, std::size_t Count, UnicodeStringView LineEnd);
+  std::array<bool, 128> _RunStops{};  // where a run ends, for the close, escapes and line end below
+  std::uint64_t _RunStopsSerial = ~std::uint64_t{0};
+  std::vector<WideChar> _RunStopsEscapes;
+  UnicodeString _RunStopsLineEnd;
   // Where the close search for pNode may resume on Subject (its content and a candidate).
   std::size_t CloseResumeOffset(TQUMAStreamedNode* pNode, UnicodeStringView Subject, std::size_t ContentLength);
   // Whether the close pattern uses \G, as found for the close regex of serial _nGSerial.
@@ -404,6 +408,20 @@ class TQUMAStreamParser : public TQUMAReferencedPersistent {
   // Appends to a waiting buffer the characters that no step would act on; how many.
   std::size_t SkipQuietCharacters();
   std::vector<const TRegex*> _QuietTests, _QuietBounds;  // its scratch
+  // What it tries in one context (the open node's definition, the first character of the text),
+  // for one generation of the definitions.
+  struct TQuietPlan {
+    const TQUMAStreamedNodeDefinition* Own = nullptr;
+    char16_t First = 0;
+    std::uint64_t Generation = 0;
+    bool Eligible = false;
+    struct TTest {
+      const TRegex* Regex;
+      UnicodeStringView Prefix;  // of an anchored test
+    };
+    std::vector<TTest> Tests;
+  };
+  std::array<TQuietPlan, 32> _QuietPlans;
   UnicodeString _szQuiet;
   TRegexMatch _QuietMatch;
   void Feed();
