@@ -31,7 +31,6 @@ bool StartsWith(UnicodeStringView Text, UnicodeStringView Prefix) noexcept {
   return Text.size() >= Prefix.size() && std::memcmp(Text.data(), Prefix.data(), Prefix.size() * sizeof(char16_t)) == 0;
 }
 
-bool Same(UnicodeStringView A, UnicodeStringView B) noexcept { return A.size() == B.size() && StartsWith(A, B); }
 
 UnicodeString After(const TRegexMatch& m) {
   return UnicodeString(m.Subject().substr(m.GroupOffset(0) + m.GroupLength(0)));
@@ -223,8 +222,8 @@ TQUMAStreamedNode* TQUMAStreamedNodeDefinition::CreateNode(TQUMAStreamParser* pF
 bool TQUMAStreamedNodeDefinition::MatchGrowing(const TRegex* Regex, TDeadPrefix& Memo, UnicodeStringView Subject) {
   // (An empty text inspects nothing: its verdict says nothing about longer ones.)
   const bool growing = Regex->Anchored() && !Subject.empty();
-  if (growing && Memo.Regex == Regex && StartsWith(Subject, Memo.Prefix) && Memo.Options == Regex->Options() &&
-      Same(Memo.Pattern, Regex->Pattern()))
+  if (growing && Memo.Regex == Regex && Memo.Generation == gDefinitionsGeneration.load(std::memory_order_relaxed) &&
+      StartsWith(Subject, Memo.Prefix))
     return false;
   if (!Regex->MayMatchWithin(Subject)) return false;
   if (!growing) return Regex->Match(Subject, _Match);
@@ -233,8 +232,7 @@ bool TQUMAStreamedNodeDefinition::MatchGrowing(const TRegex* Regex, TDeadPrefix&
   const TRegexMatchResult result = Regex->MatchSoftPartial(Subject, _Match);
   if (result == mrNoMatch) {
     Memo.Regex = Regex;
-    Memo.Pattern = Regex->Pattern();
-    Memo.Options = Regex->Options();
+    Memo.Generation = gDefinitionsGeneration.load(std::memory_order_relaxed);
     Memo.Prefix.assign(Subject);
   }
   return result == mrMatch;
@@ -292,8 +290,10 @@ std::size_t TQUMAStreamedNodeDefinition::CloseResumeOffset(TQUMAStreamedNode* pN
 
 std::size_t TQUMAStreamedNodeDefinition::TakeTextRun(TQUMAStreamedNode* pNode, const Byte* Bytes, std::size_t Count,
                                                      UnicodeStringView LineEnd) {
+  // (The common answer first: a character the allowed pattern was seen not to take alone.)
+  if (Count == 0 || (Bytes[0] < 0x80 && _AllowedAlone[Bytes[0]] == 2)) return 0;
   // Only where every step is this class's own: an override may do anything with a character.
-  if (Count == 0 || !pNode || pNode->_pDefinition != this || ClassType() != StaticClass() ||
+  if ( !pNode || pNode->_pDefinition != this || ClassType() != StaticClass() ||
       pNode->ClassType() != TQUMAStreamedNode::StaticClass() || !AllowsContainedText() || !_szValid.empty())
     return 0;
   const TRegex* allowed = _GetAllowedRegEx();
@@ -436,15 +436,7 @@ bool TQUMAStreamedNodeDefinition::_CheckClose(UnicodeString& szCandidate, TQUMAS
   }
   if (end >= contentLength) szCandidate.erase(0, end - contentLength);
   else szCandidate.assign(subject, end);
-  if (before == 0) {
-    subject.resize(contentLength);
-  } else {
-    if (before < contentLength) {
-      scan.Valid = false;
-      scan.ContentSafe = scan.ContentSafeLength = 0;
-    }
-    subject.resize(before);
-  }
+  subject.resize(before == 0 ? contentLength : before);  // (the node is complete: its search state is done with)
   _DoClose(pCandidate);
   return true;
 }

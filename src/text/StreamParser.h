@@ -283,8 +283,7 @@ class TQUMAStreamedNodeDefinition : public TQUMAReferencedPersistent {
   // time are answered without a regex call until the buffer is consumed.
   struct TDeadPrefix {
     const TRegex* Regex = nullptr;
-    UnicodeString Pattern;
-    TPerlRegExOptions Options;
+    std::uint64_t Generation = 0;  // of the definitions: a regex made again may reuse the address
     UnicodeString Prefix;
   };
   // Regex->Match(Subject, _Match), with Memo remembering and answering dead prefixes.

@@ -194,11 +194,13 @@ TEST_F(StreamParserStepsTest, TextRunsGiveWhatCharacterStepsGive) {
   Add({u"b", u"<b>", u"</b>", u"^[^<]+", u"", kNested})->SetEscapes(u"\\");
   Add({u"c", u"<!--", u"-->", u"^(?:-?[^-])+", u"", kNested});
   Add({u"end", u"<e>", u"end", u"^[^<]+", u"", kTextRoot})->SetCaseInsensitiveClose(true);
+  Add({u"f", u"<f>", u"END", u"^[^<]+", u"", kNested});  // a close that spans a child node
   const std::string many(200, 'a');
   const std::string inputs[] = {
       "<b>" + many + " x</b>",  "<b>a\\<c\\\\d</b>", "<b>x\r\ny\rz\n" + many + "</b>", "<b>" + many + "</bx</b>",
       "<b>h\xC3\xA9llo w\xC3\xB6rld</b>", "<!-- a-b - c --><b>" + many + "<!--" + many + "--></b>",
-      "<e>" + many + "abcEnD", "<b>" + many + "\n" + many + "</b>?" + many, "<b>" + many,
+      "<e>" + many + "abcEnD", "<b>" + many + "\n" + many + "</b>?" + many, "<b>" + many, "<f>" + many + "E<b>x</b>ND",
+      "<f>E\nN" + many + "<b>x\n</b>\n\nEND",
   };
   for (const std::string& input : inputs) ExpectSameAsSteps(input);
   // A close whose letters may come in either case ends a run of text.
@@ -206,6 +208,10 @@ TEST_F(StreamParserStepsTest, TextRunsGiveWhatCharacterStepsGive) {
   auto stream = MakeObject<TStringStream>(std::string_view("<e>xyzEnD"));
   EXPECT_EQ(Run(parser.get(), stream.get()).front(), '1');
   EXPECT_EQ(Rec->Events, (std::vector<std::string>{"open:end:<e>", "close:end:<e>xyzEnD"}));
+  // A close that begins in text before a child node and ends after it.
+  stream = MakeObject<TStringStream>(std::string_view("<f>aaaaE<b>x</b>ND"));
+  EXPECT_EQ(Run(parser.get(), stream.get()).front(), '1');
+  EXPECT_EQ(Rec->Events.back(), "close:f:<f>aaaaEND");
 }
 
 // Random documents over an XML-like grammar and definitions that challenge the stretches of
@@ -223,10 +229,14 @@ TEST_F(StreamParserStepsTest, StretchesGiveWhatCharacterStepsGive) {
   Add({u"word", u"ab\\b", u"", u"", u"", kRoot});
   Add({u"dash", u"a-b", u"", u"", u"", kRoot});
   Add({u"space", u"\\s+", u"", u"", u"", kRoot});
+  Add({u"percent", u"%+>[a-z]", u"", u"", u"", kRoot});  // its required unit is not its last character
+  // Text in this one is an error that names the line and character.
+  Add({u"strict", u"<Q>", u"</Q>", u"", u"", {snd_CanBeRootNode, snd_AllowsNodes}});
   const char* pieces[] = {"<", ">", "/", "a", "b", "x", "y", "-", "!", "?", " ", "\n", "\r\n", "\"", "=", "[",
                           "]", "1", "\\", "\xC3\xA9", "<a>", "</a>", "<b x=\"1\">", "</b>", "<!--", "-->",
                           "<?p q?>", "<e/>", "ab", "a-b", "<xy", "<a", "<b", " x=\"1\"", "\n>", "/>", "</a",
-                          "]]", "x1"};
+                          "]]", "x1", "<Q>", "</Q>", "<a>x\ny\n", "%", "%%>"};
+  for (const char* input : {"<a>x\ny\nz</a>\n<Q>w</Q>", "%%>a", "<a>%>b</a>"}) ExpectSameAsSteps(input);
   std::mt19937 random(20261123);
   for (int i = 0; i < 600; ++i) {
     std::string input;
@@ -244,6 +254,13 @@ TEST_F(StreamParserTest, EveryLineEndFormBecomesTheNormalisedOne) {
                                                    "open:line:c|", "close:line:c|", "open:line:d|", "close:line:d|",
                                                    "open:tag:<t>"}));
   EXPECT_EQ(Error(), "Stream Error Unexpected text found in tag node near line 4 character 9 (Next characters: )");
+  // A close may match before the line end's final line feed: the feed is left to what follows.
+  Parser->SetNormalisedLineEnd(u"]\n");
+  Add({u"br", u"\\[", u"\\]", u"^[a-z]+", u"", kNested});
+  Add({u"nl", u"\n", u"", u"", u"", kRoot});
+  Rec->Events.clear();
+  EXPECT_TRUE(Parse("[ab\n"));
+  EXPECT_EQ(Rec->Events, (std::vector<std::string>{"open:br:[", "close:br:[ab]", "open:nl:\n", "close:nl:\n"}));
 }
 
 TEST_F(StreamParserTest, EscapesAndTheirCopyRule) {
