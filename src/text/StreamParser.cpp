@@ -736,10 +736,19 @@ std::size_t TQUMAStreamParser::SkipQuietCharacters() {
     for (const TRegex* test : _QuietTests) {
       if (test->MatchSoftPartial(_szQuiet, _QuietMatch) != mrMatch) continue;
       // It acts within the stretch: the stretch ends before the first length at which it does.
-      std::size_t low = base + 1, high = base + length;
+      // Often that is the first length that could hold its literal prefix, or the next one: try
+      // those, then halve.
+      const auto fires = [&](std::size_t k) {
+        return test->MatchSoftPartial(UnicodeStringView(_szQuiet).substr(0, k), _QuietMatch) == mrMatch;
+      };
+      std::size_t low = std::max(base + 1, test->Anchored() ? test->LiteralPrefix().size() : 0), high = base + length;
+      if (low < high) {
+        if (fires(low)) high = low;
+        else ++low;
+      }
       while (low < high) {
         const std::size_t mid = low + (high - low) / 2;
-        if (test->MatchSoftPartial(UnicodeStringView(_szQuiet).substr(0, mid), _QuietMatch) == mrMatch) high = mid;
+        if (fires(mid)) high = mid;
         else low = mid + 1;
       }
       length = low - base - 1;
