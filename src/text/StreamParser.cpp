@@ -715,31 +715,33 @@ std::size_t TQUMAStreamParser::SkipQuietCharacters() {
     _QuietBounds.push_back(close);
   }
   // Where the stretch ends: a line end (a step of its own), a unit beyond ASCII, a bound.
-  std::array<bool, 128> stop{};
-  stop['\r'] = stop['\n'] = true;
+  std::uint64_t stop[2] = {(1ull << '\r') | (1ull << '\n'), 0};
+  const auto stopAt = [&stop](std::int32_t unit) { stop[unit >> 6] |= 1ull << (unit & 63); };
   for (const TRegex* bound : _QuietBounds) {
     bool folds = false;
     const std::int32_t unit = bound->RequiredUnit(folds);
-    stop[static_cast<std::size_t>(unit)] = true;
-    if (folds) stop[static_cast<std::size_t>(unit ^ 0x20)] = true;
+    stopAt(unit);
+    if (folds) stopAt(unit ^ 0x20);
   }
   constexpr std::size_t kStretch = 256;
   std::size_t length = 0;
-  for (const std::size_t limit = std::min(available, kStretch); length < limit; ++length)
-    if (bytes[length] >= 0x80 || stop[bytes[length]]) break;
+  for (const std::size_t limit = std::min(available, kStretch); length < limit; ++length) {
+    const Byte b = bytes[length];
+    if (b >= 0x80 || ((stop[b >> 6] >> (b & 63)) & 1)) break;
+  }
   if (length == 0) return 0;
 
+  // The tests run on the buffer with the stretch appended; it is cut back to what is taken.
   const std::size_t base = _szBuffer.size();
-  _szQuiet.assign(_szBuffer);
-  _szQuiet.append(bytes, bytes + length);
+  _szBuffer.append(bytes, bytes + length);
   try {
     for (const TRegex* test : _QuietTests) {
-      if (test->MatchSoftPartial(_szQuiet, _QuietMatch) != mrMatch) continue;
+      if (test->MatchSoftPartial(_szBuffer, _QuietMatch) != mrMatch) continue;
       // It acts within the stretch: the stretch ends before the first length at which it does.
       // Often that is the first length that could hold its literal prefix, or the next one: try
       // those, then halve.
       const auto fires = [&](std::size_t k) {
-        return test->MatchSoftPartial(UnicodeStringView(_szQuiet).substr(0, k), _QuietMatch) == mrMatch;
+        return test->MatchSoftPartial(UnicodeStringView(_szBuffer).substr(0, k), _QuietMatch) == mrMatch;
       };
       std::size_t low = std::max(base + 1, test->Anchored() ? test->LiteralPrefix().size() : 0), high = base + length;
       if (low < high) {
@@ -752,13 +754,13 @@ std::size_t TQUMAStreamParser::SkipQuietCharacters() {
         else low = mid + 1;
       }
       length = low - base - 1;
+      _szBuffer.resize(base + length);
       if (length == 0) return 0;
-      _szQuiet.resize(base + length);
     }
   } catch (const std::exception&) {
+    _szBuffer.resize(base);
     return 0;  // the characters' own steps meet the error and report it
   }
-  _szBuffer.swap(_szQuiet);
   _pUtf8Memory->SetPosition(position + static_cast<Int64>(length));
   _nCharCount += static_cast<Integer>(length);
   return length;

@@ -421,7 +421,6 @@ class TQUMAStreamParser : public TQUMAReferencedPersistent {
     std::vector<TTest> Tests;
   };
   std::array<TQuietPlan, 32> _QuietPlans;
-  UnicodeString _szQuiet;
   TRegexMatch _QuietMatch;
   void Feed();
   void OpenNode();
