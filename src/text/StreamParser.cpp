@@ -667,7 +667,10 @@ std::size_t TQUMAStreamParser::SkipQuietCharacters() {
     plan.Eligible = true;
     const auto add = [&](const TRegex* test) {
       if (!test || (test->Anchored() && !test->MayStartWith(first))) return;
-      plan.Tests.push_back({test, test->Anchored() ? test->LiteralPrefix() : UnicodeStringView()});
+      bool folds = false;
+      const std::int32_t unit = test->RequiredUnit(folds);
+      plan.Tests.push_back(
+          {test, test->Anchored() ? test->LiteralPrefix() : UnicodeStringView(), unit, folds, test->GrowthMonotone()});
     };
     if (own && own->AllowsContainedText()) add(own->_GetAllowedRegEx());
     const Integer count = DefinitionCount();
@@ -693,12 +696,17 @@ std::size_t TQUMAStreamParser::SkipQuietCharacters() {
     }
     return false;
   };
+  // Where the stretch ends: a line end (a step of its own), a unit beyond ASCII, a bound.
+  std::uint64_t stop[2] = {(1ull << '\r') | (1ull << '\n'), 0};
+  const auto stopAt = [&stop](std::int32_t unit, bool folds) {
+    stop[unit >> 6] |= 1ull << (unit & 63);
+    if (folds) stop[(unit ^ 0x20) >> 6] |= 1ull << ((unit ^ 0x20) & 63);
+  };
   _QuietTests.clear();
-  _QuietBounds.clear();
-  for (const auto& [test, prefix] : plan.Tests) {
-    if (!prefix.empty() && prefixFails(prefix)) continue;
-    if (test->HasRequiredUnit() && !test->MayMatchWithin(_szBuffer)) _QuietBounds.push_back(test);
-    else if (test->GrowthMonotone()) _QuietTests.push_back(test);
+  for (const auto& test : plan.Tests) {
+    if (!test.Prefix.empty() && prefixFails(test.Prefix)) continue;
+    if (test.Unit >= 0 && (_szBuffer.empty() || !test.Regex->MayMatchWithin(_szBuffer))) stopAt(test.Unit, test.Folds);
+    else if (test.Monotone) _QuietTests.push_back(test.Regex);
     else return 0;
   }
 
@@ -712,16 +720,8 @@ std::size_t TQUMAStreamParser::SkipQuietCharacters() {
     const bool may = close->MayMatchWithin(UnicodeStringView(content).substr(start));
     content.resize(contentLength);
     if (may) return 0;
-    _QuietBounds.push_back(close);
-  }
-  // Where the stretch ends: a line end (a step of its own), a unit beyond ASCII, a bound.
-  std::uint64_t stop[2] = {(1ull << '\r') | (1ull << '\n'), 0};
-  const auto stopAt = [&stop](std::int32_t unit) { stop[unit >> 6] |= 1ull << (unit & 63); };
-  for (const TRegex* bound : _QuietBounds) {
     bool folds = false;
-    const std::int32_t unit = bound->RequiredUnit(folds);
-    stopAt(unit);
-    if (folds) stopAt(unit ^ 0x20);
+    stopAt(close->RequiredUnit(folds), folds);
   }
   constexpr std::size_t kStretch = 256;
   std::size_t length = 0;

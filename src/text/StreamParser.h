@@ -406,7 +406,7 @@ class TQUMAStreamParser : public TQUMAReferencedPersistent {
   TMemoryStream* _pUtf8Memory = nullptr;
   // Appends to a waiting buffer the characters that no step would act on; how many.
   std::size_t SkipQuietCharacters();
-  std::vector<const TRegex*> _QuietTests, _QuietBounds;  // its scratch
+  std::vector<const TRegex*> _QuietTests;  // its scratch
   // What it tries in one context (the open node's definition, the first character of the text),
   // for one generation of the definitions.
   struct TQuietPlan {
@@ -417,6 +417,8 @@ class TQUMAStreamParser : public TQUMAReferencedPersistent {
     struct TTest {
       const TRegex* Regex;
       UnicodeStringView Prefix;  // of an anchored test
+      std::int32_t Unit;         // required, or -1
+      bool Folds, Monotone;
     };
     std::vector<TTest> Tests;
   };
