@@ -292,10 +292,10 @@ TThread::~TThread() {
 void TThread::Start() {
   if (FStarted.exchange(true, std::memory_order_acq_rel)) throw EThread(u"Cannot call Start on a running or suspended thread");
   // The worker waits at the gate until FHandle is stored: a thread that frees itself must not
-  // finish before its handle exists.
+  // finish before its handle exists. (A mutex rather than an atomic wait: libstdc++ 12's atomic
+  // wait can lose a wake-up.)
+  const std::lock_guard<std::mutex> gate(FGate);
   FHandle = std::thread(&TThread::ThreadProc, this);
-  FGate.store(true, std::memory_order_release);
-  FGate.notify_one();
 }
 
 void TThread::Terminate() {
@@ -320,7 +320,7 @@ void TThread::DoTerminate() {
 }
 
 void TThread::ThreadProc(TThread* self) {
-  self->FGate.wait(false, std::memory_order_acquire);
+  { const std::lock_guard<std::mutex> gate(self->FGate); }
   tlsCurrentThread = self;
   self->FThreadID.store(std::this_thread::get_id(), std::memory_order_release);
   try {

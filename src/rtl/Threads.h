@@ -152,7 +152,7 @@ class TThread : public TObject {
   std::atomic<bool> FTerminated{false};
   std::atomic<bool> FStarted{false};
   std::atomic<bool> FFinished{false};
-  std::atomic<bool> FGate{false};
+  std::mutex FGate;  // held by Start until FHandle is stored
   bool FCreateSuspended;
   bool FFreeOnTerminate = false;
   Integer FReturnValue = 0;
