@@ -8,6 +8,8 @@
 
 #include <Poco/SHA1Engine.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <uuid/uuid.h>
 
 #include "ValuesTestSupport.h"
@@ -493,6 +495,26 @@ TEST(UuidVersions, Version7SortsInCreationOrderAcrossThreads) {
   }
   std::sort(all.begin(), all.end(), std::less<TQUMA_Uuid>());
   EXPECT_EQ(std::adjacent_find(all.begin(), all.end()), all.end());
+}
+
+// A forked child draws fresh random bits: two children of one parent do not repeat each other.
+TEST(UuidVersions, ForkedChildrenDrawFreshRandomBits) {
+  (void)TQUMA_Uuid::CreateV7();  // the parent's pool is filled
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  for (int child = 0; child < 2; ++child)
+    if (fork() == 0) {
+      const TQUMA_Uuid u = TQUMA_Uuid::CreateV7();
+      _exit(write(fds[1], u._baUuid, 16) == 16 ? 0 : 1);
+    }
+  TQUMA_Uuid a, b;
+  ASSERT_EQ(read(fds[0], a._baUuid, 16), 16);
+  ASSERT_EQ(read(fds[0], b._baUuid, 16), 16);
+  while (wait(nullptr) > 0) {
+  }
+  close(fds[0]);
+  close(fds[1]);
+  EXPECT_NE(std::memcmp(a._baUuid + 12, b._baUuid + 12, 4), 0);  // the 32 random bits at the end
 }
 
 TEST(UuidVersions, FormatSpecs) {
