@@ -9,7 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
-#include <sstream>
+#include <iterator>
 #include <string>
 
 namespace {
@@ -32,15 +32,10 @@ fs::path Scratch() {
 
 std::string Slurp(const fs::path& p) {
   std::ifstream f(p, std::ios::binary);
-  std::ostringstream s;
-  s << f.rdbuf();
-  return s.str();
+  return {std::istreambuf_iterator<char>(f), {}};
 }
 
-void Spit(const fs::path& p, const std::string& data) {
-  std::ofstream f(p, std::ios::binary);
-  f << data;
-}
+void Spit(const fs::path& p, const std::string& data) { std::ofstream(p, std::ios::binary) << data; }
 
 // Runs the tool with a shell-quoted argument string and the given standard input.
 TRun Quma(const std::string& args, const std::string& input = {}) {
