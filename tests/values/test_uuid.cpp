@@ -88,10 +88,11 @@ TEST(UuidValue, FieldViewsAreBigEndianAndSettersKeepTheOtherBits) {
   w._SetTimeHighAndVersion(0x1122);
   w._SetClockSequenceHighAndVariant(0x33);
   w._SetClockSequenceLow(0x44);
+  w._SetNode(0, 0x88);
   w._SetNode(5, 0x99);
   w._SetNode(6, 0x77);   // ignored
   w._SetNode(-1, 0x77);  // ignored
-  EXPECT_EQ(w, FromBytes({0x12, 0x34, 0x56, 0x78, 0xAB, 0xCD, 0x11, 0x22, 0x33, 0x44, 0, 0, 0, 0, 0, 0x99}));
+  EXPECT_EQ(w, FromBytes({0x12, 0x34, 0x56, 0x78, 0xAB, 0xCD, 0x11, 0x22, 0x33, 0x44, 0x88, 0, 0, 0, 0, 0x99}));
   EXPECT_EQ(w._GetAsGuid().D1, 0x12345678u);
   for (Integer bad : {6, -1, 100})
     EXPECT_EQ(test::ErrorOf<EArgumentOutOfRangeException>([&] { (void)w._GetNode(bad); }),
