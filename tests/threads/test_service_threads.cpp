@@ -354,6 +354,17 @@ TEST_F(ServiceThreads, DisposalScheduleOperations) {
   Free(kept);
 }
 
+// A new first entry wakes the worker from its wait for a later one.
+TEST_F(ServiceThreads, DisposalEarlierEntryWakesTheWorker) {
+  SetTickSource(nullptr);
+  auto disposer = MakeObject<TQUMADeferredDisposalThread>();
+  disposer->DisposeAfterDelay(New<TTagged>(1), 600000);
+  std::this_thread::sleep_for(20ms);
+  disposer->DisposeAfterDelay(New<TTagged>(2), 0);
+  ASSERT_TRUE(WaitFreed(1));
+  EXPECT_EQ(Freed(), std::vector<int>{2});
+}
+
 TEST_F(ServiceThreads, DisposalMaxDelayAndSharedLock) {
   auto shared = MakeObject<TDisposals>();
   auto disposer = MakeObject<TQUMADeferredDisposalThread>(true);
