@@ -66,34 +66,14 @@ TEST(CRC32, EveryKernelMatchesZlib) {
                      QUMACRC32Start);
 }
 
+// The kernels follow the bitwise definition, which the check value pins to the polynomial.
 TEST(CRC32C, EveryKernelMatchesTheBitwiseDefinition) {
   EXPECT_TRUE(CRC32CKernelSupported(CRC32CActiveKernel()));
+  EXPECT_EQ(CRC32C(std::string_view("123456789")), 0xE3069283u);
+  EXPECT_EQ(CRC32CTable()[1], 0xF26B8303u);
   ExpectKernelsMatch({TCRC32CKernel::Table, TCRC32CKernel::Crc32Instruction},
                      [](auto k, const Byte* p, Cardinal n, Cardinal seed) { return CRC32CWithKernel(k, p, n, seed); },
                      BitwiseCRC32C, QUMACRC32CStart);
-}
-
-TEST(CRC32C, RFC3720VectorsOnEveryKernel) {
-  Byte zeros[32] = {}, ones[32], up[32], down[32];
-  for (int i = 0; i < 32; ++i) {
-    ones[i] = 0xFF;
-    up[i] = static_cast<Byte>(i);
-    down[i] = static_cast<Byte>(31 - i);
-  }
-  // An iSCSI read command PDU.
-  const Byte pdu[48] = {0x01, 0xc0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
-                        0x00, 0x00, 0x00, 0x00, 0x14, 0x00, 0x00, 0x00, 0x00, 0x00, 0x04, 0x00,
-                        0x00, 0x00, 0x00, 0x14, 0x00, 0x00, 0x00, 0x18, 0x28, 0x00, 0x00, 0x00,
-                        0x00, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00};
-  for (auto k : {TCRC32CKernel::Table, TCRC32CKernel::Crc32Instruction}) {
-    EXPECT_EQ(CRC32CWithKernel(k, zeros, 32), 0x8A9136AAu);
-    EXPECT_EQ(CRC32CWithKernel(k, ones, 32), 0x62A8AB43u);
-    EXPECT_EQ(CRC32CWithKernel(k, up, 32), 0x46DD794Eu);
-    EXPECT_EQ(CRC32CWithKernel(k, down, 32), 0x113FDB5Cu);
-    EXPECT_EQ(CRC32CWithKernel(k, pdu, 48), 0xD9963A56u);
-  }
-  EXPECT_EQ(CRC32C(std::string_view("123456789")), 0xE3069283u);
-  EXPECT_EQ(CRC32CTable()[1], 0xF26B8303u);
 }
 
 TEST(CRC32, CheckValueEmptyAndChaining) {
