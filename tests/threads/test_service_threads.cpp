@@ -78,6 +78,7 @@ class TProbe : public TObject {
     throw EConvertError("boom");
   }
   void End(TObject*) { Ended = true; }
+  void Take(TObject* payload) { Seen.push_back(payload); }  // on any thread
 };
 
 void ServiceThreads::Retire() {
@@ -264,13 +265,6 @@ bool WaitFreed(std::size_t n) {
   return ServiceThreads::Service([n] { return Freed().size() >= n; }) && Freed().size() == n;
 }
 
-class TDisposals : public TObject {
-  QUMA_CLASS(TDisposals, TObject)
- public:
-  std::vector<TObject*> Passed;
-  void Take(TObject* obj) { Passed.push_back(obj); }
-};
-
 }  // namespace
 
 // Thousands of objects, many due at the same time, some rescheduled or cancelled, are freed in the
@@ -324,17 +318,17 @@ TEST_F(ServiceThreads, DisposalOrderMatchesTheListModel) {
 }
 
 TEST_F(ServiceThreads, DisposalScheduleOperations) {
-  TDisposals sink;
+  TProbe sink;
   auto disposer = MakeObject<TQUMADeferredDisposalThread>();
   disposer->SetSuspendDisposals(true);
   auto* again = New<TTagged>(1);
   disposer->DisposeAfterDelay(again, 5);
   disposer->DisposeAfterDelay(again, 50);  // one entry, due at the later time
   auto* passed = New<TTagged>(2);
-  disposer->DisposeAfterDelayWithCallback(passed, 5ms, Bind<&TDisposals::Take>(&sink));
-  EXPECT_THROW(disposer->DisposeAfterDelayWithCallback(passed, 5, Bind<&TDisposals::Take>(&sink)), EListError);
+  disposer->DisposeAfterDelayWithCallback(passed, 5ms, Bind<&TProbe::Take>(&sink));
+  EXPECT_THROW(disposer->DisposeAfterDelayWithCallback(passed, 5, Bind<&TProbe::Take>(&sink)), EListError);
   auto* kept = New<TTagged>(3);
-  disposer->DisposeAfterDelayWithCallback(kept, 5, Bind<&TDisposals::Take>(&sink));
+  disposer->DisposeAfterDelayWithCallback(kept, 5, Bind<&TProbe::Take>(&sink));
   disposer->CancelDisposal(kept);
   disposer->DisposeAfterDelay(nullptr, 0);  // ignored
   EXPECT_EQ(disposer->ScheduledCount(), 2u);
@@ -348,7 +342,7 @@ TEST_F(ServiceThreads, DisposalScheduleOperations) {
   EXPECT_TRUE(Freed().empty());
   disposer->Terminate();  // rendezvous with the worker before reading what it passed on
   disposer->WaitFor();
-  EXPECT_EQ(sink.Passed, std::vector<TObject*>{passed});
+  EXPECT_EQ(sink.Seen, std::vector<TObject*>{passed});
   EXPECT_EQ(Freed(), std::vector<int>{1});  // termination frees the rest at once
   Free(passed);
   Free(kept);
@@ -366,7 +360,7 @@ TEST_F(ServiceThreads, DisposalEarlierEntryWakesTheWorker) {
 }
 
 TEST_F(ServiceThreads, DisposalMaxDelayAndSharedLock) {
-  auto shared = MakeObject<TDisposals>();
+  auto shared = MakeObject<TProbe>();
   auto disposer = MakeObject<TQUMADeferredDisposalThread>(true);
   disposer->SetLockObject(shared.get());
   disposer->Start();
