@@ -71,6 +71,7 @@ TEST(StringParser, BuildsNodeTrees) {
       {"separators in a row", u",,", kCall, false, "S[,] S[,]"},
       {"nested brackets", u"[(a)(b[c])]d", kCall, false, "B[B(T[a]) B(T[b] B[T[c]])] ?T[d]"},
       {"stray close bracket dropped", u"a)b", kCall, false, "T[a] ?T[b]"},
+      {"only the matching bracket closes", u"(a]b)", kCall, false, "B(T[a] T[b])"},
       {"unclosed groups stay open", u"(a [b", kCall, false, "?B(T[a] W[ ] ?B[?T[b]"},
       {"quotes never nest", u"\"a(b\\\"c\"", kCall, false, "Q\"a(b\"c\""},
       {"escaped separator", u"a\\,b", kCall, false, "?T[a,b]"},
