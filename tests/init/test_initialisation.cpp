@@ -44,6 +44,11 @@ class TRecUnit : public TQUMAInitialisationUnit {
   }
   void _DoDestruction(const TQUMA_Uuid& p) override { Log("destroy:", p); }
   void _DoDeregistration(const TQUMA_Uuid& p) override { Log("dereg:", p); }
+  // With KeepPhases the overrides run the hooks but never forget the phase.
+  void DestroyObjects(const TQUMA_Uuid& p) override { KeepPhases ? _DoDestruction(p) : inherited::DestroyObjects(p); }
+  void UnregisterClasses(const TQUMA_Uuid& p) override {
+    KeepPhases ? _DoDeregistration(p) : inherited::UnregisterClasses(p);
+  }
   void RegistrationsComplete() override { Log("regdone", {}); }
   void InstantiationComplete() override { Log("instdone", {}); }
   void Log(const char* what, const TQUMA_Uuid& p) {
@@ -54,7 +59,7 @@ class TRecUnit : public TQUMAInitialisationUnit {
       gLog.push_back(event);
   }
   std::string Name;
-  bool FreeSelf = false;
+  bool FreeSelf = false, KeepPhases = false;
   static inline bool Echo = false;
 };
 
@@ -125,6 +130,18 @@ TEST_F(Registry, UnitHooksAndRegistrationsAreIdempotent) {
   Free(u);
   EXPECT_EQ(Take(), "u:destroy:A u:dereg:B u:dereg:A");
   EXPECT_TRUE(reg->DynamicLoadDetected());
+}
+
+// Overrides that never forget a phase do not hold destruction up: each phase is undone once.
+TEST_F(Registry, PhasesKeptByOverridesAreDroppedAtDestruction) {
+  auto* u = New<TRecUnit>("u", reg.get());
+  u->RegisterClasses(P('A'));
+  u->InstantiateObjects(P('A'));
+  u->InstantiateObjects(P('B'));
+  u->KeepPhases = true;
+  Take();
+  Free(u);
+  EXPECT_EQ(Take(), "u:destroy:B u:destroy:A u:dereg:A");
 }
 
 TEST_F(Registry, UnitsOrTheRegistryFreedEarly) {

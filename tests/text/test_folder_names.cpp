@@ -109,9 +109,9 @@ TEST_F(FolderNames, StandardFoldersComeFromTheXdgDirectories) {
   {
     std::ofstream dirs(home / "cfg" / "user-dirs.dirs");
     dirs << "# written by a test\n"
-            "XDG_DESKTOP_DIR=\"$HOME/Desk top\"\n"
-            "XDG_DOCUMENTS_DIR=\"${DOCROOT}/Docs\"\n"
-            "  XDG_PICTURES_DIR=\"$HOME/Pic\\\"s\"\n"
+            "XDG_DESKTOP_DIR=\"${HOME}/Desk top\"\n"
+            "XDG_DOCUMENTS_DIR=\"$DOCROOT9/Docs\"\n"
+            "  XDG_PICTURES_DIR=\"$HOME/Pic\\\"s\\$\"\n"
             "XDG_PUBLICSHARE_DIR=\"$HOME/\"\n"  // the home itself: switched off
             "XDG_MUSIC_DIR=relative/Music\n";
   }
@@ -119,7 +119,7 @@ TEST_F(FolderNames, StandardFoldersComeFromTheXdgDirectories) {
   env.Variables = {{"HOME", home.string()},
                    {"XDG_CONFIG_HOME", (home / "cfg").string()},
                    {"XDG_CACHE_HOME", "not/absolute"},
-                   {"DOCROOT", "/srv/docs"},
+                   {"DOCROOT9", "/srv/docs"},
                    {"UNUSED", "/never"}};
   env.Executable = "/opt/tools/bin/Viewer.bin";
   QUMARegisterStandardFolderNames(env);
@@ -129,7 +129,7 @@ TEST_F(FolderNames, StandardFoldersComeFromTheXdgDirectories) {
   const std::pair<std::string, const char*> cases[] = {  // path, encoded
       {h + "/Desk top/a", "{:Desktop:}/a"},
       {"/srv/docs/Docs/b", "{:Documents:}/b"},
-      {h + "/Pic\"s", "{:Pictures:}"},
+      {h + "/Pic\"s$", "{:Pictures:}"},  // in quotes a backslash escapes only $ ` " and itself
       {h + "/.cache/c", "{:Cache:}/c"},  // XDG_CACHE_HOME is not absolute: the default
       {h + "/.local/share/d", "{:Library:}/d"},
       {h + "/e", "{:Profile:}/e"},  // registered after {:Home:} for the same folder
@@ -142,7 +142,7 @@ TEST_F(FolderNames, StandardFoldersComeFromTheXdgDirectories) {
   EXPECT_EQ(ExpandFolderName(std::string_view("{:Windows:}")), "{:Windows:}");
   // The base directories, the temporary folder and what the file refers to; nothing else.
   EXPECT_EQ(env.Asked, (std::set<std::string>{"HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_DATA_HOME",
-                                              "TMPDIR", "DOCROOT"}));
+                                              "TMPDIR", "DOCROOT9"}));
 }
 
 TEST_F(FolderNames, ProcessDefaultsUseThisExecutable) {

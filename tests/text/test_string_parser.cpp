@@ -71,6 +71,7 @@ TEST(StringParser, BuildsNodeTrees) {
       {"separators in a row", u",,", kCall, false, "S[,] S[,]"},
       {"nested brackets", u"[(a)(b[c])]d", kCall, false, "B[B(T[a]) B(T[b] B[T[c]])] ?T[d]"},
       {"stray close bracket dropped", u"a)b", kCall, false, "T[a] ?T[b]"},
+      {"only the matching bracket closes", u"(a]b)", kCall, false, "B(T[a] T[b])"},
       {"unclosed groups stay open", u"(a [b", kCall, false, "?B(T[a] W[ ] ?B[?T[b]"},
       {"quotes never nest", u"\"a(b\\\"c\"", kCall, false, "Q\"a(b\"c\""},
       {"escaped separator", u"a\\,b", kCall, false, "?T[a,b]"},
@@ -134,11 +135,12 @@ class TProbeParser : public TQUMAStringParser {
     if (c == u'@') {
       WideChar next = u'-';
       const bool ahead = LookAhead(0, next);
-      WideChar far = u'-';
+      WideChar far = u'-', back = u'-';
       const bool beyond = LookAhead(100, far) || LookAhead(-100, far);
+      LookAhead(-1, back);  // the '@' itself, the first character of the text
       const std::string slurped = Utf16ToUtf8(SlurpCharacters(2));
       Seen = std::string(ahead ? "ahead " : "none ") + char(next) + (beyond ? " beyond " : " ") + char(far) + " " +
-             slurped + "|" + std::to_string(ParsePoint());
+             char(back) + " " + slurped + "|" + std::to_string(ParsePoint());
     }
     return inherited::_CreateTextNode(c);
   }
@@ -154,17 +156,17 @@ TEST(StringParser, FactoriesLookAheadSlurpAndTranslateEscapes) {
   auto p = MakeObject<TProbeParser>();
   TQUMAParsedNodeList nodes;
   p->Parse(u"@abcd", &nodes);
-  EXPECT_EQ(p->Seen, "ahead a - ab|3");
+  EXPECT_EQ(p->Seen, "ahead a - @ ab|3");
   EXPECT_EQ(Dump(nodes), "?T[@cd]");
 
   nodes.Clear();
   p->Parse(u"@ab", &nodes);  // two characters would reach the end exactly: refused
-  EXPECT_EQ(p->Seen, "ahead a - |1");
+  EXPECT_EQ(p->Seen, "ahead a - @ |1");
   EXPECT_EQ(Dump(nodes), "?T[@ab]");
 
   nodes.Clear();
   p->Parse(u"@", &nodes);
-  EXPECT_EQ(p->Seen, "none - - |1");
+  EXPECT_EQ(p->Seen, "none - - @ |1");
 
   nodes.Clear();
   p->SetEscapes(u"\\");

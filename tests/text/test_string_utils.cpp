@@ -159,15 +159,11 @@ TEST(Tokens, FirstLastAndGet) {
   EXPECT_EQ(GetToken(text, u",", u" "), u"b");
   EXPECT_EQ(GetToken(text, u",", u" "), u"c");
   EXPECT_EQ(text, u"");
+  for (const char16_t* piece : {u"", u"a", u"", u"b"}) ConcatenateWithSeparator(text, u", ", piece);
+  EXPECT_EQ(text, u"a, b");
 }
 
-TEST(Tokens, ConcatenateWithSeparator) {
-  UnicodeString s;
-  for (const char16_t* piece : {u"", u"a", u"", u"b"}) ConcatenateWithSeparator(s, u", ", piece);
-  EXPECT_EQ(s, u"a, b");
-}
-
-TEST(RectText, WritesAndReadsWithFixedSettings) {
+TEST(RectText, WritesAndReadsWithFixedSettingsWhateverTheDefault) {
   EXPECT_EQ(RectToString({0, 0, 10.5f, 20}), u"(0,0,10.5,20)");
   EXPECT_EQ(RectToString({-1.25f, 1e20f, 0.1f, 123456}), u"(-1.25,1.00000002004088E20,0.100000001490116,123456)");
   for (const TRectF r : {TRectF{0, 0, 10.5f, 20}, TRectF{-1.25f, 3, 1000000, -0.5f}, TRectF{0.1f, 0.2f, 0.3f, 1e-6f}}) {
@@ -188,9 +184,6 @@ TEST(RectText, WritesAndReadsWithFixedSettings) {
   EXPECT_EQ(RectToString({0.5f, 0, 0, 0}), u"(0.5,0,0,0)");
   EXPECT_EQ(StringToRect(u"(0.5,0,0,0)"), (TRectF{0.5f, 0, 0, 0}));
   SetDefaultFormatSettings(saved);
-}
-
-TEST(FixedFormatSettings, BothUseThePointAndTheComma) {
   EXPECT_EQ(GBFormatSettings.DecimalSeparator, u'.');
   EXPECT_EQ(GBFormatSettings.ThousandSeparator, u',');
   EXPECT_EQ(GBFormatSettings.CurrencyString, u"\u00A3");

@@ -9,7 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
-#include <sstream>
+#include <iterator>
 #include <string>
 
 namespace {
@@ -32,15 +32,10 @@ fs::path Scratch() {
 
 std::string Slurp(const fs::path& p) {
   std::ifstream f(p, std::ios::binary);
-  std::ostringstream s;
-  s << f.rdbuf();
-  return s.str();
+  return {std::istreambuf_iterator<char>(f), {}};
 }
 
-void Spit(const fs::path& p, const std::string& data) {
-  std::ofstream f(p, std::ios::binary);
-  f << data;
-}
+void Spit(const fs::path& p, const std::string& data) { std::ofstream(p, std::ios::binary) << data; }
 
 // Runs the tool with a shell-quoted argument string and the given standard input.
 TRun Quma(const std::string& args, const std::string& input = {}) {
@@ -67,10 +62,28 @@ std::string RandomBytes(std::size_t n, unsigned seed) {
   return s;
 }
 
+// Runs each case and compares status, output and error output exactly.
+struct TCase {
+  std::string args, input;
+  int status;
+  std::string out, err = {};
+};
+
+void ExpectRuns(std::initializer_list<TCase> cases) {
+  for (const TCase& c : cases) {
+    SCOPED_TRACE(c.args);
+    const TRun r = Quma(c.args, c.input);
+    EXPECT_EQ(r.status, c.status);
+    EXPECT_EQ(r.out, c.out);
+    EXPECT_EQ(r.err, c.err);
+  }
+}
+
 TEST(QumaTool, HelpVersionAndUsageErrors) {
   auto help = Quma("--help");
   EXPECT_EQ(help.status, 0);
-  for (const char* sub : {"uuid", "crc32", "base32", "hex", "date", "tokenise", "folder", "parse"}) EXPECT_NE(help.out.find(sub), std::string::npos) << sub;
+  for (const char* sub : {"uuid", "crc32", "base32", "hex", "date", "tokenise", "folder", "parse"})
+    EXPECT_NE(help.out.find(sub), std::string::npos) << sub;
   auto version = Quma("--version");
   EXPECT_EQ(version.status, 0);
   EXPECT_EQ(version.out.rfind("quma (QUMALib.Utils) ", 0), 0u) << version.out;
@@ -85,126 +98,92 @@ TEST(QumaTool, HelpVersionAndUsageErrors) {
 }
 
 TEST(QumaTool, UuidFormsRoundTrip) {
-  const std::string id = "6ba7b810-9dad-11d1-80b4-00c04fd430c8";
-  struct {
-    const char* form;
-    const char* text;
-  } const cases[] = {{"ms", "{6BA7B810-9DAD-11D1-80B4-00C04FD430C8}"},
-                     {"hex", "6ba7b8109dad11d180b400c04fd430c8"},
-                     {"base64", "a6e4EJ2tEdGAtADAT9QwyA=="},
-                     {"standard", "6ba7b810-9dad-11d1-80b4-00c04fd430c8"}};
-  for (const auto& c : cases) {
-    auto r = Quma(std::string("uuid format ") + c.form + " " + id);
-    EXPECT_EQ(r.status, 0) << c.form << r.err;
-    EXPECT_EQ(r.out, std::string(c.text) + "\n") << c.form;
-    auto back = Quma(std::string("uuid parse '") + c.text + "'");
-    EXPECT_EQ(back.out, id + "\n") << c.form;
-  }
-  // Lines of standard input when no argument is given.
-  auto lines = Quma("uuid format hex", id + "\n\n{6BA7B810-9DAD-11D1-80B4-00C04FD430C8}\n");
-  EXPECT_EQ(lines.out, "6ba7b8109dad11d180b400c04fd430c8\n6ba7b8109dad11d180b400c04fd430c8\n");
-
+  const std::string id = "6ba7b810-9dad-11d1-80b4-00c04fd430c8", hex = "6ba7b8109dad11d180b400c04fd430c8";
+  ExpectRuns({
+      {"uuid format ms " + id, "", 0, "{6BA7B810-9DAD-11D1-80B4-00C04FD430C8}\n"},
+      {"uuid format hex " + id, "", 0, hex + "\n"},
+      {"uuid format base64 " + id, "", 0, "a6e4EJ2tEdGAtADAT9QwyA==\n"},
+      {"uuid format standard " + id, "", 0, id + "\n"},
+      {"uuid parse '{6BA7B810-9DAD-11D1-80B4-00C04FD430C8}'", "", 0, id + "\n"},
+      {"uuid parse " + hex, "", 0, id + "\n"},
+      {"uuid parse a6e4EJ2tEdGAtADAT9QwyA==", "", 0, id + "\n"},
+      // Lines of standard input when no argument is given.
+      {"uuid format hex", id + "\n\n{6BA7B810-9DAD-11D1-80B4-00C04FD430C8}\n", 0, hex + "\n" + hex + "\n"},
+      {"uuid parse 6ba7b810-9dad-11d1-80b4", "", 1, "", "quma: Unrecognised Format\n"},
+  });
   auto made = Quma("uuid new -n 3");
   ASSERT_EQ(made.status, 0);
   ASSERT_EQ(made.out.size(), 3 * 37u);
   EXPECT_NE(made.out.substr(0, 36), made.out.substr(37, 36));
   EXPECT_EQ(made.out[14], '4');  // version 4
-
-  auto bad = Quma("uuid parse 6ba7b810-9dad-11d1-80b4");
-  EXPECT_EQ(bad.status, 1);
-  EXPECT_EQ(bad.err, "quma: Unrecognised Format\n");
 }
 
 TEST(QumaTool, Crc32MatchesZlibLikeCksum) {
   const std::string a = RandomBytes(200000, 1), b = "123456789";
-  Spit(Scratch() / "a.bin", a);
-  Spit(Scratch() / "b.txt", b);
+  const std::string fileA = (Scratch() / "a.bin").string(), fileB = (Scratch() / "b.txt").string();
+  Spit(fileA, a);
+  Spit(fileB, b);
   char expected[128];
-  std::snprintf(expected, sizeof expected, "%08lx %zu %s\n%08lx %zu %s\n", ZlibCrc(a), a.size(),
-                (Scratch() / "a.bin").c_str(), ZlibCrc(b), b.size(), (Scratch() / "b.txt").c_str());
-  auto r = Quma("crc32 " + (Scratch() / "a.bin").string() + " " + (Scratch() / "b.txt").string());
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, expected);
-
-  auto in = Quma("crc32", b);
-  EXPECT_EQ(in.out, "cbf43926 9\n");
-  EXPECT_EQ(Quma("crc32 -", "").out, "00000000 0 -\n");
-
+  std::snprintf(expected, sizeof expected, "%08lx %zu %s\n", ZlibCrc(a), a.size(), fileA.c_str());
+  ExpectRuns({
+      {"crc32 " + fileA + " " + fileB, "", 0, expected + ("cbf43926 9 " + fileB + "\n")},
+      {"crc32", b, 0, "cbf43926 9\n"},
+      {"crc32 -", "", 0, "00000000 0 -\n"},
+  });
   // A missing file is reported and the others still get their line.
-  auto missing = Quma("crc32 /nonexistent/x " + (Scratch() / "b.txt").string());
+  auto missing = Quma("crc32 /nonexistent/x " + fileB);
   EXPECT_EQ(missing.status, 1);
   EXPECT_NE(missing.err.find("/nonexistent/x: No such file or directory"), std::string::npos) << missing.err;
-  EXPECT_NE(missing.out.find("cbf43926 9"), std::string::npos);
+  EXPECT_EQ(missing.out, "cbf43926 9 " + fileB + "\n");
 }
 
 TEST(QumaTool, Base32AndHexRoundTripLargeInputs) {
   const std::string data = RandomBytes(300001, 2);
-  for (const char* wrap : {"", " -w 0", " -w 7"}) {
-    auto enc = Quma(std::string("base32") + wrap, data);
+  for (const std::string codec : {"base32", "base32 -w 0", "base32 -w 7", "hex", "hex -g 1 -l 16", "hex -g 2", "hex -l 3"}) {
+    auto enc = Quma(codec, data);
     ASSERT_EQ(enc.status, 0);
-    auto dec = Quma("base32 -d", enc.out);
+    auto dec = Quma(codec.substr(0, codec.find(' ')) + " -d", enc.out);
     ASSERT_EQ(dec.status, 0) << dec.err;
-    EXPECT_TRUE(dec.out == data) << wrap;
+    EXPECT_TRUE(dec.out == data) << codec;
   }
-  EXPECT_EQ(Quma("base32", "foobar").out, "MZXW6YTBOI======\n");
-  EXPECT_EQ(Quma("base32 -d", "MZXW6YTBOI======\n").out, "foobar");
-  auto bad32 = Quma("base32 -d", "MZ!W6YTB");
-  EXPECT_EQ(bad32.status, 1);
-  EXPECT_EQ(bad32.err, "quma: Invalid Base32 Input character: ! at offset 2 of buffer\n");
-
-  for (const char* layout : {"", " -g 1 -l 16", " -g 2", " -l 3"}) {
-    auto enc = Quma(std::string("hex") + layout, data);
-    ASSERT_EQ(enc.status, 0);
-    auto dec = Quma("hex -d", enc.out);
-    ASSERT_EQ(dec.status, 0) << dec.err;
-    EXPECT_TRUE(dec.out == data) << layout;
-  }
-  EXPECT_EQ(Quma("hex -g 1 -l 2", std::string("\x01\x02\x03\x04\x05", 5)).out, "01 02\n03 04\n05\n");
-  for (const char* bad : {"ABC", "0G"}) {
-    auto r = Quma("hex -d", bad);
-    EXPECT_EQ(r.status, 1) << bad;
-    EXPECT_EQ(r.err, "quma: HexStringToBytes: String contains invalid characters\n") << bad;
-  }
+  const std::string badHex = "quma: HexStringToBytes: String contains invalid characters\n";
+  ExpectRuns({
+      {"base32", "foobar", 0, "MZXW6YTBOI======\n"},
+      {"base32 -d", "MZXW6YTBOI======\n", 0, "foobar"},
+      {"base32 -d", "MZ!W6YTB", 1, "", "quma: Invalid Base32 Input character: ! at offset 2 of buffer\n"},
+      {"hex -g 1 -l 2", std::string("\x01\x02\x03\x04\x05", 5), 0, "01 02\n03 04\n05\n"},
+      {"hex -d", "ABC", 1, "\xAB", badHex},  // streamed: whole pairs go out before the odd digit is refused
+      {"hex -d", "0G", 1, "", badHex},
+  });
 }
 
 TEST(QumaTool, DatesFormatAndParse) {
-  struct {
-    const char* args;
-    const char* out;
-  } const cases[] = {
-      {"date http --at 784111777", "Sun, 06 Nov 1994 08:49:37 GMT\n"},
-      {"date xml --at 784111777", "1994-11-06T08:49:37Z\n"},
-      {"date http 'Sun, 06 Nov 1994 08:49:37 GMT'", "1994-11-06T08:49:37Z\n"},
-      {"date http --unix 'Sun, 06 Nov 1994 08:49:37 GMT'", "784111777\n"},
-      {"date xml --to http 1994-11-06T08:49:37Z", "Sun, 06 Nov 1994 08:49:37 GMT\n"},
-  };
-  for (const auto& c : cases) {
-    auto r = Quma(c.args);
-    EXPECT_EQ(r.status, 0) << c.args << r.err;
-    EXPECT_EQ(r.out, c.out) << c.args;
-  }
+  ExpectRuns({
+      {"date http --at 784111777", "", 0, "Sun, 06 Nov 1994 08:49:37 GMT\n"},
+      {"date xml --at 784111777", "", 0, "1994-11-06T08:49:37Z\n"},
+      {"date http 'Sun, 06 Nov 1994 08:49:37 GMT'", "", 0, "1994-11-06T08:49:37Z\n"},
+      {"date http --unix 'Sun, 06 Nov 1994 08:49:37 GMT'", "", 0, "784111777\n"},
+      {"date xml --to http 1994-11-06T08:49:37Z", "", 0, "Sun, 06 Nov 1994 08:49:37 GMT\n"},
+      {"date http 'Sun, 06 Nov 1994'", "", 1, "", "quma: Unable to convert \"Sun, 06 Nov 1994\" to TDateTime\n"},
+  });
   auto now = Quma("date http");
   EXPECT_EQ(now.status, 0);
   EXPECT_EQ(now.out.size(), 30u) << now.out;
-
-  auto bad = Quma("date http 'Sun, 06 Nov 1994'");
-  EXPECT_EQ(bad.status, 1);
-  EXPECT_EQ(bad.err, "quma: Unable to convert \"Sun, 06 Nov 1994\" to TDateTime\n");
 }
 
 TEST(QumaTool, TokeniseSplitsLooksUpAndQuotes) {
-  EXPECT_EQ(Quma("tokenise", "a \"b c\"  d\n\nx\ty\n").out, "a\tb c\td\n\nx\ty\n");
-  EXPECT_EQ(Quma("tokenise --keep-empty -s ,", "a,,b\n").out, "a\t\tb\n");
-  EXPECT_EQ(Quma("tokenise -q '()' --keep-quotes", "(a b) c\n").out, "(a b)\tc\n");
-  EXPECT_EQ(Quma("tokenise -n KEY --embedded-quotes", "name=x key=\"v w\"\nnothing here\n").out, "v w\n\n");
-  // --quote writes each line so that tokenising gives it back as one token.
   const std::string values = "plain\nwith space\nquote \" inside\n";
+  ExpectRuns({
+      {"tokenise", "a \"b c\"  d\n\nx\ty\n", 0, "a\tb c\td\n\nx\ty\n"},
+      {"tokenise --keep-empty -s ,", "a,,b\n", 0, "a\t\tb\n"},
+      {"tokenise -q '()' --keep-quotes", "(a b) c\n", 0, "(a b)\tc\n"},
+      {"tokenise -n KEY --embedded-quotes", "name=x key=\"v w\"\nnothing here\n", 0, "v w\n\n"},
+      {"tokenise -q '(' ", "", 1, "", "quma: --quotes: open and close characters must come in pairs\n"},
+  });
+  // --quote writes each line so that tokenising gives it back as one token.
   auto quoted = Quma("tokenise --quote -e '\\'", values);
   ASSERT_EQ(quoted.status, 0);
-  EXPECT_EQ(Quma("tokenise -e '\\'", quoted.out).out, "plain\nwith space\nquote \" inside\n");
-  auto bad = Quma("tokenise -q '(' ");
-  EXPECT_EQ(bad.status, 1);
-  EXPECT_EQ(bad.err, "quma: --quotes: open and close characters must come in pairs\n");
+  EXPECT_EQ(Quma("tokenise -e '\\'", quoted.out).out, values);
 }
 
 TEST(QumaTool, FolderNamesRoundTrip) {
@@ -218,22 +197,16 @@ TEST(QumaTool, FolderNamesRoundTrip) {
 }
 
 TEST(QumaTool, ParsePrintsTheNodeTreeOrTheParsersError) {
-  const auto defs = Scratch() / "defs.ini";
-  Spit(defs,
+  const std::string defs = "parse -D " + (Scratch() / "defs.ini").string();
+  Spit(Scratch() / "defs.ini",
        "# elements with text, white space dropped\n[element]\nopen = <[a-z]+>\nclose = </[a-z]+>\n"
        "allowed = ^[^<]+\ntext = true\nnodes = true\n\n[space]\nopen = \\s+\ndrop = yes\n");
-  auto tree = Quma("parse -D " + defs.string(), "<a> hi <b>x</b>\n<c></c></a>\n");
-  EXPECT_EQ(tree.status, 0) << tree.err;
-  EXPECT_EQ(tree.out, "element <a> \"hi\"\n  element <b> \"x\"\n  element <c>\n");
-
-  auto unclosed = Quma("parse -D " + defs.string(), "<a>x");
-  EXPECT_EQ(unclosed.status, 1);
-  EXPECT_EQ(unclosed.err, "quma: stdin: Unclosed nodes at end of stream\n");
-
-  auto cr = Quma("parse -D " + defs.string(), "<a>x</a>\r");
-  EXPECT_EQ(cr.status, 1);
-  EXPECT_EQ(cr.err, "quma: stdin: the text ends in a lone carriage return, which leaves its last line unfinished\n");
-
+  ExpectRuns({
+      {defs, "<a> hi <b>x</b>\n<c></c></a>\n", 0, "element <a> \"hi\"\n  element <b> \"x\"\n  element <c>\n"},
+      {defs, "<a>x", 1, "", "quma: stdin: Unclosed nodes at end of stream\n"},
+      {defs, "<a>x</a>\r", 1, "",
+       "quma: stdin: the text ends in a lone carriage return, which leaves its last line unfinished\n"},
+  });
   struct {
     const char* text;
     const char* error;

@@ -2,6 +2,7 @@
 // object with its streamed properties.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <numbers>
 #include <random>
 #include <sstream>
@@ -94,7 +95,7 @@ TEST(Geometry, RectangleMembers) {
   EXPECT_EQ(TRectD::Union(std::span<const TPointD>()), TRectD());
   EXPECT_EQ(TRectD(0.2, 0.5, 1.5, 2.5).Round(), (TRect{0, 0, 2, 2}));  // halves to even
   EXPECT_EQ(TRectD(0.2, -0.5, 1.5, 2.5).Ceiling(), (TRect{1, 0, 2, 3}));
-  EXPECT_EQ(TRectD(-0.7, 0.5, 1e20, 2.5).Truncate(), (TRect{0, 0, INT32_MAX, 2}));
+  EXPECT_EQ(TRectD(-0.7, std::nan(""), 1e20, 2.5).Truncate(), (TRect{0, 0, INT32_MAX, 2}));  // NaN saturates to 0
   EXPECT_EQ(TRectD(0.3, 0.3, 2.4, 2.4).SnapToPixel(2, false), TRectD(0.5, 0.5, 2.5, 2.5));
   EXPECT_EQ(TRectD(0, 0, 2, 2).SnapToPixel(0), TRectD(0.5, 0.5, 2.5, 2.5));
   EXPECT_TRUE(TRectD(0, 0, 1, 1).EqualsTo(TRectD(1e-13, 0, 1, 1)));
