@@ -6,6 +6,8 @@
 
 #include <quma/Filer.h>
 
+#include "rtl/ErrorOf.h"
+
 using namespace quma;
 
 namespace {
@@ -62,15 +64,6 @@ const bool kPublished = [] {
   PublishObjectProperty<TSample>(u"Inner", &TSample::Inner);
   return true;
 }();
-
-std::string ReadError(TPersistent* target, UnicodeStringView text) {
-  try {
-    ReadPropertiesFromText(target, text);
-  } catch (const EReadError& e) {
-    return e.what();
-  }
-  return "<no error>";
-}
 
 }  // namespace
 
@@ -132,7 +125,8 @@ TEST(Filer, BadInputIsReportedAndChangesNothing) {
       {u"Count = 5\nCaption = 'x'\nInner.Scale = 4\nExtra = 'text'", "Line 4, property Extra: Invalid property value"},
   };
   for (const auto& c : cases) {
-    EXPECT_EQ(ReadError(s.get(), c.text), c.error) << Utf16ToUtf8(c.text);
+    EXPECT_EQ(test::ErrorOf<EReadError>([&] { ReadPropertiesFromText(s.get(), c.text); }), c.error)
+        << Utf16ToUtf8(c.text);
     EXPECT_EQ(WritePropertiesToText(s.get()), before) << Utf16ToUtf8(c.text);
   }
 }

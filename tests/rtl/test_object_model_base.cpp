@@ -12,7 +12,10 @@
 #include <quma/Method.h>
 #include <quma/Monitor.h>
 
+#include "rtl/ErrorOf.h"
+
 using namespace quma;
+using quma::test::ErrorOf;
 
 namespace {
 
@@ -52,16 +55,6 @@ class TAbstractish : public TBase {
  public:
   TAbstractish() : TBase(0) {}  // not creatable with the hierarchy's arguments
 };
-
-template <class E, class F>
-UnicodeString MessageOf(F&& f) {
-  try {
-    f();
-  } catch (const E& e) {
-    return e.Message();
-  }
-  return u"no error";
-}
 
 }  // namespace
 
@@ -285,8 +278,8 @@ TEST(GenericContainers, ObjectListDictionaryAndStack) {
 
   auto dict = MakeObject<TDictionary<int, std::string>>();
   dict->Add(1, "one");
-  EXPECT_THROW(dict->Add(1, "uno"), EListError);
-  EXPECT_THROW(dict->Items(2), EListError);
+  EXPECT_EQ(ErrorOf<EListError>([&] { dict->Add(1, "uno"); }), "Duplicates not allowed");
+  EXPECT_EQ(ErrorOf<EListError>([&] { dict->Items(2); }), "Item not found");
   std::string v;
   EXPECT_TRUE(dict->TryGetValue(1, v));
   EXPECT_EQ(v, "one");
@@ -296,7 +289,7 @@ TEST(GenericContainers, ObjectListDictionaryAndStack) {
   EXPECT_EQ(stack->Pop(), 2);
   EXPECT_EQ(stack->Peek(), 1);
   stack->Pop();
-  EXPECT_EQ(MessageOf<EListError>([&] { stack->Pop(); }), u"Unbalanced stack or queue operation");
+  EXPECT_EQ(ErrorOf<EListError>([&] { stack->Pop(); }), "Unbalanced stack or queue operation");
 }
 
 namespace {
@@ -399,6 +392,6 @@ TEST(Collections, NotifyHearsEveryItemComeAndGoUntilTheEnd) {
 TEST(Persistent, AssignWithoutSupportRaisesTheHostError) {
   auto a = MakeObject<TPoint>();
   auto c = MakeObject<TComponent>();
-  EXPECT_EQ(MessageOf<EConvertError>([&] { a->Assign(c.get()); }), u"Cannot assign a TComponent to a TPoint");
-  EXPECT_EQ(MessageOf<EConvertError>([&] { a->Assign(nullptr); }), u"Cannot assign a nil to a TPoint");
+  EXPECT_EQ(ErrorOf<EConvertError>([&] { a->Assign(c.get()); }), "Cannot assign a TComponent to a TPoint");
+  EXPECT_EQ(ErrorOf<EConvertError>([&] { a->Assign(nullptr); }), "Cannot assign a nil to a TPoint");
 }

@@ -7,7 +7,10 @@
 #include <quma/Encoding.h>
 #include <quma/Streams.h>
 
+#include "rtl/ErrorOf.h"
+
 using namespace quma;
+using quma::test::ErrorOf;
 
 namespace {
 const TEncoding* const kAll[] = {TEncoding::ANSI(),    TEncoding::ASCII(), TEncoding::BigEndianUnicode(),
@@ -84,12 +87,8 @@ TEST(Encodings, InvalidOrIncompleteInputRaises) {
   };
   for (const auto& [enc, bytes] : cases) {
     SCOPED_TRACE(Utf16ToUtf8(enc->EncodingName()) + " " + Ascii(bytes));
-    try {
-      enc->GetString(bytes);
-      ADD_FAILURE() << "decoded";
-    } catch (const EEncodingError& e) {
-      EXPECT_EQ(e.Message(), u"No mapping for the Unicode character exists in the target multi-byte code page");
-    }
+    EXPECT_EQ(ErrorOf<EEncodingError>([&] { enc->GetString(bytes); }),
+              "No mapping for the Unicode character exists in the target multi-byte code page");
   }
   // A pair split over two runs is still a pair.
   EXPECT_EQ(TEncoding::UTF7()->GetString(TBytes{'+', '2', 'D', '0', '-', '+', '3', 'g', 'A', '-'}), u"\U0001F600");
@@ -137,12 +136,7 @@ TEST(Streams, PositionsAndCountsStayInsideTheBuffer) {
     s->SetPosition(5);
     EXPECT_EQ(s->ReadBytes(3), (TBytes{0, 0, '!'}));
     s->SetPosition(0);
-    try {
-      s->ReadBuffer(buf, 9);
-      ADD_FAILURE();
-    } catch (const EReadError& e) {
-      EXPECT_EQ(e.Message(), u"Stream read error");
-    }
+    EXPECT_EQ(ErrorOf<EReadError>([&] { s->ReadBuffer(buf, 9); }), "Stream read error");
     s->SetSize(2);
     EXPECT_EQ(s->Size(), 2);
     EXPECT_LE(s->Position(), 2);
@@ -152,12 +146,7 @@ TEST(Streams, PositionsAndCountsStayInsideTheBuffer) {
   EXPECT_EQ(mem->Position(), 0);
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // sanitizer allocators abort on such a request
   mem->SetPosition(Int64(1) << 62);
-  try {
-    mem->Write("x", 1);
-    ADD_FAILURE();
-  } catch (const EStreamError& e) {
-    EXPECT_EQ(e.Message(), u"Out of memory while expanding memory stream");
-  }
+  EXPECT_EQ(ErrorOf<EStreamError>([&] { mem->Write("x", 1); }), "Out of memory while expanding memory stream");
   EXPECT_EQ(mem->Size(), 0);
 #endif
   mem->SetPosition(0x7FFFFFFFFFFFFFFF);
@@ -180,10 +169,6 @@ TEST(Streams, CopyStringAndFileStreams) {
   EXPECT_EQ(u->DataString(), u"caf\u00E9");
   EXPECT_EQ(u->Size(), 5);
 
-  try {
-    TFileStream missing(std::string_view("/nonexistent/dir/file"), fmOpenRead);
-    ADD_FAILURE();
-  } catch (const EFOpenError& e) {
-    EXPECT_EQ(e.Message(), u"Cannot open file \"/nonexistent/dir/file\". No such file or directory");
-  }
+  EXPECT_EQ(ErrorOf<EFOpenError>([] { TFileStream(std::string_view("/nonexistent/dir/file"), fmOpenRead); }),
+            "Cannot open file \"/nonexistent/dir/file\". No such file or directory");
 }

@@ -6,7 +6,10 @@
 #include <quma/Strings.h>
 #include <quma/SysUtils.h>
 
+#include "rtl/ErrorOf.h"
+
 using namespace quma;
+using quma::test::ErrorOf;
 
 TEST(Utf, RoundTripsAndRepairs) {
   const std::string text = "A\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80";  // A é € 😀
@@ -43,12 +46,7 @@ TEST(Strings, IntegerConversion) {
     EXPECT_EQ(v, 99);
     EXPECT_EQ(StrToIntDef(bad, -7), -7);
   }
-  try {
-    StrToInt(u"- ");
-    FAIL();
-  } catch (const EConvertError& e) {
-    EXPECT_EQ(e.Message(), u"'- ' is not a valid integer value");
-  }
+  EXPECT_EQ(ErrorOf<EConvertError>([] { StrToInt(u"- "); }), "'- ' is not a valid integer value");
   EXPECT_EQ(IntToStr(-5), u"-5");
   EXPECT_EQ(IntToHex(0xAB, 4), u"00AB");
 }
@@ -67,12 +65,7 @@ TEST(Strings, FormatDirectives) {
   EXPECT_EQ(Format(u"%-*.*f|", 8, 1, 2.25), u"2.3     |");
   EXPECT_EQ(Format(u"%*:s", 1, u"a", u"b"), u"a");
   EXPECT_EQ(Format(u"%*d|", -3, 9), u"9|");
-  try {
-    Format(u"%d", u"text");
-    FAIL();
-  } catch (const EConvertError& e) {
-    EXPECT_EQ(e.Message(), u"Format '%d' invalid or incompatible with argument");
-  }
+  EXPECT_EQ(ErrorOf<EConvertError>([] { Format(u"%d", u"text"); }), "Format '%d' invalid or incompatible with argument");
   EXPECT_THROW(Format(u"%s %s", u"one"), EConvertError);
   EXPECT_THROW(Format(u"%*d", 5), EConvertError);
 }
