@@ -8,7 +8,10 @@
 #include <quma/FmtBcd.h>
 #include <quma/Strings.h>
 
+#include "rtl/ErrorOf.h"
+
 using namespace quma;
+using quma::test::ErrorOf;
 
 namespace {
 
@@ -20,16 +23,6 @@ std::string FromString(T text, const Settings&... fs) {
   TBcd r;
   QUMA_BcdFromString(text, r, fs...);
   return S(r);
-}
-
-template <class E, class F>
-std::string ErrorOf(F f) {
-  try {
-    f();
-  } catch (const E& e) {
-    return e.what();
-  }
-  return "no exception";
 }
 
 // Exact a/b (b > 0) written with `places` decimals, truncated.
@@ -128,13 +121,11 @@ TEST(BcdDivide, AgreesWithIntegerLongDivision) {
 }
 
 TEST(BcdFromString, FindsTheFirstNumber) {
-  EXPECT_EQ(FromString(u"Total: 1,234.50 EUR"), "1234.5");
-  EXPECT_EQ(FromString(u"abc -12.5e2 def"), "-1250");
-  EXPECT_EQ(FromString(u"x 3E2"), "300");  // the exponent letter in either case
-  EXPECT_EQ(FromString(u"+42"), "42");
+  // The exponent letter in either case; a bare one counts as e0.
+  const std::pair<const char16_t*, const char*> found[] = {{u"Total: 1,234.50 EUR", "1234.5"},
+      {u"abc -12.5e2 def", "-1250"}, {u"x 3E2", "300"}, {u"+42", "42"}, {u"5e", "5"}, {u"1.2.3", "1.2"}};
+  for (const auto& [text, number] : found) EXPECT_EQ(FromString(text), number) << Utf16ToUtf8(text);
   EXPECT_EQ(FromString("v7.25"), "7.25");
-  EXPECT_EQ(FromString(u"5e"), "5");  // a bare exponent letter counts as e0
-  EXPECT_EQ(FromString(u"1.2.3"), "1.2");
   // "a, b": the pattern takes the lone thousands separator, which does not convert.
   for (const char16_t* bad : {u"", u"no digits here", u"-", u"a, b"})
     EXPECT_EQ(ErrorOf<EConvertError>([&] { FromString(bad); }),

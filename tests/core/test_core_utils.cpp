@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <limits>
 #include <map>
 
@@ -32,18 +33,12 @@ TEST(Counters, WrapAroundAndConvertTheDeltaToTheVariablesWidth) {
   EXPECT_EQ(PreDec(s64, std::numeric_limits<Integer>::min()), Int64{1} << 31);
 }
 
-TEST(CoreUtils, CountOfCharInString) {
+TEST(CoreUtils, CountOfCharAndByteOrder) {
   EXPECT_EQ(CountOfCharInString(u'a', u""), 0);
   EXPECT_EQ(CountOfCharInString(u'a', u"banana"), 3);
   EXPECT_EQ(CountOfCharInString(u'\xE9', u"\xE9t\xE9"), 2);
-}
-
-TEST(CoreUtils, ByteOrderIsCachedAndConsistent) {
-  const bool big = CurrentPlatformIsBigEndian();
-  EXPECT_EQ(CurrentPlatformIsLittleEndian(), !big);
-#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-  EXPECT_FALSE(big);
-#endif
+  EXPECT_EQ(CurrentPlatformIsBigEndian(), std::endian::native == std::endian::big);
+  EXPECT_EQ(CurrentPlatformIsLittleEndian(), std::endian::native == std::endian::little);
 }
 
 namespace {

@@ -6,6 +6,8 @@
 #include <quma/CoreTypes.h>
 #include <quma/PropertySet.h>
 
+#include "rtl/ErrorOf.h"
+
 using namespace quma;
 
 namespace {
@@ -168,12 +170,8 @@ TEST(PropertySetDuplicate, CopiesTheRunTimeClassAndOwnerButTheBaseClassCannotCop
   EXPECT_EQ(copy->Owner(), owner.get());
   EXPECT_TRUE(copy->Equals(src.get()));
   EXPECT_EQ(src->DuplicateAs<TSample>(nullptr)->Owner(), nullptr);
-  try {
-    MakeObject<TQUMAPropertySet>()->Duplicate();
-    ADD_FAILURE() << "expected EConvertError";
-  } catch (const EConvertError& e) {
-    EXPECT_EQ(e.Message(), u"Cannot assign a TQUMAPropertySet to a TQUMAPropertySet");
-  }
+  EXPECT_EQ(test::ErrorOf<EConvertError>([] { MakeObject<TQUMAPropertySet>()->Duplicate(); }),
+            "Cannot assign a TQUMAPropertySet to a TQUMAPropertySet");
 }
 
 class TCounted : public TQUMAPropertySet {
