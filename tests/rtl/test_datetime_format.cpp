@@ -11,7 +11,7 @@
 #include <quma/FormatSettings.h>
 #include <quma/Strings.h>
 
-#include "rtl/ErrorOf.h"
+#include "rtl/TestSupport.h"
 
 using namespace quma;
 

@@ -6,7 +6,7 @@
 
 #include <quma/Filer.h>
 
-#include "rtl/ErrorOf.h"
+#include "rtl/TestSupport.h"
 
 using namespace quma;
 

@@ -1,7 +1,7 @@
 #include <quma/NetEncoding.h>
 #include <quma/SysUtils.h>
 
-#include "rtl/ErrorOf.h"
+#include "rtl/TestSupport.h"
 
 #include <gtest/gtest.h>
 

@@ -12,10 +12,11 @@
 #include <quma/Method.h>
 #include <quma/Monitor.h>
 
-#include "rtl/ErrorOf.h"
+#include "rtl/TestSupport.h"
 
 using namespace quma;
 using quma::test::ErrorOf;
+using quma::test::TFreeCounter;
 
 namespace {
 
@@ -253,28 +254,18 @@ TEST(GenericList, ComparerDrivesSearchAndSort) {
   EXPECT_EQ(at, 1);
 }
 
-namespace {
-class TCountedItem : public TObject {
-  QUMA_CLASS(TCountedItem, TObject)
- public:
-  explicit TCountedItem(int* alive) : Alive(alive) { ++*Alive; }
-  ~TCountedItem() override { --*Alive; }
-  int* Alive;
-};
-}  // namespace
-
 TEST(GenericContainers, ObjectListDictionaryAndStack) {
-  int alive = 0;
+  int frees = 0;
   {
-    auto owning = MakeObject<TObjectList<TCountedItem>>();
-    owning->Add(New<TCountedItem>(&alive));
-    auto* kept = New<TCountedItem>(&alive);
+    auto owning = MakeObject<TObjectList<TFreeCounter>>();
+    owning->Add(New<TFreeCounter>(&frees));
+    auto* kept = New<TFreeCounter>(&frees);
     owning->Add(kept);
     ASSERT_TRUE(owning->Extract(kept).has_value());  // extraction hands it back
-    EXPECT_EQ(alive, 2);
+    EXPECT_EQ(frees, 0);
     Free(kept);
   }
-  EXPECT_EQ(alive, 0);
+  EXPECT_EQ(frees, 2);
 
   auto dict = MakeObject<TDictionary<int, std::string>>();
   dict->Add(1, "one");

@@ -7,7 +7,7 @@
 #include <quma/Encoding.h>
 #include <quma/Streams.h>
 
-#include "rtl/ErrorOf.h"
+#include "rtl/TestSupport.h"
 
 using namespace quma;
 using quma::test::ErrorOf;

@@ -3,7 +3,7 @@
 #include <quma/Streams.h>
 #include <quma/StringList.h>
 
-#include "rtl/ErrorOf.h"
+#include "rtl/TestSupport.h"
 
 #include <cstdio>
 #include <random>
@@ -12,6 +12,7 @@
 
 using namespace quma;
 using quma::test::ErrorOf;
+using quma::test::TFreeCounter;
 
 namespace {
 
@@ -28,16 +29,6 @@ TObjectPtr<TStringList> ListOf(const Strings& items) {
   list->AddStrings(items);
   return list;
 }
-
-class TTracked : public TObject {
-  QUMA_CLASS(TTracked, TObject)
- public:
-  explicit TTracked(int* frees) : FFrees(frees) {}
-  ~TTracked() override { ++*FFrees; }
-
- private:
-  int* FFrees;
-};
 
 class TChangeLog : public TObject {
   QUMA_CLASS(TChangeLog, TObject)
@@ -100,7 +91,7 @@ TEST(StringList, OwnedObjectsAreFreedByDeleteClearAndDestruction) {
   int frees = 0;
   {
     auto list = MakeObject<TStringList>(true);
-    for (int i = 0; i < 4; ++i) list->AddObject(u"o", New<TTracked>(&frees));
+    for (int i = 0; i < 4; ++i) list->AddObject(u"o", New<TFreeCounter>(&frees));
     TObject* kept = list->Objects(0);
     list->PutObject(0, nullptr);  // replacing never frees
     list->Move(3, 1);             // nor does moving
@@ -114,10 +105,10 @@ TEST(StringList, OwnedObjectsAreFreedByDeleteClearAndDestruction) {
     EXPECT_EQ(frees, 2);
     Free(loose);
     list->SetOwnsObjects(true);
-    list->AddObject(u"p", New<TTracked>(&frees));
+    list->AddObject(u"p", New<TFreeCounter>(&frees));
     list->Clear();
     EXPECT_EQ(frees, 5);
-    list->AddObject(u"q", New<TTracked>(&frees));
+    list->AddObject(u"q", New<TFreeCounter>(&frees));
   }
   EXPECT_EQ(frees, 6);
 }

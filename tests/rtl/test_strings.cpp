@@ -6,7 +6,7 @@
 #include <quma/Strings.h>
 #include <quma/SysUtils.h>
 
-#include "rtl/ErrorOf.h"
+#include "rtl/TestSupport.h"
 
 using namespace quma;
 using quma::test::ErrorOf;

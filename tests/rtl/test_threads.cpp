@@ -8,7 +8,7 @@
 
 #include <quma/Threads.h>
 
-#include "rtl/ErrorOf.h"
+#include "rtl/TestSupport.h"
 
 using namespace quma;
 using quma::test::ErrorOf;
