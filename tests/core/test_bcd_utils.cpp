@@ -8,7 +8,7 @@
 #include <quma/FmtBcd.h>
 #include <quma/Strings.h>
 
-#include "rtl/ErrorOf.h"
+#include "rtl/TestSupport.h"
 
 using namespace quma;
 using quma::test::ErrorOf;

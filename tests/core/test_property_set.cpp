@@ -6,7 +6,7 @@
 #include <quma/CoreTypes.h>
 #include <quma/PropertySet.h>
 
-#include "rtl/ErrorOf.h"
+#include "rtl/TestSupport.h"
 
 using namespace quma;
 
