@@ -111,12 +111,3 @@ TEST(LocatedException, CarriesLocationApartFromMessage) {
     EXPECT_GT(e.LineNumber(), 0);
   }
 }
-
-TEST(CoreTypes, PairsKeepArgumentOrder) {
-  const auto cn = QUMACodeNamePair(u"GB", u"United Kingdom");
-  const auto kv = QUMAKeyValuePair(u"k", u"v");
-  EXPECT_EQ(cn.Code + u"|" + cn.Name + u"|" + kv._szKey + u"|" + kv._szValue, u"GB|United Kingdom|k|v");
-  EXPECT_EQ(static_cast<int>(trUnknown), 2);
-  constexpr TGUID expected{0x1D3AF930, 0xF9AC, 0x4F55, {0xB3, 0xB4, 0x2C, 0x09, 0xE6, 0x69, 0xC1, 0x5C}};
-  EXPECT_EQ(IQUMASelfReturning::IID, expected);
-}

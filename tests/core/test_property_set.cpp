@@ -195,6 +195,7 @@ TEST(PropertySetInterface, CountingIsOptInAndTheLastReleaseFrees) {
   void* raw = nullptr;
   ASSERT_EQ(set->QueryInterface(IInterface::IID, &raw), S_OK);
   EXPECT_EQ(set->QueryInterface(IQUMASelfReturning::IID, &raw), E_NOINTERFACE);
+  EXPECT_EQ(IQUMASelfReturning::IID, TGUID::Parse("{1D3AF930-F9AC-4F55-B3B4-2C09E669C15C}"));
   EXPECT_EQ(raw, nullptr);
   EXPECT_EQ(set->_AddRef(), 2);
   {

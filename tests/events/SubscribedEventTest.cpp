@@ -13,7 +13,10 @@
 
 #include <quma/SubscribedEvent.h>
 
+#include "Counter.h"
+
 using namespace quma;
+using eventtest::TCounter;
 
 namespace {
 
@@ -312,19 +315,6 @@ TEST_F(Event, ThrowingSubscriberEndsThePassAndReleasesTheMonitor) {
 }
 
 // Other threads.
-
-class TCounter : public TObject {
-  QUMA_CLASS(TCounter, TObject)
- public:
-  std::atomic<int> Inside{0}, Calls{0};
-  std::atomic<bool> Overlap{false};
-  void Enter(TObject*) {
-    if (Inside.fetch_add(1) != 0) Overlap = true;
-    Calls.fetch_add(1);
-  }
-  void Leave(TObject*) { Inside.fetch_sub(1); }
-  TNotifyEvent OnEnter() { return Bind<&TCounter::Enter>(this); }
-};
 
 TEST_F(Event, SubscribeFromAnotherThreadWaitsForThePass) {
   std::atomic<bool> inPass{false}, otherStarting{false};
