@@ -141,7 +141,12 @@ TEST(BcdFromString, SettingsShapeThePatternButNotTheConversion) {
   // thousands separator and "." the decimal point.
   EXPECT_EQ(ErrorOf<EConvertError>([&] { FromString(u"1.234,5", german); }), "Unable to convert \"1.234,5\" to TBcd");
   EXPECT_EQ(FromString(u"Preis 12,", german), "12");
-  EXPECT_EQ(FromString(u"value 77", german), "77");
+  EXPECT_EQ(FromString("value 77", german), "77");
+  // The pattern a thread used last is not taken for a pair that differs in the thousands separator.
+  TFormatSettings apostrophe = TFormatSettings::Create(u"en-GB");
+  apostrophe.ThousandSeparator = u'\'';
+  EXPECT_EQ(FromString(u"1'234.5"), "1");
+  EXPECT_EQ(ErrorOf<EConvertError>([&] { FromString(u"1'234.5", apostrophe); }), "Unable to convert \"1'234.5\" to TBcd");
   // A different pair on many threads at once: one compiled pattern per pair, shared safely.
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t)

@@ -161,7 +161,16 @@ TEST(PropertySetIdentity, EqualsAndEqualTo) {
   EXPECT_FALSE(sibling->Equals(s1.get()));
 }
 
-TEST(PropertySetDuplicate, CopiesTheRunTimeClassAndOwnerButTheBaseClassCannotCopy) {
+// Counts the destructions of every instance, those made through the class reference included.
+class TCounted : public TQUMAPropertySet {
+  QUMA_CLASS(TCounted, TQUMAPropertySet)
+ public:
+  using TQUMAPropertySet::TQUMAPropertySet;
+  ~TCounted() override { ++Destroyed; }
+  static inline int Destroyed = 0;
+};
+
+TEST(PropertySetDuplicate, CopiesTheRunTimeClassAndOwnerButAClassWithoutAssignCannotCopy) {
   auto owner = MakeObject<TSample>();
   auto src = MakeObject<TSample>(owner.get());
   src->SetValue(9);
@@ -170,24 +179,15 @@ TEST(PropertySetDuplicate, CopiesTheRunTimeClassAndOwnerButTheBaseClassCannotCop
   EXPECT_EQ(copy->Owner(), owner.get());
   EXPECT_TRUE(copy->Equals(src.get()));
   EXPECT_EQ(src->DuplicateAs<TSample>(nullptr)->Owner(), nullptr);
-  EXPECT_EQ(test::ErrorOf<EConvertError>([] { MakeObject<TQUMAPropertySet>()->Duplicate(); }),
-            "Cannot assign a TQUMAPropertySet to a TQUMAPropertySet");
+  const int destroyed = TCounted::Destroyed;
+  EXPECT_EQ(test::ErrorOf<EConvertError>([] { MakeObject<TCounted>()->Duplicate(); }),
+            "Cannot assign a TCounted to a TCounted");
+  EXPECT_EQ(TCounted::Destroyed, destroyed + 2);  // the half-made copy is freed with the source
 }
 
-class TCounted : public TQUMAPropertySet {
-  QUMA_CLASS(TCounted, TQUMAPropertySet)
- public:
-  using TQUMAPropertySet::TQUMAPropertySet;
-  bool* Destroyed = nullptr;
-  ~TCounted() override {
-    if (Destroyed) *Destroyed = true;
-  }
-};
-
 TEST(PropertySetInterface, CountingIsOptInAndTheLastReleaseFrees) {
-  bool destroyed = false;
+  const int destroyed = TCounted::Destroyed;
   auto* set = New<TCounted>();
-  set->Destroyed = &destroyed;
   EXPECT_EQ(set->_AddRef(), -1);  // off by default: nothing is counted
   EXPECT_EQ(set->_Release(), -1);
   set->SetInterfaceCounted(true);
@@ -203,7 +203,7 @@ TEST(PropertySetInterface, CountingIsOptInAndTheLastReleaseFrees) {
     EXPECT_EQ(set->_Release(), 2);
     EXPECT_EQ(set->_Release(), 1);
   }
-  EXPECT_TRUE(destroyed);
+  EXPECT_EQ(TCounted::Destroyed, destroyed + 1);
 }
 
 }  // namespace
