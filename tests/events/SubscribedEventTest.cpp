@@ -121,7 +121,15 @@ class TOpenEvent : public TQUMASubscribedEvent {
     ++Subscribes;
     inherited::Subscribe(fnCallback);
   }
-  void SwapForEmptyList() { Free(ExchangeCallbackList(New<TQUMACallbackList>())); }
+  void SwapForEmptyList(TQUMACallbackList* list = New<TQUMACallbackList>()) { Free(ExchangeCallbackList(list)); }
+};
+// A subscriber list that reports its end.
+class TWatchedList : public TQUMACallbackList {
+  QUMA_CLASS(TWatchedList, TQUMACallbackList)
+ public:
+  explicit TWatchedList(bool* freed) : Freed(freed) {}
+  ~TWatchedList() override { *Freed = true; }
+  bool* Freed;
 };
 
 TEST_F(Event, TransferAddsOnlyMissingSubscribersAndEmptiesTheSource) {
@@ -166,7 +174,9 @@ TEST_F(Event, TypedEventsShareTheUntypedIdentityAndUnblockWithTheirOwnArgument) 
   EXPECT_TRUE(event->IsSubscribed(b->OnA()));
   typed->FireCallbacks(8);
   EXPECT_EQ(c->LastParam, 7);
-  // A typed Unblock fires once with its own argument and without OnUnblocked.
+  // A typed Unblock fires once with its own argument and without OnUnblocked, and only after a
+  // suppressed firing.
+  typed->Unblock(5);
   typed->SetOnUnblocked(d->OnB());
   {
     TQUMAScopedBlock block(*typed, 99);
@@ -302,6 +312,10 @@ TEST_F(Event, PassStopsWhenTheEventDropsItsList) {
   swapping->Subscribe(d->OnA());
   swapping->FireCallbacks();
   EXPECT_EQ(log, (TLog{"a.A", "d.A"}));
+  bool freed = false;
+  swapping->SwapForEmptyList(New<TWatchedList>(&freed));
+  swapping.reset();
+  EXPECT_TRUE(freed);  // the event frees the list it holds
 }
 
 TEST_F(Event, ThrowingSubscriberEndsThePassAndReleasesTheMonitor) {
