@@ -247,6 +247,8 @@ TEST(FreeFunctions, ClearTheVariableFirst) {
   x->AddMemLockReference(&h);
   TNode* p = x;
   RemoveNotifyAndNil(p, static_cast<TQUMAReferencedPersistent*>(nullptr));
+  RemoveNotifyAndNil(p, static_cast<TComponent*>(nullptr));
+  RemoveNotifyAndNil(p, static_cast<TObject*>(nullptr), h.Callback());
   EXPECT_EQ(p, x);  // null consumer: nothing happens
   RemoveNotifyAndNil(p, c);
   EXPECT_EQ(p, nullptr);
