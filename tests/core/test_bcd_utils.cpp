@@ -146,7 +146,8 @@ TEST(BcdFromString, SettingsShapeThePatternButNotTheConversion) {
   TFormatSettings apostrophe = TFormatSettings::Create(u"en-GB");
   apostrophe.ThousandSeparator = u'\'';
   EXPECT_EQ(FromString(u"1'234.5"), "1");
-  EXPECT_EQ(ErrorOf<EConvertError>([&] { FromString(u"1'234.5", apostrophe); }), "Unable to convert \"1'234.5\" to TBcd");
+  EXPECT_EQ(ErrorOf<EConvertError>([&] { FromString(u"1'234.5", apostrophe); }),
+            "Unable to convert \"1'234.5\" to TBcd");
   // A different pair on many threads at once: one compiled pattern per pair, shared safely.
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t)

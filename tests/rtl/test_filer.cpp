@@ -36,7 +36,7 @@ class TSample : public TPersistent {
   TInner* Inner() const { return FInner.get(); }
 
   Int64 FExtra = 0;  // streamed through DefineProperties as "Extra", when not 0
-  int FExtraWrites = 1;
+  int FExtraWrites = 1, FExtraReads = 1;
   Integer FCount = 0;
   UnicodeString FCaption;
   bool FFlag = false;
@@ -49,7 +49,9 @@ class TSample : public TPersistent {
   }
 
  private:
-  void ReadExtra(TReader* Reader) { FExtra = Reader->ReadInteger(); }
+  void ReadExtra(TReader* Reader) {
+    for (int i = 0; i < FExtraReads; ++i) FExtra = Reader->ReadInteger();
+  }
   void WriteExtra(TWriter* Writer) {
     for (int i = 0; i < FExtraWrites; ++i) Writer->WriteInteger(FExtra);
   }
@@ -128,5 +130,11 @@ TEST(Filer, BadInputIsReportedAndChangesNothing) {
     EXPECT_EQ(test::ErrorOf<EReadError>([&] { ReadPropertiesFromText(s.get(), c.text); }), c.error)
         << Utf16ToUtf8(c.text);
     EXPECT_EQ(WritePropertiesToText(s.get()), before) << Utf16ToUtf8(c.text);
+  }
+  // A defined property's reader must take its one value, no more and no less.
+  for (const int reads : {0, 2}) {
+    s->FExtraReads = reads;
+    EXPECT_EQ(test::ErrorOf<EReadError>([&] { ReadPropertiesFromText(s.get(), u"Extra = 5"); }),
+              "Line 1, property Extra: Property value not read");
   }
 }

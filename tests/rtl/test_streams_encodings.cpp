@@ -28,6 +28,7 @@ TEST(Encodings, KnownByteFormsBothWays) {
       // RFC 2152 examples; a run ends with '-' only where the next byte could continue it.
       {TEncoding::UTF7(), u"A\u2262\u0391.", {'A', '+', 'I', 'm', 'I', 'D', 'k', 'Q', '.'}},
       {TEncoding::UTF7(), u"1 + 1", {'1', ' ', '+', '-', ' ', '1'}},
+      {TEncoding::UTF7(), u"a+z", {'a', '+', '-', 'z'}},
       {TEncoding::UTF7(), u"\u00E91", {'+', 'A', 'O', 'k', '-', '1'}},
       {TEncoding::UTF7(), u"\u00E9-", {'+', 'A', 'O', 'k', '-', '-'}},
       {TEncoding::UTF7(), u"\u00E9.", {'+', 'A', 'O', 'k', '.'}},
@@ -152,6 +153,8 @@ TEST(Streams, PositionsAndCountsStayInsideTheBuffer) {
   mem->SetPosition(0x7FFFFFFFFFFFFFFF);
   EXPECT_EQ(mem->Write("x", 1), 0);  // the end would overflow
   EXPECT_EQ(mem->Seek(1, soCurrent), 0x7FFFFFFFFFFFFFFF);
+  char c = 0;
+  EXPECT_EQ(TFileStream(std::string_view(path.string()), fmOpenWrite).Read(&c, 1), 0);  // a failed read reads nothing
   file.reset();
   std::filesystem::remove(path);
 }

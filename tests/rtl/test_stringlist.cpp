@@ -324,6 +324,7 @@ TEST(StringList, AssignCopiesStringsObjectsAndSettings) {
   EXPECT_EQ(target->Count(), 6);
 
   auto other = MakeObject<TPersistent>();
-  EXPECT_EQ(ErrorOf<EConvertError>([&] { target->Assign(other.get()); }), "Cannot assign a TPersistent to a TStringList");
+  EXPECT_EQ(ErrorOf<EConvertError>([&] { target->Assign(other.get()); }),
+            "Cannot assign a TPersistent to a TStringList");
   EXPECT_EQ(target->Count(), 6);
 }

@@ -65,7 +65,8 @@ TEST(Strings, FormatDirectives) {
   EXPECT_EQ(Format(u"%-*.*f|", 8, 1, 2.25), u"2.3     |");
   EXPECT_EQ(Format(u"%*:s", 1, u"a", u"b"), u"a");
   EXPECT_EQ(Format(u"%*d|", -3, 9), u"9|");
-  EXPECT_EQ(ErrorOf<EConvertError>([] { Format(u"%d", u"text"); }), "Format '%d' invalid or incompatible with argument");
+  EXPECT_EQ(ErrorOf<EConvertError>([] { Format(u"%d", u"text"); }),
+            "Format '%d' invalid or incompatible with argument");
   EXPECT_THROW(Format(u"%s %s", u"one"), EConvertError);
   EXPECT_THROW(Format(u"%*d", 5), EConvertError);
 }
