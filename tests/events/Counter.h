@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <functional>
-#include <utility>
 
 #include <quma/Method.h>
 #include <quma/Object.h>
