@@ -154,7 +154,9 @@ TEST(Streams, PositionsAndCountsStayInsideTheBuffer) {
   EXPECT_EQ(mem->Write("x", 1), 0);  // the end would overflow
   EXPECT_EQ(mem->Seek(1, soCurrent), 0x7FFFFFFFFFFFFFFF);
   char c = 0;
-  EXPECT_EQ(TFileStream(std::string_view(path.string()), fmOpenWrite).Read(&c, 1), 0);  // a failed read reads nothing
+  // A failed read or write moves nothing.
+  EXPECT_EQ(TFileStream(std::string_view(path.string()), fmOpenWrite).Read(&c, 1), 0);
+  EXPECT_EQ(TFileStream(std::string_view(path.string()), fmOpenRead).Write(&c, 1), 0);
   file.reset();
   std::filesystem::remove(path);
 }
