@@ -95,6 +95,7 @@ TEST(IsKeyDown, HighByteMeansDownAndGenericModifiersFallBackToTheRightHandKey) {
   // equivalent read as up.
   SetKeyStateProvider(nullptr);
   EXPECT_FALSE(IsKeyDown(0xFF));
+  EXPECT_EQ(DefaultKeyStateProvider()->GetAsyncKeyState(0xFF), 0);
 }
 
 TEST(LocatedException, CarriesLocationApartFromMessage) {
