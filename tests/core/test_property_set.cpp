@@ -6,6 +6,8 @@
 #include <quma/CoreTypes.h>
 #include <quma/PropertySet.h>
 
+#include "rtl/TestSupport.h"
+
 using namespace quma;
 
 namespace {
@@ -159,7 +161,16 @@ TEST(PropertySetIdentity, EqualsAndEqualTo) {
   EXPECT_FALSE(sibling->Equals(s1.get()));
 }
 
-TEST(PropertySetDuplicate, CopiesTheRunTimeClassAndOwnerButTheBaseClassCannotCopy) {
+// Counts the destructions of every instance, those made through the class reference included.
+class TCounted : public TQUMAPropertySet {
+  QUMA_CLASS(TCounted, TQUMAPropertySet)
+ public:
+  using TQUMAPropertySet::TQUMAPropertySet;
+  ~TCounted() override { ++Destroyed; }
+  static inline int Destroyed = 0;
+};
+
+TEST(PropertySetDuplicate, CopiesTheRunTimeClassAndOwnerButAClassWithoutAssignCannotCopy) {
   auto owner = MakeObject<TSample>();
   auto src = MakeObject<TSample>(owner.get());
   src->SetValue(9);
@@ -168,28 +179,15 @@ TEST(PropertySetDuplicate, CopiesTheRunTimeClassAndOwnerButTheBaseClassCannotCop
   EXPECT_EQ(copy->Owner(), owner.get());
   EXPECT_TRUE(copy->Equals(src.get()));
   EXPECT_EQ(src->DuplicateAs<TSample>(nullptr)->Owner(), nullptr);
-  try {
-    MakeObject<TQUMAPropertySet>()->Duplicate();
-    ADD_FAILURE() << "expected EConvertError";
-  } catch (const EConvertError& e) {
-    EXPECT_EQ(e.Message(), u"Cannot assign a TQUMAPropertySet to a TQUMAPropertySet");
-  }
+  const int destroyed = TCounted::Destroyed;
+  EXPECT_EQ(test::ErrorOf<EConvertError>([] { MakeObject<TCounted>()->Duplicate(); }),
+            "Cannot assign a TCounted to a TCounted");
+  EXPECT_EQ(TCounted::Destroyed, destroyed + 2);  // the half-made copy is freed with the source
 }
 
-class TCounted : public TQUMAPropertySet {
-  QUMA_CLASS(TCounted, TQUMAPropertySet)
- public:
-  using TQUMAPropertySet::TQUMAPropertySet;
-  bool* Destroyed = nullptr;
-  ~TCounted() override {
-    if (Destroyed) *Destroyed = true;
-  }
-};
-
 TEST(PropertySetInterface, CountingIsOptInAndTheLastReleaseFrees) {
-  bool destroyed = false;
+  const int destroyed = TCounted::Destroyed;
   auto* set = New<TCounted>();
-  set->Destroyed = &destroyed;
   EXPECT_EQ(set->_AddRef(), -1);  // off by default: nothing is counted
   EXPECT_EQ(set->_Release(), -1);
   set->SetInterfaceCounted(true);
@@ -197,6 +195,7 @@ TEST(PropertySetInterface, CountingIsOptInAndTheLastReleaseFrees) {
   void* raw = nullptr;
   ASSERT_EQ(set->QueryInterface(IInterface::IID, &raw), S_OK);
   EXPECT_EQ(set->QueryInterface(IQUMASelfReturning::IID, &raw), E_NOINTERFACE);
+  EXPECT_EQ(IQUMASelfReturning::IID, TGUID::Parse("{1D3AF930-F9AC-4F55-B3B4-2C09E669C15C}"));
   EXPECT_EQ(raw, nullptr);
   EXPECT_EQ(set->_AddRef(), 2);
   {
@@ -204,7 +203,7 @@ TEST(PropertySetInterface, CountingIsOptInAndTheLastReleaseFrees) {
     EXPECT_EQ(set->_Release(), 2);
     EXPECT_EQ(set->_Release(), 1);
   }
-  EXPECT_TRUE(destroyed);
+  EXPECT_EQ(TCounted::Destroyed, destroyed + 1);
 }
 
 }  // namespace

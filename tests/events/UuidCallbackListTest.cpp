@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
 #include <quma/SubscribedEvent.h>
 #include <quma/UuidCallbackList.h>

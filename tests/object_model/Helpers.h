@@ -4,15 +4,18 @@
 #include <gtest/gtest.h>
 #include <quma/ReferencedPersistent.h>
 
+#include "rtl/TestSupport.h"
+
 #include <functional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace omtest {
 
 using namespace quma;
 using Journal = std::vector<std::string>;
+using quma::test::ErrorOf;
+using quma::test::TFreeCounter;
 
 // A referenced persistent with a name that logs the removal notifications it receives into a
 // shared journal and can run a test-supplied action (which may free it) instead of the default.
@@ -38,17 +41,6 @@ class TNode : public TQUMAReferencedPersistent {
   Journal* Log = nullptr;
   std::function<void(TNode* self, TQUMAReferencedPersistent* other)> OnRemove;
 };
-
-// Runs f and expects it to throw E with the given message.
-template <class E, class F>
-void ExpectError(F f, std::u16string_view message) {
-  try {
-    f();
-    ADD_FAILURE() << "no exception";
-  } catch (const E& e) {
-    EXPECT_EQ(e.Message(), message);
-  }
-}
 
 // Frees each object in turn (null-safe): the objects a test still holds at its end.
 template <class... T>

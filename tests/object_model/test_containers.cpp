@@ -7,14 +7,6 @@ using namespace omtest;
 namespace {
 using TNodeList = TQUMAReferencedList<TNode>;
 using TOppList = TQUMAOpportunisticReferencingStringList;
-
-class TPlain : public TObject {
-  QUMA_CLASS(TPlain, TObject)
- public:
-  explicit TPlain(int* frees) : Frees(frees) {}
-  ~TPlain() override { ++*Frees; }
-  int* Frees;
-};
 }  // namespace
 
 TEST(ReferencedList, LocksItemsForItsReferencingObjectWhichMovesWithoutAFree) {
@@ -208,7 +200,7 @@ TEST(OpportunisticStringList, ReferencesOnlyReferencedPersistentsAndEmptiesEntri
   int frees = 0;
   auto* list = New<TOppList>();
   auto *x = N("x"), *y = N("y");
-  auto* plain = New<TPlain>(&frees);
+  auto* plain = New<TFreeCounter>(&frees);
   list->AddObject(u"x", x);
   list->AddObject(u"plain", plain);
   list->AddObject(u"again", x);
@@ -223,7 +215,7 @@ TEST(OpportunisticStringList, ReferencesOnlyReferencedPersistentsAndEmptiesEntri
   list->Delete(1);  // plain and not owned: stays
   EXPECT_EQ(frees, 0);
   EXPECT_EQ(list->Count(), 1);
-  ExpectError<EStringListError>([&] { list->PutObject(3, y); }, u"List index out of bounds (3)");
+  EXPECT_EQ(ErrorOf<EStringListError>([&] { list->PutObject(3, y); }), "List index out of bounds (3)");
   EXPECT_THROW(list->Delete(-1), EStringListError);
   y->SetFreeWhenUnreferenced(false);
   list->PutObject(0, y);
@@ -241,8 +233,8 @@ TEST(OpportunisticStringList, OwnershipRulesOfDeleteAndClear) {
   int frees = 0;
   auto* list = New<TOppList>();
   list->SetOwnsNonReferencedObjects(true);
-  list->AddObject(u"a", New<TPlain>(&frees));
-  auto* kept = New<TPlain>(&frees);
+  list->AddObject(u"a", New<TFreeCounter>(&frees));
+  auto* kept = New<TFreeCounter>(&frees);
   list->AddObject(u"b", kept);
   list->Delete(0);
   EXPECT_EQ(frees, 1);
@@ -255,15 +247,15 @@ TEST(OpportunisticStringList, OwnershipRulesOfDeleteAndClear) {
   auto *y = N("y"), *z = N("z");
   THolder keeper;
   y->AddMemLockReference(&keeper);
-  list->AddObject(u"p", New<TPlain>(&frees));
+  list->AddObject(u"p", New<TFreeCounter>(&frees));
   list->AddObject(u"y", y);
-  list->AddObject(u"q", New<TPlain>(&frees));
+  list->AddObject(u"q", New<TFreeCounter>(&frees));
   list->Delete(1);  // y survives losing the lock, so OwnsObjects frees it
   EXPECT_TRUE(QUMAIsFreed(y));
   list->Clear();
   EXPECT_EQ(frees, 2);
   list->AddObject(u"z", z);
-  list->AddObject(u"r", New<TPlain>(&frees));
+  list->AddObject(u"r", New<TFreeCounter>(&frees));
   Free(list);  // z frees itself when unlocked; only r is left to free
   EXPECT_TRUE(QUMAIsFreed(z));
   EXPECT_EQ(frees, 3);

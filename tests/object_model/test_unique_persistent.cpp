@@ -13,6 +13,8 @@ class TUnique : public TQUMAUniquePersistent {
   QUMA_CLASS(TUnique, TQUMAUniquePersistent)
  public:
   using TQUMAUniquePersistent::TQUMAUniquePersistent;
+  void _BeforeSwap(TQUMAUniquePersistent* Replacement) override { ++BeforeSwaps, inherited::_BeforeSwap(Replacement); }
+  int BeforeSwaps = 0;
 };
 TUnique* U() { return New<TUnique>(nullptr); }
 
@@ -89,7 +91,18 @@ TEST(UniqueSwap, ObjectsTheOldOneLocksOrOwnsAndContainersHoldingItForThemselvesH
   EXPECT_TRUE(QUMAIsFreed(locked));  // its only lock went with the old object
   EXPECT_EQ(list->Count(), 0);
   EXPECT_EQ(rep->TotalReferenceCount(), 0);  // not even the list's lock
+  // Nothing is swapped onto an object on its way out, not even the first hook runs.
+  auto* other = U();
+  auto* consumer = N("consumer");
+  rep->AddNotifyReference(consumer);
+  consumer->OnRemove = [other](TNode* self, TQUMAReferencedPersistent* dying) {
+    other->_SwapWith(static_cast<TQUMAUniquePersistent*>(dying));
+    self->InheritedNotificationRef(dying, opRemove);
+  };
   FreeAll(owned, list, rep);
+  EXPECT_FALSE(QUMAIsFreed(other));
+  EXPECT_EQ(other->BeforeSwaps, 0);
+  FreeAll(other, consumer);
 }
 
 // The first subscriber does nothing, frees the old object, or swaps the replacement on in turn.

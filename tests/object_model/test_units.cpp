@@ -19,7 +19,7 @@ TEST(ReferencedStack, LocksWhileOnTheStack) {
   EXPECT_TRUE(QUMAIsFreed(b));
   EXPECT_EQ(stack->Pop(), a);
   EXPECT_THROW(stack->Pop(), EListError);
-  ExpectError<EListError>([&] { stack->Peek(); }, u"Unbalanced stack or queue operation");
+  EXPECT_EQ(ErrorOf<EListError>([&] { stack->Peek(); }), "Unbalanced stack or queue operation");
   a->RemoveMemLockReference(&keeper);
   EXPECT_TRUE(QUMAIsFreed(a));
   Free(stack);
@@ -66,7 +66,7 @@ TEST(OwnedCollection, TypedItemsWithOwnerIndexAndIds) {
   a->Width = 7;
   b->SetIndex(0);
   EXPECT_EQ((*columns)[0], b);
-  ExpectError<EListError>([&] { columns->Items(3); }, u"List index out of bounds (3)");
+  EXPECT_EQ(ErrorOf<EListError>([&] { columns->Items(3); }), "List index out of bounds (3)");
   columns->Delete(0);
   EXPECT_EQ(columns->Count(), 2);
   Free(c);  // an item freed directly leaves its collection

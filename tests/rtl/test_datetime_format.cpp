@@ -11,19 +11,11 @@
 #include <quma/FormatSettings.h>
 #include <quma/Strings.h>
 
+#include "rtl/TestSupport.h"
+
 using namespace quma;
 
-namespace {
-template <class F>
-std::string ConvertErrorOf(F f) {
-  try {
-    f();
-  } catch (const EConvertError& e) {
-    return e.what();
-  }
-  return "no exception";
-}
-}  // namespace
+using quma::test::ErrorOf;
 
 TEST(DateTimeValue, EncodeDecodeAcrossTheWholeRange) {
   EXPECT_EQ(EncodeDate(1899, 12, 30), 0.0);
@@ -62,7 +54,7 @@ TEST(DateTimeValue, ValidationAndErrors) {
   TDateTime v = 123;
   EXPECT_FALSE(TryEncodeDateTime(2023, 2, 29, 0, 0, 0, 0, v));
   EXPECT_EQ(v, 123);
-  EXPECT_EQ(ConvertErrorOf([] { EncodeDateTime(2024, 2, 30, 10, 0, 0, 0); }),
+  EXPECT_EQ(ErrorOf<EConvertError>([] { EncodeDateTime(2024, 2, 30, 10, 0, 0, 0); }),
             "'2024/2/30 10:0:0.0' is not a valid date and time");
   EXPECT_THROW(EncodeDate(2024, 13, 1), EConvertError);
   EXPECT_THROW(EncodeTime(0, 60, 0, 0), EConvertError);
@@ -121,28 +113,15 @@ TEST(FormatSettingsTables, DefaultCanBeReplaced) {
 
 TEST(FloatText, GeneralFormatWithFifteenDigits) {
   const TFormatSettings gb = TFormatSettings::Create(u"en-GB");
-  const auto text = [&](double v) { return FloatToStr(v, gb); };
-  EXPECT_EQ(text(0), u"0");
-  EXPECT_EQ(text(-2.5), u"-2.5");
-  EXPECT_EQ(text(100), u"100");
-  EXPECT_EQ(text(1.0 / 3), u"0.333333333333333");
-  EXPECT_EQ(text(2.0 / 3), u"0.666666666666667");
-  EXPECT_EQ(text(0.1f), u"0.100000001490116");
-  EXPECT_EQ(text(0.0001), u"0.0001");
-  EXPECT_EQ(text(0.00001), u"1E-5");
-  EXPECT_EQ(text(-1.5e-7), u"-1.5E-7");
-  EXPECT_EQ(text(1e14), u"100000000000000");
-  EXPECT_EQ(text(123456789012345), u"123456789012345");
-  EXPECT_EQ(text(1e15), u"1E15");
-  EXPECT_EQ(text(1234567890123456), u"1.23456789012346E15");
-  EXPECT_EQ(text(1.7976931348623157e308), u"1.79769313486232E308");
-  EXPECT_EQ(text(std::numeric_limits<double>::quiet_NaN()), u"NAN");
-  EXPECT_EQ(text(-HUGE_VAL), u"-INF");
-  // The 16th digit rounds half away from zero when the binary value is exactly halfway.
-  EXPECT_EQ(text(1000000000000005), u"1.00000000000001E15");
-  EXPECT_EQ(text(-1000000000000005), u"-1.00000000000001E15");
-  EXPECT_EQ(text(12345678901234.25), u"12345678901234.3");
-  EXPECT_EQ(text(1000000000000004.875), u"1E15");
+  // The 16th digit rounds half away from zero when the binary value is exactly halfway (1e15 + 5).
+  const std::pair<double, const char16_t*> cases[] = {{0, u"0"}, {-2.5, u"-2.5"}, {100, u"100"},
+      {1.0 / 3, u"0.333333333333333"}, {2.0 / 3, u"0.666666666666667"}, {0.1f, u"0.100000001490116"},
+      {0.0001, u"0.0001"}, {0.00001, u"1E-5"}, {-1.5e-7, u"-1.5E-7"}, {1e14, u"100000000000000"},
+      {123456789012345, u"123456789012345"}, {1e15, u"1E15"}, {1234567890123456, u"1.23456789012346E15"},
+      {1.7976931348623157e308, u"1.79769313486232E308"}, {std::numeric_limits<double>::quiet_NaN(), u"NAN"},
+      {-HUGE_VAL, u"-INF"}, {1000000000000005, u"1.00000000000001E15"}, {-1000000000000005, u"-1.00000000000001E15"},
+      {12345678901234.25, u"12345678901234.3"}, {1000000000000004.875, u"1E15"}};
+  for (const auto& [value, text] : cases) EXPECT_EQ(FloatToStr(value, gb), text) << value;
   TFormatSettings comma = gb;
   comma.DecimalSeparator = u',';
   EXPECT_EQ(FloatToStr(-1.25e-9, comma), u"-1,25E-9");
@@ -150,20 +129,16 @@ TEST(FloatText, GeneralFormatWithFifteenDigits) {
 
 TEST(FloatText, ReadingHonoursTheSettings) {
   const TFormatSettings gb = TFormatSettings::Create(u"en-GB");
-  EXPECT_EQ(StrToFloat(u" 10.5 ", gb), 10.5);
-  EXPECT_EQ(StrToFloat(u"-.5", gb), -0.5);
-  EXPECT_EQ(StrToFloat(u"5.", gb), 5.0);
-  EXPECT_EQ(StrToFloat(u"+1.5E-7", gb), 1.5e-7);
-  EXPECT_EQ(StrToFloat(u"1e-400", gb), 0.0);
-  EXPECT_EQ(StrToFloat(u"-1e-4296611111111111111111", gb), 0.0);
-  EXPECT_EQ(StrToFloat(u"0e4296611111111111111111", gb), 0.0);
+  const std::pair<const char16_t*, double> good[] = {{u" 10.5 ", 10.5}, {u"-.5", -0.5}, {u"5.", 5.0},
+      {u"+1.5E-7", 1.5e-7}, {u"1e-400", 0.0}, {u"-1e-4296611111111111111111", 0.0}, {u"0e4296611111111111111111", 0.0}};
+  for (const auto& [text, value] : good) EXPECT_EQ(StrToFloat(text, gb), value) << Utf16ToUtf8(text);
   TFormatSettings comma = gb;
   comma.DecimalSeparator = u',';
   EXPECT_EQ(StrToFloat(u"2,75", comma), 2.75);
   for (const char16_t* bad :
        {u"", u" ", u"abc", u"1.5.5", u"1,5", u"1e", u"e5", u".", u"1e400", u"--1", u"1 2", u"0x10",
         u"1e4296611111111111111111", u"10e99999999999999999999", u"-0.1e+9223372036854775808"})
-    EXPECT_EQ(ConvertErrorOf([&] { StrToFloat(bad, gb); }),
+    EXPECT_EQ(ErrorOf<EConvertError>([&] { StrToFloat(bad, gb); }),
               "'" + Utf16ToUtf8(bad) + "' is not a valid floating point value");
   double v = 7;
   EXPECT_FALSE(TryStrToFloat(u"x", v, gb));

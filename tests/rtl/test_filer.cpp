@@ -6,6 +6,8 @@
 
 #include <quma/Filer.h>
 
+#include "rtl/TestSupport.h"
+
 using namespace quma;
 
 namespace {
@@ -34,7 +36,7 @@ class TSample : public TPersistent {
   TInner* Inner() const { return FInner.get(); }
 
   Int64 FExtra = 0;  // streamed through DefineProperties as "Extra", when not 0
-  int FExtraWrites = 1;
+  int FExtraWrites = 1, FExtraReads = 1;
   Integer FCount = 0;
   UnicodeString FCaption;
   bool FFlag = false;
@@ -47,7 +49,9 @@ class TSample : public TPersistent {
   }
 
  private:
-  void ReadExtra(TReader* Reader) { FExtra = Reader->ReadInteger(); }
+  void ReadExtra(TReader* Reader) {
+    for (int i = 0; i < FExtraReads; ++i) FExtra = Reader->ReadInteger();
+  }
   void WriteExtra(TWriter* Writer) {
     for (int i = 0; i < FExtraWrites; ++i) Writer->WriteInteger(FExtra);
   }
@@ -62,15 +66,6 @@ const bool kPublished = [] {
   PublishObjectProperty<TSample>(u"Inner", &TSample::Inner);
   return true;
 }();
-
-std::string ReadError(TPersistent* target, UnicodeStringView text) {
-  try {
-    ReadPropertiesFromText(target, text);
-  } catch (const EReadError& e) {
-    return e.what();
-  }
-  return "<no error>";
-}
 
 }  // namespace
 
@@ -132,7 +127,14 @@ TEST(Filer, BadInputIsReportedAndChangesNothing) {
       {u"Count = 5\nCaption = 'x'\nInner.Scale = 4\nExtra = 'text'", "Line 4, property Extra: Invalid property value"},
   };
   for (const auto& c : cases) {
-    EXPECT_EQ(ReadError(s.get(), c.text), c.error) << Utf16ToUtf8(c.text);
+    EXPECT_EQ(test::ErrorOf<EReadError>([&] { ReadPropertiesFromText(s.get(), c.text); }), c.error)
+        << Utf16ToUtf8(c.text);
     EXPECT_EQ(WritePropertiesToText(s.get()), before) << Utf16ToUtf8(c.text);
+  }
+  // A defined property's reader must take its one value, no more and no less.
+  for (const int reads : {0, 2}) {
+    s->FExtraReads = reads;
+    EXPECT_EQ(test::ErrorOf<EReadError>([&] { ReadPropertiesFromText(s.get(), u"Extra = 5"); }),
+              "Line 1, property Extra: Property value not read");
   }
 }

@@ -2,12 +2,16 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <tuple>
 #include <vector>
 
 #include <quma/FmtBcd.h>
 #include <quma/Strings.h>
 
+#include "rtl/TestSupport.h"
+
 using namespace quma;
+using quma::test::ErrorOf;
 
 namespace {
 std::string S(const TBcd& b) { return Utf16ToUtf8(BcdToStr(b)); }
@@ -21,13 +25,9 @@ TEST(BcdText, ReadsAndWritesPlainDecimals) {
   EXPECT_TRUE(b.IsNegative());
   EXPECT_EQ(std::vector<Byte>(b.Fraction.begin(), b.Fraction.begin() + 3), (std::vector<Byte>{0x12, 0x34, 0x50}));
   EXPECT_EQ(S(b), "-123.45");
-  EXPECT_EQ(S(B(u" 1,234,567.5 ")), "1234567.5");
-  EXPECT_EQ(S(B(u"000.0100")), "0.01");
-  EXPECT_EQ(S(B(u"1.5e3")), "1500");
-  EXPECT_EQ(S(B(u"15E-4")), "0.0015");
-  EXPECT_EQ(S(B(u"7e")), "7");
-  EXPECT_EQ(S(B(u".5")), "0.5");
-  EXPECT_EQ(S(B(u"-0")), "0");
+  const std::pair<const char16_t*, const char*> texts[] = {{u" 1,234,567.5 ", "1234567.5"}, {u"000.0100", "0.01"},
+      {u"1.5e3", "1500"}, {u"15E-4", "0.0015"}, {u"7e", "7"}, {u".5", "0.5"}, {u"-0", "0"}};
+  for (const auto& [text, written] : texts) EXPECT_EQ(S(B(text)), written) << Utf16ToUtf8(text);
   EXPECT_EQ(S(B(std::u16string(64, u'9').c_str())), std::string(64, '9'));
   TBcd tiny;  // one digit, three places: the places beyond the digits are leading zeros
   tiny.Precision = 1;
@@ -44,24 +44,25 @@ TEST(BcdText, ReadsAndWritesPlainDecimals) {
   }
   EXPECT_FALSE(TryStrToBcd(std::u16string(65, u'9'), keep));
   EXPECT_EQ(S(keep), "1");
-  try {
-    StrToBcd(u"x1");
-    FAIL();
-  } catch (const EConvertError& e) {
-    EXPECT_STREQ(e.what(), "'x1' is not a valid BCD value");
-  }
+  EXPECT_EQ(ErrorOf<EConvertError>([] { StrToBcd(u"x1"); }), "'x1' is not a valid BCD value");
 }
 
 TEST(BcdArithmetic, AddSubtractCompare) {
-  EXPECT_EQ(S(B(u"1.25") + B(u"2.5")), "3.75");
-  EXPECT_EQ(S(B(u"1.25") - B(u"2.5")), "-1.25");
-  EXPECT_EQ(S(B(u"-1.25") + B(u"1.25")), "0");
-  EXPECT_EQ(S(B(u"99.99") + B(u"0.01")), "100");
-  EXPECT_TRUE(B(u"1.50") == B(u"1.5"));
-  EXPECT_TRUE(B(u"-0") == B(u"0"));
-  EXPECT_TRUE(B(u"-2") < B(u"-1.5"));
-  EXPECT_TRUE(B(u"0.001") > B(u"0"));
-  EXPECT_EQ(BcdCompare(B(u"10"), B(u"9.99")), 1);
+  // a, b, a + b, a - b, BcdCompare(a, b)
+  const std::tuple<const char16_t*, const char16_t*, const char*, const char*, int> cases[] = {
+      {u"1.25", u"2.5", "3.75", "-1.25", -1}, {u"-1.25", u"1.25", "0", "-2.5", -1},
+      {u"99.99", u"0.01", "100", "99.98", 1}, {u"1.50", u"1.5", "3", "0", 0}, {u"-0", u"0", "0", "0", 0},
+      {u"-2", u"-1.5", "-3.5", "-0.5", -1}, {u"0.001", u"0", "0.001", "0.001", 1},
+      {u"10", u"9.99", "19.99", "0.01", 1}};
+  for (const auto& [a, b, sum, difference, order] : cases) {
+    SCOPED_TRACE(Utf16ToUtf8(a) + " " + Utf16ToUtf8(b));
+    EXPECT_EQ(S(B(a) + B(b)), sum);
+    EXPECT_EQ(S(B(a) - B(b)), difference);
+    EXPECT_EQ(BcdCompare(B(a), B(b)), order);
+    EXPECT_EQ(B(a) == B(b), order == 0);
+    EXPECT_EQ(B(a) < B(b), order < 0);
+    EXPECT_EQ(B(a) > B(b), order > 0);
+  }
   std::mt19937_64 rng(9);
   std::uniform_int_distribution<long long> v(-1000000000000LL, 1000000000000LL);
   for (int i = 0; i < 1000; ++i) {

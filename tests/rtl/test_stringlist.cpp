@@ -3,12 +3,16 @@
 #include <quma/Streams.h>
 #include <quma/StringList.h>
 
+#include "rtl/TestSupport.h"
+
 #include <cstdio>
 #include <random>
 #include <tuple>
 #include <vector>
 
 using namespace quma;
+using quma::test::ErrorOf;
+using quma::test::TFreeCounter;
 
 namespace {
 
@@ -26,16 +30,6 @@ TObjectPtr<TStringList> ListOf(const Strings& items) {
   return list;
 }
 
-class TTracked : public TObject {
-  QUMA_CLASS(TTracked, TObject)
- public:
-  explicit TTracked(int* frees) : FFrees(frees) {}
-  ~TTracked() override { ++*FFrees; }
-
- private:
-  int* FFrees;
-};
-
 class TChangeLog : public TObject {
   QUMA_CLASS(TChangeLog, TObject)
  public:
@@ -43,16 +37,6 @@ class TChangeLog : public TObject {
   void Changed(TObject*) { Events.push_back('>'); }
   std::string Events;
 };
-
-template <class E>
-UnicodeString MessageOf(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const E& e) {
-    return e.Message();
-  }
-  return u"no error";
-}
 
 }  // namespace
 
@@ -71,13 +55,7 @@ TEST(StringList, AddInsertLookUpAndIndexErrors) {
   list->Move(0, 3);
   EXPECT_EQ(Items(*list), (Strings{u"beta", u"gamma", u"end", u"alpha"}));
 
-  try {
-    list->Delete(5);
-    FAIL() << "no error";
-  } catch (const EStringListError& e) {
-    EXPECT_EQ(e.Message(), u"List index out of bounds (5)");
-    EXPECT_EQ(e.Index(), 5);
-  }
+  EXPECT_EQ(ErrorOf<EStringListError>([&] { list->Delete(5); }), "List index out of bounds (5)");
   EXPECT_THROW(list->Strings(-1), EStringListError);
   EXPECT_THROW(list->PutObject(4, nullptr), EStringListError);
   EXPECT_THROW(list->Insert(5, u"y"), EStringListError);
@@ -113,7 +91,7 @@ TEST(StringList, OwnedObjectsAreFreedByDeleteClearAndDestruction) {
   int frees = 0;
   {
     auto list = MakeObject<TStringList>(true);
-    for (int i = 0; i < 4; ++i) list->AddObject(u"o", New<TTracked>(&frees));
+    for (int i = 0; i < 4; ++i) list->AddObject(u"o", New<TFreeCounter>(&frees));
     TObject* kept = list->Objects(0);
     list->PutObject(0, nullptr);  // replacing never frees
     list->Move(3, 1);             // nor does moving
@@ -127,10 +105,10 @@ TEST(StringList, OwnedObjectsAreFreedByDeleteClearAndDestruction) {
     EXPECT_EQ(frees, 2);
     Free(loose);
     list->SetOwnsObjects(true);
-    list->AddObject(u"p", New<TTracked>(&frees));
+    list->AddObject(u"p", New<TFreeCounter>(&frees));
     list->Clear();
     EXPECT_EQ(frees, 5);
-    list->AddObject(u"q", New<TTracked>(&frees));
+    list->AddObject(u"q", New<TFreeCounter>(&frees));
   }
   EXPECT_EQ(frees, 6);
 }
@@ -171,7 +149,7 @@ TEST(StringList, SortedListsApplyDuplicates) {
     EXPECT_EQ(list->Add(u"0"), 0);
     list->Delete(0);
     if (mode == dupError)
-      EXPECT_EQ(MessageOf<EStringListError>([&] { list->Add(u"B"); }), u"String list does not allow duplicates");
+      EXPECT_EQ(ErrorOf<EStringListError>([&] { list->Add(u"B"); }), "String list does not allow duplicates");
     else
       EXPECT_EQ(list->Add(u"B"), 1);  // dupIgnore: the index of the entry already there
     EXPECT_EQ(Items(*list), expected);
@@ -184,8 +162,8 @@ TEST(StringList, SortedListsApplyDuplicates) {
   EXPECT_FALSE(list->Find(u"aa", at));
   EXPECT_EQ(at, 1);
   EXPECT_EQ(list->IndexOf(u"A"), 0);
-  EXPECT_EQ(MessageOf<EStringListError>([&] { list->Insert(0, u"x"); }), u"Operation not allowed on sorted list");
-  EXPECT_EQ(MessageOf<EStringListError>([&] { list->Put(0, u"x"); }), u"Operation not allowed on sorted list");
+  EXPECT_EQ(ErrorOf<EStringListError>([&] { list->Insert(0, u"x"); }), "Operation not allowed on sorted list");
+  EXPECT_EQ(ErrorOf<EStringListError>([&] { list->Put(0, u"x"); }), "Operation not allowed on sorted list");
   list->SetCaseSensitive(true);  // sorts again, ordinally
   EXPECT_EQ(Items(*list), (Strings{u"B", u"a", u"b"}));
   list->CustomSort([](TStringList&, Integer a, Integer b) { return b - a; });  // kept sorted: no effect
@@ -346,6 +324,7 @@ TEST(StringList, AssignCopiesStringsObjectsAndSettings) {
   EXPECT_EQ(target->Count(), 6);
 
   auto other = MakeObject<TPersistent>();
-  EXPECT_EQ(MessageOf<EConvertError>([&] { target->Assign(other.get()); }), u"Cannot assign a TPersistent to a TStringList");
+  EXPECT_EQ(ErrorOf<EConvertError>([&] { target->Assign(other.get()); }),
+            "Cannot assign a TPersistent to a TStringList");
   EXPECT_EQ(target->Count(), 6);
 }

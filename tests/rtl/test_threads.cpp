@@ -8,7 +8,10 @@
 
 #include <quma/Threads.h>
 
+#include "rtl/TestSupport.h"
+
 using namespace quma;
+using quma::test::ErrorOf;
 using namespace std::chrono_literals;
 
 namespace {
@@ -72,17 +75,12 @@ TEST(Threads, SynchronizeRunsOnTheMainThreadAndReraisesThere) {
   w->Start();
   while (seen.empty()) CheckSynchronize(10);
   EXPECT_EQ(seen, std::vector<int>{1});
-  std::atomic<bool> caught{false};
-  std::thread worker([&] {
-    try {
-      TThread::Synchronize(nullptr, Bind<&TWorker::Boom>(w));
-    } catch (const EConvertError& e) {
-      caught = e.Message() == u"from main";
-    }
-  });
+  std::string caught;
+  std::thread worker(
+      [&] { caught = ErrorOf<EConvertError>([&] { TThread::Synchronize(nullptr, Bind<&TWorker::Boom>(w)); }); });
   while (!CheckSynchronize(10)) continue;
   worker.join();
-  EXPECT_TRUE(caught);
+  EXPECT_EQ(caught, "from main");
   Free(w);
 }
 
