@@ -10,19 +10,15 @@
 #include <quma/StringUtils.h>
 #include <quma/Strings.h>
 
+#include "rtl/TestSupport.h"
+
 using namespace quma;
 
 namespace {
 
 template <class F>
 std::string Utf8ErrorOf(F&& f) {
-  try {
-    f();
-  } catch (const EQUMAUTF8EncodingError& e) {
-    EXPECT_EQ(e.ClassName(), u"EQUMAUTF8EncodingError");
-    return e.what();
-  }
-  return "no exception";
+  return test::ErrorOf<EQUMAUTF8EncodingError>(std::forward<F>(f));
 }
 
 int Sign(int v) { return v < 0 ? -1 : v > 0 ? 1 : 0; }
