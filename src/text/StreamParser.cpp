@@ -31,7 +31,6 @@ bool StartsWith(UnicodeStringView Text, UnicodeStringView Prefix) noexcept {
   return Text.size() >= Prefix.size() && std::memcmp(Text.data(), Prefix.data(), Prefix.size() * sizeof(char16_t)) == 0;
 }
 
-
 UnicodeString After(const TRegexMatch& m) {
   return UnicodeString(m.Subject().substr(m.GroupOffset(0) + m.GroupLength(0)));
 }
