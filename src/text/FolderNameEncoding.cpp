@@ -357,7 +357,9 @@ std::string WithoutTrailingSlash(std::string path) {
 std::string BaseDirectory(const TQUMAFolderEnvironment& Env, const std::string& Home, std::string_view Variable,
                           std::string_view Fallback) {
   if (auto v = Env.Variable(Variable); v && IsAbsolute(*v)) return *v;
-  return IsAbsolute(Home) ? WithoutTrailingSlash(Home) + "/" + std::string(Fallback) : std::string();
+  if (!IsAbsolute(Home)) return std::string();
+  const std::string home = WithoutTrailingSlash(Home);
+  return (home == "/" ? home : home + "/") + std::string(Fallback);  // a home of / gives /.cache, not //.cache
 }
 
 void RegisterFolder(const std::string& Folder, UnicodeStringView Token) {

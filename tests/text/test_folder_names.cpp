@@ -109,7 +109,7 @@ TEST_F(FolderNames, StandardFoldersComeFromTheXdgDirectories) {
   {
     std::ofstream dirs(home / "cfg" / "user-dirs.dirs");
     dirs << "# written by a test\n"
-            "XDG_DESKTOP_DIR=\"${HOME}/Desk top\"\n"
+            "XDG_DESKTOP_DIR=\"${HOME}/Desk top\"\\\n"  // a backslash that ends the line: a separator
             "XDG_DOCUMENTS_DIR=\"$DOCROOT9/Docs\"\n"
             "  XDG_PICTURES_DIR=\"$HOME/Pic\\\"s\\$\"\n"
             "XDG_PUBLICSHARE_DIR=\"$HOME/\"\n"  // the home itself: switched off
@@ -154,6 +154,10 @@ TEST_F(FolderNames, ProcessDefaultsUseThisExecutable) {
   TFakeEnvironment emptyHome;  // an empty $HOME counts as unset: the password database decides
   emptyHome.Variables = {{"HOME", ""}};
   EXPECT_EQ(emptyHome.HomeFolder(), getpwuid(getuid())->pw_dir);
+  TFakeEnvironment rootHome;  // a service account's home may be / itself
+  rootHome.Variables = {{"HOME", "/"}};
+  QUMARegisterStandardFolderNames(rootHome);
+  EXPECT_EQ(EncodeFolderName(std::string_view("/.cache/x")), "{:Cache:}/x");
 }
 
 TEST_F(FolderNames, RegisteringWhileOtherThreadsEncodeIsSafe) {

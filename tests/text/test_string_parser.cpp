@@ -190,6 +190,7 @@ TEST(StringParser, NodesThroughClassReferencesAndParents) {
   contents->ContentNodes()->Add(child);
   EXPECT_EQ(child->Parent(), group.get());
   EXPECT_FALSE(group->TryAddChar(u'x', MakeObject<TQUMAStringParser>().get()));
+  EXPECT_FALSE(group->TryAddChar(u'}', nullptr));  // no parser: no bracket pairs to close with
   EXPECT_EQ(contents->ContentNodes()->ExtractAt(0), child);
   EXPECT_EQ(child->Parent(), nullptr);
   Free(child);

@@ -111,6 +111,7 @@ TEST(StringTokeniser, VirtualConstructorsBuildTheRunTimeClass) {
   TObjectPtr<TQUMAStringTokeniser> b(cls.Create(true));
   EXPECT_EQ(b->OpenQuotes(), u"");
   EXPECT_EQ(TokensOf(*MakeObject<TEmbeddingTokeniser>(u"a\"b c\"")), std::vector<UnicodeString>{u"ab c"});
+  EXPECT_EQ(TQUMAStringTokeniser::Create(TQUMAStringTokeniserClass(), u"a b"), nullptr);  // no class, no tokeniser
 }
 
 TEST(StringTokeniser, TokenIndexOutOfRangeRaises) {
