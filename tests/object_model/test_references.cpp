@@ -158,6 +158,7 @@ TEST(Destruction, TellsConsumersThenLockersThenCallbackHoldersThenComponents) {
   for (TNode* ignored : {x, static_cast<TNode*>(nullptr), c1}) x->AddNotifyReference(ignored);  // self, null, twice
   x->AddNotifyReference(static_cast<TObject*>(nullptr), {});
   x->RemoveNotifyReference(c4);  // not told
+  c1->RemoveNotifyReference(w);   // no component was ever told by c1: nothing to remove
   x->RemoveNotifyReference(&h2, h1.Callback());  // a different callback stays
   x->RemoveNotifyReference(&h3, h3.Callback());
   Free(c3);  // a consumer that dies leaves x's list by itself

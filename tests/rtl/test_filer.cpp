@@ -117,6 +117,7 @@ TEST(Filer, BadInputIsReportedAndChangesNothing) {
       {u"Caption = #70000", "Line 1, property Caption: Invalid property value"},
       {u"Caption = 5", "Line 1, property Caption: Invalid property value"},
       {u"Flag = maybe", "Line 1, property Flag: Invalid property value"},
+      {u"Flag = 'True'", "Line 1, property Flag: Invalid property value"},
       {u"Ratio = 1e999", "Line 1, property Ratio: Invalid property value"},
       {u"Nope = 1", "Line 1, property Nope: Property does not exist"},
       {u"Count.X = 1", "Line 1, property Count.X: Property is not an object"},

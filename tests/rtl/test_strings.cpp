@@ -20,6 +20,7 @@ TEST(Utf, RoundTripsAndRepairs) {
   EXPECT_FALSE(IsValidUtf8("\xC0\xAF"));  // overlong
   EXPECT_FALSE(TryUtf8ToUtf16("ab\xFF").has_value());
   EXPECT_EQ(Utf8ToUtf16("ab\xFF"), u"ab\uFFFD");
+  EXPECT_EQ(Utf8ToUtf16("a\x80" "b"), u"a\uFFFDb");  // a lone continuation byte is no ASCII
   EXPECT_EQ(Utf16ToUtf8(UnicodeString(1, u'\xD800')), "\xEF\xBF\xBD");  // lone surrogate
 }
 
@@ -59,6 +60,7 @@ TEST(Strings, FormatDirectives) {
   EXPECT_EQ(Format(u"%1:s %0:s", u"world", u"hello"), u"hello world");
   EXPECT_EQ(Format(u"100%%"), u"100%");
   EXPECT_EQ(Format(u"%x", -1), u"ffffffff");
+  EXPECT_EQ(Format(u"%u|%U", -1, -2), u"4294967295|4294967294");
   // "*" takes width, precision or index from the arguments.
   EXPECT_EQ(Format(u"%*d", 5, 42), u"   42");
   EXPECT_EQ(Format(u"%*.*s|", 7, 6, u""), u"       |");

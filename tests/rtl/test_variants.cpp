@@ -51,6 +51,8 @@ TEST(Variants, ByteArraysWithBounds) {
   EXPECT_EQ(VarArrayToBytes(a), (TBytes{0x11, 0x22, 0, 0, 0, 0x66}));
   EXPECT_EQ(VarArrayToBytes(copy), (TBytes{0x11, 0x22, 0}));
   const Variant b = VarArrayFromBytes(TBytes{1, 2, 3});
+  EXPECT_EQ(b, VarArrayFromBytes(TBytes{1, 2, 3}));
+  EXPECT_FALSE(b == VarArrayFromBytes(TBytes{1, 2, 4}));
   EXPECT_EQ(VarArrayLowBound(b, 1), 0);
   EXPECT_EQ(VarArrayHighBound(b, 1), 2);
   EXPECT_EQ(VarArrayHighBound(VarArrayCreate(0, -1, varByte), 1), -1);  // empty

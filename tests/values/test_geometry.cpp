@@ -134,6 +134,7 @@ TEST(Geometry, PointsAndSizes) {
   EXPECT_FALSE(TPoint64::PointInCircle({3, 5}, {0, 0}, 5));
   EXPECT_TRUE(TPointD(1e-41, 0).IsZero());
   EXPECT_FALSE(TPoint64(0, 1).IsZero());
+  EXPECT_FALSE(TPointD(0, 1).IsZero());
   EXPECT_EQ(TPointD(1.5, -1.5).Round(), (TPoint{2, -2}));
   EXPECT_EQ(TPointD(2.5, -0.5).Round(), (TPoint{2, 0}));
   EXPECT_EQ(TPointD(1.2, -1.2).Ceiling(), (TPoint{2, -1}));
