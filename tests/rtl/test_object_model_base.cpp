@@ -356,9 +356,11 @@ class TLoggedCollection : public TCollection {
  public:
   using TCollection::TCollection;
   std::vector<std::pair<Integer, TCollectionNotification>>* Log = nullptr;
+  int Updates = 0;
 
  protected:
   void Notify(TCollectionItem* Item, TCollectionNotification Action) override { Log->emplace_back(Item->ID(), Action); }
+  void Update(TCollectionItem*) override { ++Updates; }
 };
 }  // namespace
 
@@ -368,6 +370,7 @@ TEST(Collections, NotifyHearsEveryItemComeAndGoUntilTheEnd) {
   auto* items = New<TLoggedCollection>(TCollectionItemClass(TCollectionItem::StaticClass()));
   items->Log = &log;
   for (int i = 0; i < 3; ++i) items->Add();
+  EXPECT_EQ(items->Updates, 3);  // each addition changes the collection
   items->Delete(1);
   Free(items->Items(0));
   Free(items);  // the override still hears of the last item

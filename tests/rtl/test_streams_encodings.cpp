@@ -17,6 +17,16 @@ const TEncoding* const kAll[] = {TEncoding::ANSI(),    TEncoding::ASCII(), TEnco
                                  TEncoding::Unicode(), TEncoding::UTF7(),  TEncoding::UTF8()};
 
 std::string Ascii(const TBytes& b) { return std::string(b.begin(), b.end()); }
+
+// A stream whose first write takes nothing (a later one would take everything).
+class TFullStream : public TStream {
+  QUMA_CLASS(TFullStream, TStream)
+ public:
+  int Writes = 0;
+  Int64 Read(void*, Int64) override { return 0; }
+  Int64 Write(const void*, Int64 Count) override { return Writes++ == 0 ? 0 : Count; }
+  Int64 Seek(Int64, TSeekOrigin) override { return 0; }
+};
 }  // namespace
 
 TEST(Encodings, KnownByteFormsBothWays) {
@@ -138,6 +148,7 @@ TEST(Streams, PositionsAndCountsStayInsideTheBuffer) {
     EXPECT_EQ(s->ReadBytes(3), (TBytes{0, 0, '!'}));
     s->SetPosition(0);
     EXPECT_EQ(ErrorOf<EReadError>([&] { s->ReadBuffer(buf, 9); }), "Stream read error");
+    EXPECT_EQ(ErrorOf<EWriteError>([] { MakeObject<TFullStream>()->WriteBuffer("x", 1); }), "Stream write error");
     s->SetSize(2);
     EXPECT_EQ(s->Size(), 2);
     EXPECT_LE(s->Position(), 2);
