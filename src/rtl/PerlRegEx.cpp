@@ -3,6 +3,10 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include <quma/PerlRegEx.h>
 
@@ -48,6 +52,21 @@ struct TJitStack {
 pcre2_jit_stack* JitStack(void*) {
   if (!tlsJitStack.Stack) tlsJitStack.Stack = pcre2_jit_stack_create(64 * 1024, 8 * 1024 * 1024, nullptr);
   return tlsJitStack.Stack;  // null falls back to the machine stack
+}
+
+// The first unit equal to c, eight at a time where the processor can (the scans run on every
+// character the stream parser reads).
+const char16_t* FindUnit(const char16_t* p, std::size_t n, char16_t c) noexcept {
+#if defined(__SSE2__)
+  const __m128i needle = _mm_set1_epi16(static_cast<short>(c));
+  for (; n >= 8; p += 8, n -= 8) {
+    const auto block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    if (const int mask = _mm_movemask_epi8(_mm_cmpeq_epi16(block, needle))) return p + (__builtin_ctz(mask) >> 1);
+  }
+#endif
+  for (; n > 0; ++p, --n)
+    if (*p == c) return p;
+  return nullptr;
 }
 
 bool IsAsciiLetter(char16_t c) noexcept { return (c | 0x20) >= u'a' && (c | 0x20) <= u'z'; }
@@ -128,17 +147,17 @@ bool IsGrowthMonotone(UnicodeStringView p, TPerlRegExOptions options) {
   return true;
 }
 
-// The literal text every match begins with, read from an anchored pattern: plain characters and
-// escaped punctuation after the leading ^, up to the first other syntax (a character that a
-// quantifier follows is left out). Empty when doubtful: alternation, extended mode, a caseless
-// letter.
+// The literal text every match begins with: plain characters and escaped punctuation after a
+// leading ^ (if any), up to the first other syntax (a character that a quantifier follows is left
+// out). Empty when doubtful: alternation, extended mode, a caseless letter, \K (which moves the
+// start of the match).
 UnicodeString ReadLiteralPrefix(UnicodeStringView p, TPerlRegExOptions options) {
   UnicodeString prefix;
-  if (options.Contains(preExtended) || p.find(u'|') != UnicodeStringView::npos || p.empty() || p[0] != u'^')
+  if (options.Contains(preExtended) || p.find(u'|') != UnicodeStringView::npos || p.find(u"\\K") != UnicodeStringView::npos)
     return prefix;
   const bool caseless = options.Contains(preCaseLess);
   constexpr UnicodeStringView meta = u"\\^$.|?*+()[]{}";
-  for (std::size_t i = 1; i < p.size();) {
+  for (std::size_t i = !p.empty() && p[0] == u'^' ? 1 : 0; i < p.size();) {
     char16_t c = p[i];
     std::size_t next = i + 1;
     if (c == u'\\') {
@@ -176,7 +195,7 @@ struct TRegex::TImpl {
   bool FirstFolds = false;
   bool HasFirstMap = false;
   std::array<uint8_t, 32> FirstMap{};
-  UnicodeString Prefix;  // literal text every match begins with (anchored patterns)
+  UnicodeString Prefix;  // literal text every match begins with
   ~TImpl() {
     pcre2_match_context_free(Context);
     pcre2_code_free(Code);
@@ -234,8 +253,8 @@ TRegex::TRegex(UnicodeStringView pattern, TPerlRegExOptions options, const TRege
   pcre2_jit_stack_assign(FImpl->Context, JitStack, nullptr);
   if (limits.MatchLimit) pcre2_set_match_limit(FImpl->Context, limits.MatchLimit);
   if (limits.DepthLimit) pcre2_set_depth_limit(FImpl->Context, limits.DepthLimit);
+  FImpl->Prefix = ReadLiteralPrefix(pattern, options);
   if (FImpl->Anchored) {
-    FImpl->Prefix = ReadLiteralPrefix(pattern, options);
     if (partial && FImpl->First < 0) {
       // PCRE2 finds no first units for an anchored pattern: ask it, once per ASCII unit, whether
       // a text that begins with the unit can still match (units beyond ASCII stay possible).
@@ -266,6 +285,18 @@ bool TRegex::GrowthMonotone() const noexcept { return FImpl->GrowthMonotone; }
 
 UnicodeStringView TRegex::LiteralPrefix() const noexcept { return FImpl->Prefix; }
 
+std::size_t TRegex::PossibleStart(UnicodeStringView subject, std::size_t from) const noexcept {
+  const UnicodeStringView prefix = FImpl->Prefix;
+  if (prefix.empty() || from >= subject.size()) return std::min(from, subject.size());
+  for (std::size_t at = from;; ++at) {
+    const char16_t* hit = FindUnit(subject.data() + at, subject.size() - at, prefix[0]);
+    if (!hit) return subject.size();
+    at = static_cast<std::size_t>(hit - subject.data());
+    const std::size_t n = std::min(prefix.size(), subject.size() - at);
+    if (std::memcmp(subject.data() + at, prefix.data(), n * sizeof(char16_t)) == 0) return at;
+  }
+}
+
 bool TRegex::MayStartWith(char16_t c) const noexcept {
   if (FImpl->First >= 0) return c == FImpl->First || (FImpl->FirstFolds && (c == (FImpl->First ^ 0x20) || c >= 0x80));
   if (!FImpl->HasFirstMap || c >= 256) return true;
@@ -288,7 +319,7 @@ bool TRegex::MayMatchWithin(UnicodeStringView text) const noexcept {
   constexpr std::size_t kLongest = 64;  // beyond this the match itself is the cheaper test
   if (FImpl->Required < 0 || text.size() > kLongest) return true;
   const auto unit = static_cast<char16_t>(FImpl->Required);
-  if (!FImpl->RequiredFolds) return std::find(text.begin(), text.end(), unit) != text.end();
+  if (!FImpl->RequiredFolds) return FindUnit(text.data(), text.size(), unit) != nullptr;
   const auto lower = static_cast<char16_t>(unit | 0x20);  // (c | 0x20) == lower: either case
   return std::any_of(text.begin(), text.end(), [=](char16_t c) { return (c | 0x20) == lower || c >= 0x80; });
 }

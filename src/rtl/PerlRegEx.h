@@ -103,8 +103,13 @@ class TRegex {
   std::int32_t RequiredUnit(bool& Folds) const noexcept;
   // False when no match can begin with c (PCRE2's first-unit analysis); true when unsure.
   bool MayStartWith(char16_t c) const noexcept;
-  // For an anchored pattern, literal text that every match begins with (empty when unsure).
+  // Literal text that every match begins with (empty when unsure).
   UnicodeStringView LiteralPrefix() const noexcept;
+  // The first offset from `from` on where a match, complete or partial, may begin: where the
+  // literal prefix stands, or where the subject ends in a part of it; the subject's size when no
+  // such place is left, `from` itself when no prefix is known. No match of any mode that
+  // searches from `from` begins before it.
+  std::size_t PossibleStart(UnicodeStringView subject, std::size_t from) const noexcept;
   Integer GroupCount() const noexcept;
   const UnicodeString& Pattern() const noexcept;
   TPerlRegExOptions Options() const noexcept;

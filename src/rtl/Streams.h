@@ -68,6 +68,10 @@ class TMemoryStream : public TStream {
   void Clear() noexcept;
   const Byte* Memory() const noexcept { return FData.data(); }
   Byte* Memory() noexcept { return FData.data(); }
+  // Position and Size without the virtual calls, for a reader that knows the stream is exactly
+  // this class (or one that overrides neither).
+  Int64 MemoryPosition() const noexcept { return FPosition; }
+  Int64 MemorySize() const noexcept { return static_cast<Int64>(FData.size()); }
   void LoadFromStream(TStream* Stream);
   void SaveToStream(TStream* Stream);
 

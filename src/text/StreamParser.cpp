@@ -224,6 +224,13 @@ bool TQUMAStreamedNodeDefinition::MatchGrowing(const TRegex* Regex, TDeadPrefix&
   if (growing && Memo.Regex == Regex && Memo.Generation == gDefinitionsGeneration.load(std::memory_order_relaxed) &&
       StartsWith(Subject, Memo.Prefix))
     return false;
+  if (growing) {
+    // A text that no match can begin with stays dead however it grows.
+    const UnicodeStringView prefix = Regex->LiteralPrefix();
+    const std::size_t n = std::min(prefix.size(), Subject.size());
+    if (!Regex->MayStartWith(Subject[0]) || std::memcmp(Subject.data(), prefix.data(), n * sizeof(char16_t)) != 0)
+      return false;
+  }
   if (!Regex->MayMatchWithin(Subject)) return false;
   if (!growing) return Regex->Match(Subject, _Match);
   // Soft partial mode finds the same complete match as a plain search, and tells a text that
@@ -277,8 +284,13 @@ std::size_t TQUMAStreamedNodeDefinition::CloseResumeOffset(TQUMAStreamedNode* pN
     const TRegex* close = _GetCloseRegEx();
     const UnicodeStringView content = Subject.substr(0, ContentLength);
     try {
-      const TRegexMatchResult probe = close->MatchPartial(content, _Match, scan.ContentSafe);
-      scan.ContentSafe = probe == mrNoMatch ? ContentLength : std::min(_Match.GroupOffset(0), ContentLength);
+      const std::size_t from = close->PossibleStart(content, scan.ContentSafe);
+      if (!close->LiteralPrefix().empty() && ContentLength - from < close->LiteralPrefix().size()) {
+        scan.ContentSafe = from;
+      } else {
+        const TRegexMatchResult probe = close->MatchPartial(content, _Match, from);
+        scan.ContentSafe = probe == mrNoMatch ? ContentLength : std::min(_Match.GroupOffset(0), ContentLength);
+      }
       scan.ContentSafeLength = ContentLength;
     } catch (const std::exception&) {
       return 0;  // the search proper meets the error and reports it
@@ -405,11 +417,21 @@ bool TQUMAStreamedNodeDefinition::_CheckClose(UnicodeString& szCandidate, TQUMAS
   bool found = false;
   // A text after start that lacks a unit every match contains cannot hold a match yet.
   if (close->MayMatchWithin(UnicodeStringView(subject).substr(start))) try {
-    const TRegexMatchResult probe = close->MatchPartial(subject, m, start);
-    safe = probe == mrNoMatch ? subject.size() : std::min(m.GroupOffset(0), subject.size());
-    // A hard partial result says where a match may start, not whether one ends here: the plain
-    // search from there gives the real answer.
-    found = probe != mrNoMatch && close->Match(subject, m, safe);
+    // A match begins with the pattern's literal prefix: none before its first place, and a
+    // place where the subject ends in part of it is where a match may yet start.
+    const std::size_t from = close->PossibleStart(subject, start);
+    const std::size_t prefix = close->LiteralPrefix().size();
+    if (prefix > 0 && subject.size() - from < prefix) {  // (an empty match needs no prefix)
+      safe = from;
+    } else if (prefix > 0 && close->Match(subject, m, from)) {
+      found = true;  // the first match: none starts before `from`
+    } else {
+      const TRegexMatchResult probe = close->MatchPartial(subject, m, from);
+      safe = probe == mrNoMatch ? subject.size() : std::min(m.GroupOffset(0), subject.size());
+      // A hard partial result says where a match may start, not whether one ends here: the plain
+      // search from there gives the real answer.
+      found = prefix == 0 && probe != mrNoMatch && close->Match(subject, m, safe);
+    }
   } catch (...) {
     subject.resize(contentLength);
     throw;
@@ -567,11 +589,11 @@ void TQUMAStreamParser::RemoveNodeDefinition(TQUMAStreamedNodeDefinition* pNodeD
 
 bool TQUMAStreamParser::Fetch(UnicodeString& Text, Integer& ByteCount) {
   if (_pUtf8Memory && _pUtf8Memory == _pInput) {
-    const Int64 position = _pUtf8Memory->Position();
-    if (position >= 0 && position < _pUtf8Memory->Size()) {
+    const Int64 position = _pUtf8Memory->MemoryPosition();
+    if (position >= 0 && position < _pUtf8Memory->MemorySize()) {
       const Byte b = _pUtf8Memory->Memory()[position];
       if (b < 0x80) {
-        _pUtf8Memory->SetPosition(position + 1);
+        _pUtf8Memory->TMemoryStream::Seek(position + 1, soBeginning);
         Text.assign(1, static_cast<char16_t>(b));
         ByteCount = 1;
         return true;
@@ -630,10 +652,10 @@ std::size_t TQUMAStreamParser::SkipQuietCharacters() {
   // The characters that follow may be appended to the buffer at once, without a step each, as
   // far as no step could act on them: the open node neither closes nor takes text, and no
   // definition opens. Only this library's own classes (an override may act on any character).
-  const Int64 position = _pUtf8Memory->Position();
-  if (position < 0 || position >= _pUtf8Memory->Size()) return 0;
+  const Int64 position = _pUtf8Memory->MemoryPosition();
+  if (position < 0 || position >= _pUtf8Memory->MemorySize()) return 0;
   const Byte* bytes = _pUtf8Memory->Memory() + position;
-  const auto available = static_cast<std::size_t>(_pUtf8Memory->Size() - position);
+  const auto available = static_cast<std::size_t>(_pUtf8Memory->MemorySize() - position);
   if (bytes[0] >= 0x80 || bytes[0] == '\r' || bytes[0] == '\n') return 0;
   const char16_t first = _szBuffer.empty() ? static_cast<char16_t>(bytes[0]) : _szBuffer[0];
 
@@ -760,7 +782,7 @@ std::size_t TQUMAStreamParser::SkipQuietCharacters() {
     _szBuffer.resize(base);
     return 0;  // the characters' own steps meet the error and report it
   }
-  _pUtf8Memory->SetPosition(position + static_cast<Int64>(length));
+  _pUtf8Memory->TMemoryStream::Seek(position + static_cast<Int64>(length), soBeginning);
   _nCharCount += static_cast<Integer>(length);
   return length;
 }
@@ -831,7 +853,11 @@ bool TQUMAStreamParser::ParseStream(TStream* pInput, const TEncoding*) {
     const bool runs = ClassType() == StaticClass();
     UnicodeString szChar;
     Integer bytes = 0;
-    while (_pInput->Position() < _pInput->Size()) {
+    const auto more = [this] {
+      return _pUtf8Memory == _pInput ? _pUtf8Memory->MemoryPosition() < _pUtf8Memory->MemorySize()
+                                     : _pInput->Position() < _pInput->Size();
+    };
+    while (more()) {
       if (lineEnded) {
         ++_nLineCount;
         _nCharCount = 0;
@@ -840,14 +866,14 @@ bool TQUMAStreamParser::ParseStream(TStream* pInput, const TEncoding*) {
       if (runs && _szBuffer.empty() && _pUtf8Memory == _pInput) {
         // Plain text for the open node: as many characters as its steps would take one by one.
         TQUMAStreamedNode* node = CurrentNode();
-        const Int64 position = _pUtf8Memory->Position();
-        const Int64 size = _pUtf8Memory->Size();
+        const Int64 position = _pUtf8Memory->MemoryPosition();
+        const Int64 size = _pUtf8Memory->MemorySize();
         if (node && node->Definition() && position >= 0 && position < size) {
           const Byte* run = _pUtf8Memory->Memory() + position;
           const std::size_t taken =
               node->Definition()->TakeTextRun(node, run, static_cast<std::size_t>(size - position), _szNormedLineEnd);
           if (taken > 0) {
-            _pUtf8Memory->SetPosition(position + static_cast<Int64>(taken));
+            _pUtf8Memory->TMemoryStream::Seek(position + static_cast<Int64>(taken), soBeginning);
             // Counted as the steps would: a line feed ends its line, the next character starts one.
             for (std::size_t from = 0; from < taken;) {
               if (lineEnded) {
