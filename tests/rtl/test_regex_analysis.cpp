@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <random>
+
 #include <quma/PerlRegEx.h>
 
 using namespace quma;
@@ -54,4 +56,36 @@ TEST(RegexAnalysis, FirstAndRequiredUnits) {
   EXPECT_EQ(caseless.RequiredUnit(folds), u'y');
   EXPECT_TRUE(folds);
   EXPECT_EQ(space.RequiredUnit(folds), -1);
+}
+
+// No match, complete or partial, starts before PossibleStart: checked against PCRE2 itself on
+// every start offset of random subjects; a known prefix also skips what cannot begin one.
+TEST(RegexAnalysis, PossibleStartNeverPassesAMatch) {
+  const TRegex close(u"</[a-z]+>$", {preSingleLine}), plain(u"^ab\\.c"), empty(u"a*$"), reset(u"x\\Ky"),
+      caseless(u"ab", {preCaseLess});
+  EXPECT_EQ(close.LiteralPrefix(), u"</");
+  EXPECT_EQ(plain.LiteralPrefix(), u"ab.c");
+  for (const TRegex* r : {&empty, &reset, &caseless}) EXPECT_TRUE(r->LiteralPrefix().empty()) << Utf16ToUtf8(r->Pattern());
+  EXPECT_EQ(close.PossibleStart(u"abc</x", 0), 3u);
+  EXPECT_EQ(close.PossibleStart(u"a<b<", 0), 3u);
+  EXPECT_EQ(close.PossibleStart(u"a<b<c", 1), 5u);
+  EXPECT_EQ(empty.PossibleStart(u"bbb", 1), 1u);
+  std::mt19937 random(7);
+  const char16_t alphabet[] = u"</>ab.cxyzK";
+  TRegexMatch m;
+  for (int i = 0; i < 400; ++i) {
+    UnicodeString s;
+    for (auto n = random() % 14; n > 0; --n) s += alphabet[random() % (std::size(alphabet) - 1)];
+    for (const TRegex* r : {&close, &plain, &empty, &reset, &caseless})
+      for (std::size_t from = 0; from <= s.size(); ++from) {
+        const std::size_t at = r->PossibleStart(s, from);
+        ASSERT_TRUE(at >= from && at <= s.size());
+        if (r->MatchPartial(s, m, from) != mrNoMatch) {
+          EXPECT_GE(m.GroupOffset(0), at) << Utf16ToUtf8(s) << from;
+        }
+        if (r->Match(s, m, from)) {
+          EXPECT_GE(m.GroupOffset(0), at) << Utf16ToUtf8(s) << from;
+        }
+      }
+  }
 }
