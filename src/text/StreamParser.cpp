@@ -130,10 +130,6 @@ void SetPattern(UnicodeString& Field, std::unique_ptr<TRegex>& Regex, const Unic
 void TQUMAStreamedNodeDefinition::_SetOpenMatch(const UnicodeString& Value) { SetPattern(_szOpen, _pRegOpen, Value); }
 void TQUMAStreamedNodeDefinition::_SetAllowedMatch(const UnicodeString& Value) {
   SetPattern(_szAllowed, _pRegAllowed, Value);
-  if (!_pRegAllowed) {
-    _AllowedAlone.fill(0);
-    _LineEndAlone = 0;
-  }
 }
 void TQUMAStreamedNodeDefinition::_SetValidMatch(const UnicodeString& Value) { SetPattern(_szValid, _pRegValid, Value); }
 void TQUMAStreamedNodeDefinition::_SetCloseMatch(const UnicodeString& Value) {
@@ -163,10 +159,6 @@ void TQUMAStreamedNodeDefinition::_SetCaseInsensitiveClose(bool Value) {
 }
 void TQUMAStreamedNodeDefinition::_SetCaseInsensitiveContent(bool Value) {
   SetCaseOption(snd_CaseInsensitiveContent, Value, _pRegAllowed);
-  if (!_pRegAllowed) {
-    _AllowedAlone.fill(0);
-    _LineEndAlone = 0;
-  }
 }
 void TQUMAStreamedNodeDefinition::_SetCaseInsensitiveValid(bool Value) {
   SetCaseOption(snd_CaseInsensitiveValid, Value, _pRegValid);
@@ -299,87 +291,79 @@ std::size_t TQUMAStreamedNodeDefinition::CloseResumeOffset(TQUMAStreamedNode* pN
   return scan.ContentSafe;
 }
 
+const TQUMAStreamedNodeDefinition::TRunPlan& TQUMAStreamedNodeDefinition::RunPlan(UnicodeStringView LineEnd) {
+  TRunPlan& plan = _RunPlan;
+  const std::uint64_t generation = gDefinitionsGeneration.load(std::memory_order_relaxed);
+  if (plan.Generation == generation && plan.LineEnd == LineEnd) return plan;
+  plan.Generation = generation;
+  plan.LineEnd.assign(LineEnd);
+  plan.Take.fill(0);
+  plan.Allowed = plan.Close = nullptr;
+  // Only where every step is this class's own: an override may do anything with a character.
+  if (ClassType() != StaticClass() || !AllowsContainedText() || !_szValid.empty()) return plan;
+  try {
+    plan.Allowed = _GetAllowedRegEx();
+    plan.Close = _GetCloseRegEx();
+    if (!plan.Allowed || (plan.Close && !plan.Close->HasRequiredUnit())) {
+      plan.Allowed = nullptr;
+      return plan;
+    }
+    // A unit is taken when the allowed regex takes it whole, as its step would see it alone, and
+    // it does not end a run: a carriage return (it looks ahead), an escape, a unit that a close
+    // match needs, a line feed when the line end it becomes is one of those.
+    const auto takesAlone = [&](UnicodeStringView candidate) {
+      return plan.Allowed->Match(candidate, _Match) && _Match.GroupOffset(0) == 0 &&
+             _Match.GroupLength(0) == candidate.size();
+    };
+    const auto escape = [&](char16_t u) { return std::find(_caEscapes.begin(), _caEscapes.end(), u) != _caEscapes.end(); };
+    const auto closing = [&](char16_t u) { return plan.Close && plan.Close->MayBeRequiredUnit(u); };
+    for (char16_t u = 0; u < 0x80; ++u)
+      if (u != u'\n') plan.Take[u] = u != u'\r' && !escape(u) && !closing(u) && takesAlone(UnicodeStringView(&u, 1));
+    plan.Take['\n'] = !LineEnd.empty() && !(LineEnd.size() == 1 && escape(LineEnd[0])) &&
+                      std::none_of(LineEnd.begin(), LineEnd.end(), closing) && takesAlone(LineEnd);
+  } catch (const std::exception&) {
+    plan.Take.fill(0);  // the characters' own steps meet the error and report it
+    plan.Allowed = nullptr;
+  }
+  return plan;
+}
+
 std::size_t TQUMAStreamedNodeDefinition::TakeTextRun(TQUMAStreamedNode* pNode, const Byte* Bytes, std::size_t Count,
                                                      UnicodeStringView LineEnd) {
-  // (The common answer first: a character the allowed pattern was seen not to take alone.)
-  if (Count == 0 || (Bytes[0] < 0x80 && _AllowedAlone[Bytes[0]] == 2)) return 0;
-  // Only where every step is this class's own: an override may do anything with a character.
-  if ( !pNode || pNode->_pDefinition != this || ClassType() != StaticClass() ||
-      pNode->ClassType() != TQUMAStreamedNode::StaticClass() || !AllowsContainedText() || !_szValid.empty())
+  if (Count == 0 || !pNode || pNode->_pDefinition != this || pNode->ClassType() != TQUMAStreamedNode::StaticClass())
     return 0;
-  const TRegex* allowed = _GetAllowedRegEx();
-  if (!allowed) return 0;
-  const TRegex* close = _GetCloseRegEx();
-  if (close && !close->HasRequiredUnit()) return 0;
-
-  // Where a run ends: a carriage return (it looks ahead), an escape, a unit that a close match
-  // needs, a line feed when the line end it becomes is one of those. Kept while the close
-  // pattern, the escapes and the line end stay.
-  if (_RunStopsSerial != _nCloseSerial || _RunStopsEscapes != _caEscapes || _RunStopsLineEnd != LineEnd) {
-    _RunStops.fill(false);
-    _RunStops['\r'] = true;
-    for (const WideChar e : _caEscapes)
-      if (e < 128) _RunStops[e] = true;
-    if (close) {
-      bool folds = false;
-      const std::int32_t unit = close->RequiredUnit(folds);
-      _RunStops[static_cast<std::size_t>(unit)] = true;
-      if (folds) _RunStops[static_cast<std::size_t>(unit ^ 0x20)] = true;
-    }
-    _RunStops['\n'] = LineEnd.empty() ||
-                      (LineEnd.size() == 1 &&
-                       std::find(_caEscapes.begin(), _caEscapes.end(), LineEnd[0]) != _caEscapes.end()) ||
-                      (close && std::any_of(LineEnd.begin(), LineEnd.end(),
-                                            [close](char16_t u) { return close->MayBeRequiredUnit(u); }));
-    if (_AllowedLineEnd != LineEnd) _LineEndAlone = 0;
-    _AllowedLineEnd.assign(LineEnd);
-    _RunStopsSerial = _nCloseSerial;
-    _RunStopsEscapes = _caEscapes;
-    _RunStopsLineEnd.assign(LineEnd);
-  }
-  // Whether the allowed pattern takes a character whole, as its step would see it alone.
-  const auto takesAlone = [&](Byte b) {
-    const bool lineFeed = b == '\n';
-    std::uint8_t& alone = lineFeed ? _LineEndAlone : _AllowedAlone[b];
-    if (alone == 0) {
-      const auto c = static_cast<char16_t>(b);
-      const UnicodeStringView candidate = lineFeed ? LineEnd : UnicodeStringView(&c, 1);
-      try {
-        alone = allowed->Match(candidate, _Match) && _Match.GroupOffset(0) == 0 &&
-                        _Match.GroupLength(0) == candidate.size()
-                    ? 1
-                    : 2;
-      } catch (const std::exception&) {
-        return false;  // the character's own step meets the error and reports it
-      }
-    }
-    return alone == 1;
-  };
-  if (Bytes[0] >= 0x80 || _RunStops[Bytes[0]] || !takesAlone(Bytes[0])) return 0;
+  const TRunPlan& plan = RunPlan(LineEnd);
+  if (!plan.Take[Bytes[0]]) return 0;
+  const TRegex* close = plan.Close;
+  const auto unitsOf = [&](Byte b) -> std::size_t { return b == '\n' ? LineEnd.size() : 1; };
 
   UnicodeString& content = pNode->_szContent;
   const std::size_t original = content.size();
   std::size_t start = 0;
+  // How many units the run may add: the close search the first character would make finds
+  // nothing while the text from where it would resume lacks the required unit; past 64 units let
+  // that search run and move on.
+  std::size_t cap = ~std::size_t{0};
   if (close) {
-    // The close search the first character would make finds nothing while the text from where it
-    // would resume lacks the required unit; past 64 units let that search run and move on.
     const char16_t first = Bytes[0];
     content += Bytes[0] == '\n' ? LineEnd : UnicodeStringView(&first, 1);
     start = CloseResumeOffset(pNode, content, original);
     const bool may = close->MayMatchWithin(UnicodeStringView(content).substr(start));
     content.resize(original);
     if (may) return 0;
+    cap = start + 64 > original ? start + 64 - original : 0;
   }
   std::size_t taken = 1;
-  for (std::size_t units = Bytes[0] == '\n' ? LineEnd.size() : 1; taken < Count; ++taken) {
-    const Byte b = Bytes[taken];
-    if (b >= 0x80 || _RunStops[b]) break;
-    const std::size_t size = b == '\n' ? LineEnd.size() : 1;
-    if (close && original + units + size - start > 64) break;
-    if (!takesAlone(b)) break;
-    units += size;
+  if (LineEnd.size() == 1) {
+    const std::size_t limit = std::min(Count, std::max<std::size_t>(cap, 1));
+    while (taken < limit && plan.Take[Bytes[taken]]) ++taken;
+  } else {
+    for (std::size_t units = unitsOf(Bytes[0]); taken < Count && plan.Take[Bytes[taken]]; ++taken) {
+      if (units + unitsOf(Bytes[taken]) > cap) break;
+      units += unitsOf(Bytes[taken]);
+    }
   }
-  const std::size_t lastUnits = Bytes[taken - 1] == '\n' ? LineEnd.size() : 1;
+  const std::size_t lastUnits = unitsOf(Bytes[taken - 1]);
   for (std::size_t from = 0; from < taken;) {
     const auto* lineFeed = static_cast<const Byte*>(std::memchr(Bytes + from, '\n', taken - from));
     const std::size_t to = lineFeed ? static_cast<std::size_t>(lineFeed - Bytes) : taken;
@@ -648,7 +632,7 @@ UnicodeString TQUMAStreamParser::SlurpCharacters(Integer nCount) {
   return result;
 }
 
-std::size_t TQUMAStreamParser::SkipQuietCharacters() {
+std::size_t TQUMAStreamParser::SkipQuietCharacters(bool& Stopped) {
   // The characters that follow may be appended to the buffer at once, without a step each, as
   // far as no step could act on them: the open node neither closes nor takes text, and no
   // definition opens. Only this library's own classes (an override may act on any character).
@@ -784,6 +768,7 @@ std::size_t TQUMAStreamParser::SkipQuietCharacters() {
   }
   _pUtf8Memory->TMemoryStream::Seek(position + static_cast<Int64>(length), soBeginning);
   _nCharCount += static_cast<Integer>(length);
+  Stopped = length < std::min(available, kStretch);
   return length;
 }
 
@@ -848,7 +833,7 @@ bool TQUMAStreamParser::ParseStream(TStream* pInput, const TEncoding*) {
     return false;
   };
   try {
-    bool lineEnded = false;
+    bool lineEnded = false, stepNext = false, runBlocked = false;
     // (A derived parser may treat each character its own way.)
     const bool runs = ClassType() == StaticClass();
     UnicodeString szChar;
@@ -863,7 +848,11 @@ bool TQUMAStreamParser::ParseStream(TStream* pInput, const TEncoding*) {
         _nCharCount = 0;
         lineEnded = false;
       }
-      if (runs && _szBuffer.empty() && _pUtf8Memory == _pInput) {
+      // (What the previous run or stretch stopped at would stop the next one at once.)
+      const bool stepNow = stepNext;
+      const bool runNow = !runBlocked;
+      stepNext = runBlocked = false;
+      if (runs && runNow && !stepNow && _szBuffer.empty() && _pUtf8Memory == _pInput) {
         // Plain text for the open node: as many characters as its steps would take one by one.
         TQUMAStreamedNode* node = CurrentNode();
         const Int64 position = _pUtf8Memory->MemoryPosition();
@@ -873,6 +862,8 @@ bool TQUMAStreamParser::ParseStream(TStream* pInput, const TEncoding*) {
           const std::size_t taken =
               node->Definition()->TakeTextRun(node, run, static_cast<std::size_t>(size - position), _szNormedLineEnd);
           if (taken > 0) {
+            runBlocked = taken < static_cast<std::size_t>(size - position) &&
+                         !node->Definition()->_RunPlan.Take[run[taken]];
             _pUtf8Memory->TMemoryStream::Seek(position + static_cast<Int64>(taken), soBeginning);
             // Counted as the steps would: a line feed ends its line, the next character starts one.
             for (std::size_t from = 0; from < taken;) {
@@ -891,10 +882,10 @@ bool TQUMAStreamParser::ParseStream(TStream* pInput, const TEncoding*) {
           }
         }
       }
-      if (runs && _pUtf8Memory == _pInput) {
+      if (runs && !stepNow && _pUtf8Memory == _pInput) {
         std::size_t skipped = 0;
         try {
-          skipped = SkipQuietCharacters();
+          skipped = SkipQuietCharacters(stepNext);
         } catch (const std::exception&) {
           // (a pattern that does not compile, say: the character's own step meets it and reports it)
         }

@@ -290,21 +290,24 @@ class TQUMAStreamedNodeDefinition : public TQUMAReferencedPersistent {
   bool MatchGrowing(const TRegex* Regex, TDeadPrefix& Memo, UnicodeStringView Subject);
   TDeadPrefix _OpenDead;
   TDeadPrefix _AllowedDead;
-  // Per ASCII unit, what the allowed regex makes of a candidate of that unit alone: 0 not known
-  // yet, 1 all of it is content, 2 anything else. Cleared whenever that regex is dropped.
-  std::array<std::uint8_t, 128> _AllowedAlone{};
-  UnicodeString _AllowedLineEnd;  // the line end _LineEndAlone was found for
-  std::uint8_t _LineEndAlone = 0;
   // For TQUMAStreamParser::ParseStream: how many of Bytes (UTF-8) the per-character steps would
   // add to pNode's content one at a time with no other effect than counting them: ASCII that is
   // no carriage return and no escape, taken whole by the allowed regex while the close regex
   // cannot match (a unit that every close match contains is missing); a line feed counts as
   // LineEnd. Adds them; 0 when it cannot tell.
   std::size_t TakeTextRun(TQUMAStreamedNode* pNode, const Byte* Bytes, std::size_t Count, UnicodeStringView LineEnd);
-  std::array<bool, 128> _RunStops{};  // where a run ends, for the close, escapes and line end below
-  std::uint64_t _RunStopsSerial = ~std::uint64_t{0};
-  std::vector<WideChar> _RunStopsEscapes;
-  UnicodeString _RunStopsLineEnd;
+  // What TakeTextRun needs of this definition, for one generation of the definitions and one
+  // line end: the regexes (none when runs are not possible) and the bytes a run takes (256 so
+  // that any byte indexes it; those beyond ASCII are never taken).
+  struct TRunPlan {
+    std::uint64_t Generation = 0;
+    UnicodeString LineEnd;
+    const TRegex* Allowed = nullptr;
+    const TRegex* Close = nullptr;
+    std::array<bool, 256> Take{};
+  };
+  const TRunPlan& RunPlan(UnicodeStringView LineEnd);
+  TRunPlan _RunPlan;
   // Where the close search for pNode may resume on Subject (its content and a candidate).
   std::size_t CloseResumeOffset(TQUMAStreamedNode* pNode, UnicodeStringView Subject, std::size_t ContentLength);
   // Whether the close pattern uses \G, as found for the close regex of serial _nGSerial.
@@ -404,8 +407,9 @@ class TQUMAStreamParser : public TQUMAReferencedPersistent {
   // The input while it is one of the library's memory streams holding UTF-8: an ASCII byte is
   // then read straight from its memory, with the same result as decoding it.
   TMemoryStream* _pUtf8Memory = nullptr;
-  // Appends to a waiting buffer the characters that no step would act on; how many.
-  std::size_t SkipQuietCharacters();
+  // Appends to a waiting buffer the characters that no step would act on; how many. Stopped:
+  // whether it ended before a character that a step must take.
+  std::size_t SkipQuietCharacters(bool& Stopped);
   std::vector<const TRegex*> _QuietTests;  // its scratch
   // What it tries in one context (the open node's definition, the first character of the text),
   // for one generation of the definitions.
