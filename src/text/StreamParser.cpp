@@ -8,6 +8,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <thread>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include <quma/IOUtils.h>
 
@@ -29,6 +32,41 @@ bool Contains(const std::vector<TClass>& list, TClass cls) {
 // memcmp: the character traits of char16_t compare one unit at a time.
 bool StartsWith(UnicodeStringView Text, UnicodeStringView Prefix) noexcept {
   return Text.size() >= Prefix.size() && std::memcmp(Text.data(), Prefix.data(), Prefix.size() * sizeof(char16_t)) == 0;
+}
+
+// How many of the first Limit bytes hold none of the ASCII units in the bitmap Stop and none
+// beyond ASCII: sixteen at a time where the processor can and the units are few.
+std::size_t QuietLength(const Byte* Bytes, std::size_t Limit, const std::uint64_t (&Stop)[2]) noexcept {
+  std::size_t n = 0;
+#if defined(__SSE2__)
+  __m128i needles[8];
+  int count = 0;
+  for (int word = 0; word < 2 && count >= 0; ++word)
+    for (std::uint64_t bits = Stop[word]; bits != 0 && count >= 0; bits &= bits - 1) {
+      if (count == 8) count = -1;
+      else needles[count++] = _mm_set1_epi8(static_cast<char>(word * 64 + __builtin_ctzll(bits)));
+    }
+  if (count >= 0)
+    for (; n + 16 <= Limit; n += 16) {
+      const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(Bytes + n));
+      __m128i hits = _mm_setzero_si128();
+      for (int i = 0; i < count; ++i) hits = _mm_or_si128(hits, _mm_cmpeq_epi8(block, needles[i]));
+      // (a byte beyond ASCII has its high bit set)
+      if (const int mask = _mm_movemask_epi8(hits) | _mm_movemask_epi8(block)) return n + static_cast<std::size_t>(__builtin_ctz(mask));
+    }
+#endif
+  for (; n < Limit; ++n) {
+    const Byte b = Bytes[n];
+    if (b >= 0x80 || ((Stop[b >> 6] >> (b & 63)) & 1)) break;
+  }
+  return n;
+}
+
+// Appends ASCII bytes as units. (The iterator form of append builds a temporary string first.)
+void AppendAscii(UnicodeString& Text, const Byte* Bytes, std::size_t Count) {
+  const std::size_t size = Text.size();
+  Text.resize(size + Count);
+  std::copy(Bytes, Bytes + Count, Text.data() + size);
 }
 
 UnicodeString After(const TRegexMatch& m) {
@@ -367,7 +405,7 @@ std::size_t TQUMAStreamedNodeDefinition::TakeTextRun(TQUMAStreamedNode* pNode, c
   for (std::size_t from = 0; from < taken;) {
     const auto* lineFeed = static_cast<const Byte*>(std::memchr(Bytes + from, '\n', taken - from));
     const std::size_t to = lineFeed ? static_cast<std::size_t>(lineFeed - Bytes) : taken;
-    content.append(Bytes + from, Bytes + to);
+    AppendAscii(content, Bytes + from, to - from);
     if (lineFeed) content += LineEnd;
     from = to + 1;
   }
@@ -378,7 +416,7 @@ std::size_t TQUMAStreamedNodeDefinition::TakeTextRun(TQUMAStreamedNode* pNode, c
     scan.Serial = _nCloseSerial;
     scan.ContentLength = content.size() - lastUnits;
     scan.Tail.assign(content, content.size() - lastUnits, lastUnits);
-    scan.Safe = start;
+    scan.Safe = close->PossibleStart(content, start);  // (the run holds no part of a match before it)
   }
   return taken;
 }
@@ -399,15 +437,15 @@ bool TQUMAStreamedNodeDefinition::_CheckClose(UnicodeString& szCandidate, TQUMAS
   TRegexMatch& m = _Match;
   std::size_t safe = start;
   bool found = false;
-  // A text after start that lacks a unit every match contains cannot hold a match yet.
-  if (close->MayMatchWithin(UnicodeStringView(subject).substr(start))) try {
-    // A match begins with the pattern's literal prefix: none before its first place, and a
-    // place where the subject ends in part of it is where a match may yet start.
-    const std::size_t from = close->PossibleStart(subject, start);
-    const std::size_t prefix = close->LiteralPrefix().size();
-    if (prefix > 0 && subject.size() - from < prefix) {  // (an empty match needs no prefix)
-      safe = from;
-    } else if (prefix > 0 && close->Match(subject, m, from)) {
+  // A match begins with the pattern's literal prefix: none before its first place, and a place
+  // where the subject ends in part of it is where a match may yet start. A text from there that
+  // lacks a unit every match contains cannot hold a match yet.
+  const std::size_t prefix = close->LiteralPrefix().size();
+  const std::size_t from = prefix > 0 ? close->PossibleStart(subject, start) : start;
+  if (prefix > 0 && subject.size() - from < prefix) {  // (an empty match needs no prefix)
+    safe = from;
+  } else if (close->MayMatchWithin(UnicodeStringView(subject).substr(from))) try {
+    if (prefix > 0 && close->Match(subject, m, from)) {
       found = true;  // the first match: none starts before `from`
     } else {
       const TRegexMatchResult probe = close->MatchPartial(subject, m, from);
@@ -729,16 +767,12 @@ std::size_t TQUMAStreamParser::SkipQuietCharacters(bool& Stopped) {
     stopAt(close->RequiredUnit(folds), folds);
   }
   constexpr std::size_t kStretch = 256;
-  std::size_t length = 0;
-  for (const std::size_t limit = std::min(available, kStretch); length < limit; ++length) {
-    const Byte b = bytes[length];
-    if (b >= 0x80 || ((stop[b >> 6] >> (b & 63)) & 1)) break;
-  }
+  std::size_t length = QuietLength(bytes, std::min(available, kStretch), stop);
   if (length == 0) return 0;
 
   // The tests run on the buffer with the stretch appended; it is cut back to what is taken.
   const std::size_t base = _szBuffer.size();
-  _szBuffer.append(bytes, bytes + length);
+  AppendAscii(_szBuffer, bytes, length);
   try {
     for (const TRegex* test : _QuietTests) {
       if (test->MatchSoftPartial(_szBuffer, _QuietMatch) != mrMatch) continue;
