@@ -49,12 +49,13 @@ class TXmlTreeBuilder : public TObject {
   void NodeClosed(TObject*, TQUMAStreamedNode* Node) {
     std::unique_ptr<TXmlTreeNode> item = std::move(FOpen.back());
     FOpen.pop_back();
-    item->Open = Node->Open();
-    item->Content = Node->Content();
-    item->Close = Node->Close();
+    if (item->Kind != u"space") {
+      item->Open = Node->Open();
+      item->Content = Node->Content();
+      item->Close = Node->Close();
+      (FOpen.empty() ? Roots : FOpen.back()->Children).push_back(std::move(item));
+    }
     Free(Node);
-    if (item->Kind == u"space") return;
-    (FOpen.empty() ? Roots : FOpen.back()->Children).push_back(std::move(item));
   }
 
   // One line per node, indented by depth: kind, open text, and the content without the white

@@ -151,8 +151,9 @@ bool IsGrowthMonotone(UnicodeStringView p, TPerlRegExOptions options) {
 // leading ^ (if any), up to the first other syntax (a character that a quantifier follows is left
 // out). Empty when doubtful: alternation, extended mode, a caseless letter, \K (which moves the
 // start of the match).
-UnicodeString ReadLiteralPrefix(UnicodeStringView p, TPerlRegExOptions options) {
+UnicodeString ReadLiteralPrefix(UnicodeStringView p, TPerlRegExOptions options, bool& Whole) {
   UnicodeString prefix;
+  Whole = false;
   if (options.Contains(preExtended) || p.find(u'|') != UnicodeStringView::npos || p.find(u"\\K") != UnicodeStringView::npos)
     return prefix;
   const bool caseless = options.Contains(preCaseLess);
@@ -171,6 +172,7 @@ UnicodeString ReadLiteralPrefix(UnicodeStringView p, TPerlRegExOptions options) 
     if (caseless && IsAsciiLetter(c)) break;
     prefix.push_back(c);
     i = next;
+    Whole = i == p.size();
   }
   return prefix;
 }
@@ -196,6 +198,7 @@ struct TRegex::TImpl {
   bool HasFirstMap = false;
   std::array<uint8_t, 32> FirstMap{};
   UnicodeString Prefix;  // literal text every match begins with
+  bool Literal = false;  // and the pattern is that text alone (after a leading ^)
   ~TImpl() {
     pcre2_match_context_free(Context);
     pcre2_code_free(Code);
@@ -253,7 +256,7 @@ TRegex::TRegex(UnicodeStringView pattern, TPerlRegExOptions options, const TRege
   pcre2_jit_stack_assign(FImpl->Context, JitStack, nullptr);
   if (limits.MatchLimit) pcre2_set_match_limit(FImpl->Context, limits.MatchLimit);
   if (limits.DepthLimit) pcre2_set_depth_limit(FImpl->Context, limits.DepthLimit);
-  FImpl->Prefix = ReadLiteralPrefix(pattern, options);
+  FImpl->Prefix = ReadLiteralPrefix(pattern, options, FImpl->Literal);
   if (FImpl->Anchored) {
     if (partial && FImpl->First < 0) {
       // PCRE2 finds no first units for an anchored pattern: ask it, once per ASCII unit, whether
@@ -284,6 +287,8 @@ bool TRegex::Anchored() const noexcept { return FImpl->Anchored; }
 bool TRegex::GrowthMonotone() const noexcept { return FImpl->GrowthMonotone; }
 
 UnicodeStringView TRegex::LiteralPrefix() const noexcept { return FImpl->Prefix; }
+
+bool TRegex::IsLiteral() const noexcept { return FImpl->Literal; }
 
 std::size_t TRegex::PossibleStart(UnicodeStringView subject, std::size_t from) const noexcept {
   const UnicodeStringView prefix = FImpl->Prefix;

@@ -105,6 +105,8 @@ class TRegex {
   bool MayStartWith(char16_t c) const noexcept;
   // Literal text that every match begins with (empty when unsure).
   UnicodeStringView LiteralPrefix() const noexcept;
+  // Whether the pattern is that text and nothing else (after a leading ^): every match is it.
+  bool IsLiteral() const noexcept;
   // The first offset from `from` on where a match, complete or partial, may begin: where the
   // literal prefix stands, or where the subject ends in a part of it; the subject's size when no
   // such place is left, `from` itself when no prefix is known. No match of any mode that

@@ -712,8 +712,8 @@ std::size_t TQUMAStreamParser::SkipQuietCharacters(bool& Stopped) {
       if (!test || (test->Anchored() && !test->MayStartWith(first))) return;
       bool folds = false;
       const std::int32_t unit = test->RequiredUnit(folds);
-      plan.Tests.push_back(
-          {test, test->Anchored() ? test->LiteralPrefix() : UnicodeStringView(), unit, folds, test->GrowthMonotone()});
+      plan.Tests.push_back({test, test->Anchored() ? test->LiteralPrefix() : UnicodeStringView(), unit, folds,
+                            test->GrowthMonotone(), test->Anchored() && test->IsLiteral()});
     };
     if (own && own->AllowsContainedText()) add(own->_GetAllowedRegEx());
     const Integer count = DefinitionCount();
@@ -746,8 +746,13 @@ std::size_t TQUMAStreamParser::SkipQuietCharacters(bool& Stopped) {
     if (folds) stop[(unit ^ 0x20) >> 6] |= 1ull << ((unit ^ 0x20) & 63);
   };
   _QuietTests.clear();
+  std::size_t literal = ~std::size_t{0};  // the shortest buffer that holds a whole literal test
   for (const auto& test : plan.Tests) {
     if (!test.Prefix.empty() && prefixFails(test.Prefix)) continue;
+    if (test.Literal) {
+      literal = std::min(literal, test.Prefix.size());
+      continue;
+    }
     if (test.Unit >= 0 && (_szBuffer.empty() || !test.Regex->MayMatchWithin(_szBuffer))) stopAt(test.Unit, test.Folds);
     else if (test.Monotone) _QuietTests.push_back(test.Regex);
     else return 0;
@@ -768,10 +773,13 @@ std::size_t TQUMAStreamParser::SkipQuietCharacters(bool& Stopped) {
   }
   constexpr std::size_t kStretch = 256;
   std::size_t length = QuietLength(bytes, std::min(available, kStretch), stop);
+  // A literal test matches once the buffer holds all of it: the stretch ends before that.
+  const std::size_t base = _szBuffer.size();
+  if (literal <= base) return 0;
+  length = std::min(length, literal - base - 1);
   if (length == 0) return 0;
 
   // The tests run on the buffer with the stretch appended; it is cut back to what is taken.
-  const std::size_t base = _szBuffer.size();
   AppendAscii(_szBuffer, bytes, length);
   try {
     for (const TRegex* test : _QuietTests) {
@@ -783,7 +791,7 @@ std::size_t TQUMAStreamParser::SkipQuietCharacters(bool& Stopped) {
         return test->MatchSoftPartial(UnicodeStringView(_szBuffer).substr(0, k), _QuietMatch) == mrMatch;
       };
       std::size_t low = std::max(base + 1, test->Anchored() ? test->LiteralPrefix().size() : 0), high = base + length;
-      if (low < high) {
+      for (int tries = 0; tries < 2 && low < high; ++tries) {
         if (fires(low)) high = low;
         else ++low;
       }

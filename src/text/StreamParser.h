@@ -423,6 +423,7 @@ class TQUMAStreamParser : public TQUMAReferencedPersistent {
       UnicodeStringView Prefix;  // of an anchored test
       std::int32_t Unit;         // required, or -1
       bool Folds, Monotone;
+      bool Literal;  // an anchored literal: it matches once the buffer holds its prefix
     };
     std::vector<TTest> Tests;
   };
