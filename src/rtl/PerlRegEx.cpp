@@ -292,14 +292,23 @@ bool TRegex::IsLiteral() const noexcept { return FImpl->Literal; }
 
 std::size_t TRegex::PossibleStart(UnicodeStringView subject, std::size_t from) const noexcept {
   const UnicodeStringView prefix = FImpl->Prefix;
-  if (prefix.empty() || from >= subject.size()) return std::min(from, subject.size());
-  for (std::size_t at = from;; ++at) {
-    const char16_t* hit = FindUnit(subject.data() + at, subject.size() - at, prefix[0]);
-    if (!hit) return subject.size();
-    at = static_cast<std::size_t>(hit - subject.data());
-    const std::size_t n = std::min(prefix.size(), subject.size() - at);
-    if (std::memcmp(subject.data() + at, prefix.data(), n * sizeof(char16_t)) == 0) return at;
+  const std::size_t n = subject.size();
+  if (prefix.empty() || from >= n) return std::min(from, n);
+  const char16_t* s = subject.data();
+  for (std::size_t at = from; at < n; ++at) {
+    if (n - at >= 16) {
+      const char16_t* hit = FindUnit(s + at, n - at, prefix[0]);
+      if (!hit) return n;
+      at = static_cast<std::size_t>(hit - s);
+    } else if (s[at] != prefix[0]) {
+      continue;  // (short texts: a plain loop costs less than the calls)
+    }
+    const std::size_t m = std::min(prefix.size(), n - at);
+    std::size_t k = 1;
+    while (k < m && s[at + k] == prefix[k]) ++k;
+    if (k == m) return at;
   }
+  return n;
 }
 
 bool TRegex::MayStartWith(char16_t c) const noexcept {
@@ -324,7 +333,12 @@ bool TRegex::MayMatchWithin(UnicodeStringView text) const noexcept {
   constexpr std::size_t kLongest = 64;  // beyond this the match itself is the cheaper test
   if (FImpl->Required < 0 || text.size() > kLongest) return true;
   const auto unit = static_cast<char16_t>(FImpl->Required);
-  if (!FImpl->RequiredFolds) return FindUnit(text.data(), text.size(), unit) != nullptr;
+  if (!FImpl->RequiredFolds) {
+    if (text.size() >= 16) return FindUnit(text.data(), text.size(), unit) != nullptr;
+    for (const char16_t c : text)
+      if (c == unit) return true;
+    return false;
+  }
   const auto lower = static_cast<char16_t>(unit | 0x20);  // (c | 0x20) == lower: either case
   return std::any_of(text.begin(), text.end(), [=](char16_t c) { return (c | 0x20) == lower || c >= 0x80; });
 }
