@@ -252,7 +252,8 @@ Base* TClassInfo::Create(A&&... args) const {
   using Args = typename Base::VirtualCtorArgs;
   if (!FFactory || !InheritsFrom(Base::StaticClass()) || *FFactoryArgs != typeid(Args)) return nullptr;
   const Args packed(std::forward<A>(args)...);
-  return dynamic_cast<Base*>(FFactory(&packed));
+  // The factory makes an instance of this class, which was just seen to inherit from Base.
+  return static_cast<Base*>(FFactory(&packed));
 }
 
 }  // namespace quma
