@@ -65,6 +65,8 @@ std::size_t QuietLength(const Byte* Bytes, std::size_t Limit, const std::uint64_
 // Appends ASCII bytes as units. (The iterator form of append builds a temporary string first.)
 void AppendAscii(UnicodeString& Text, const Byte* Bytes, std::size_t Count) {
   const std::size_t size = Text.size();
+  // (Room for the close tag that typically follows: no second allocation when it is appended.)
+  if (size + Count > Text.capacity()) Text.reserve(std::max(2 * Text.capacity(), size + Count + 16));
   Text.resize(size + Count);
   std::copy(Bytes, Bytes + Count, Text.data() + size);
 }
@@ -425,9 +427,13 @@ bool TQUMAStreamedNodeDefinition::_CheckClose(UnicodeString& szCandidate, TQUMAS
   const TRegex* close = _GetCloseRegEx();
   if (!close || !pCandidate) return false;
   // The subject is the content followed by the candidate, built in the content's own storage
-  // (no copy of a long node per character) and cut back before anything else happens.
-  UnicodeString& subject = pCandidate->_szContent;
-  const std::size_t contentLength = subject.size();
+  // (no copy of a long node per character) and cut back before anything else happens; a short
+  // content without room for the candidate is copied instead (no allocation per node).
+  UnicodeString& content = pCandidate->_szContent;
+  const std::size_t contentLength = content.size();
+  const bool inPlace = contentLength + szCandidate.size() <= content.capacity() || contentLength > 64;
+  UnicodeString& subject = inPlace ? content : _CloseSubject;
+  if (!inPlace) subject.assign(content);
   subject += szCandidate;
 
   // Resume where the previous search showed that no match can start earlier, if this subject
@@ -479,7 +485,10 @@ bool TQUMAStreamedNodeDefinition::_CheckClose(UnicodeString& szCandidate, TQUMAS
   }
   if (end >= contentLength) szCandidate.erase(0, end - contentLength);
   else szCandidate.assign(subject, end);
-  subject.resize(before == 0 ? contentLength : before);  // (the node is complete: its search state is done with)
+  // (The node is complete: its search state is done with.)
+  if (inPlace) content.resize(before == 0 ? contentLength : before);
+  else if (before > 0 && before < contentLength) content.resize(before);
+  else if (before > contentLength) content.append(subject, contentLength, before - contentLength);
   _DoClose(pCandidate);
   return true;
 }

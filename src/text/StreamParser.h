@@ -275,6 +275,7 @@ class TQUMAStreamedNodeDefinition : public TQUMAReferencedPersistent {
   std::uint64_t _nCloseSerial = 0;
   // Reused by every match (no allocation per character); read only before any callback runs.
   TRegexMatch _Match;
+  UnicodeString _CloseSubject;  // _CheckClose's subject when it is not built in the content
 
  private:
   friend class TQUMAStreamParser;
