@@ -62,13 +62,17 @@ std::size_t QuietLength(const Byte* Bytes, std::size_t Limit, const std::uint64_
   return n;
 }
 
-// Appends ASCII bytes as units. (The iterator form of append builds a temporary string first.)
+// Appends ASCII bytes as units, through a small buffer: the iterator form of append builds a
+// temporary string first, and resize fills what is then overwritten.
 void AppendAscii(UnicodeString& Text, const Byte* Bytes, std::size_t Count) {
-  const std::size_t size = Text.size();
-  // (Room for the close tag that typically follows: no second allocation when it is appended.)
-  if (size + Count > Text.capacity()) Text.reserve(std::max(2 * Text.capacity(), size + Count + 16));
-  Text.resize(size + Count);
-  std::copy(Bytes, Bytes + Count, Text.data() + size);
+  char16_t units[64];
+  while (Count > 0) {
+    const std::size_t n = std::min(Count, std::size(units));
+    std::copy(Bytes, Bytes + n, units);
+    Text.append(units, n);
+    Bytes += n;
+    Count -= n;
+  }
 }
 
 UnicodeString After(const TRegexMatch& m) {
