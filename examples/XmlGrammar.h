@@ -45,14 +45,12 @@ class TXmlTreeBuilder : public TObject {
     FOpen.push_back(std::move(item));
   }
 
-  // Takes the completed node over: its texts go into the tree, the node itself is freed.
+  // Takes the completed node over: its texts move into the tree, the node itself is freed.
   void NodeClosed(TObject*, TQUMAStreamedNode* Node) {
     std::unique_ptr<TXmlTreeNode> item = std::move(FOpen.back());
     FOpen.pop_back();
     if (item->Kind != u"space") {
-      item->Open = Node->Open();
-      item->Content = Node->Content();
-      item->Close = Node->Close();
+      Node->TakeTexts(item->Open, item->Content, item->Close);
       (FOpen.empty() ? Roots : FOpen.back()->Children).push_back(std::move(item));
     }
     Free(Node);

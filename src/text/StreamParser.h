@@ -72,6 +72,18 @@ class TQUMAStreamedNode : public TObject {
   TNodeStates NodeState() const noexcept { return _NodeState; }
   // Open + Content + Close.
   UnicodeString Text() const { return _GetText(); }
+  // Moves the three texts out of a node its holder owns (OnClose's handler, for one), without
+  // copying them; the node keeps empty texts.
+  void TakeTexts(UnicodeString& Open, UnicodeString& Content, UnicodeString& Close) noexcept {
+    Open = std::move(_szOpen);
+    Content = std::move(_szContent);
+    Close = std::move(_szClose);
+    _szOpen.clear();
+    _szContent.clear();
+    _szClose.clear();
+    _CloseScan.Valid = false;
+    _CloseScan.ContentSafe = _CloseScan.ContentSafeLength = 0;
+  }
 
   // ---- virtual operations, in slot order ----
   virtual bool _GetComplete() const { return _NodeState.Contains(sn_Complete); }
