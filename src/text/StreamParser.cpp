@@ -247,7 +247,9 @@ TQUMAStreamedNodeClass TQUMAStreamedNodeDefinition::GetStreamedNodeClass() const
 
 TQUMAStreamedNode* TQUMAStreamedNodeDefinition::CreateNode(TQUMAStreamParser* pForParser) {
   const TQUMAStreamedNodeClass cls = GetStreamedNodeClass();
-  TQUMAStreamedNode* node = cls.Create(pForParser);
+  // (The library's own node class, the common case, without the class reference's checks.)
+  TQUMAStreamedNode* node = cls.Get() == TQUMAStreamedNode::StaticClass() ? New<TQUMAStreamedNode>(pForParser)
+                                                                           : cls.Create(pForParser);
   if (!node)
     throw EInvalidOperation(Format(u"Cannot create a %s for the stream parser",
                                    cls ? cls.Get()->ClassName() : UnicodeString(u"node")));
