@@ -296,7 +296,7 @@ std::size_t TRegex::PossibleStart(UnicodeStringView subject, std::size_t from) c
   if (prefix.empty() || from >= n) return std::min(from, n);
   const char16_t* s = subject.data();
   for (std::size_t at = from; at < n; ++at) {
-    if (n - at >= 16) {
+    if (n - at >= 8) {
       const char16_t* hit = FindUnit(s + at, n - at, prefix[0]);
       if (!hit) return n;
       at = static_cast<std::size_t>(hit - s);
@@ -334,7 +334,7 @@ bool TRegex::MayMatchWithin(UnicodeStringView text) const noexcept {
   if (FImpl->Required < 0 || text.size() > kLongest) return true;
   const auto unit = static_cast<char16_t>(FImpl->Required);
   if (!FImpl->RequiredFolds) {
-    if (text.size() >= 16) return FindUnit(text.data(), text.size(), unit) != nullptr;
+    if (text.size() >= 8) return FindUnit(text.data(), text.size(), unit) != nullptr;
     for (const char16_t c : text)
       if (c == unit) return true;
     return false;

@@ -68,7 +68,15 @@ void AppendAscii(UnicodeString& Text, const Byte* Bytes, std::size_t Count) {
   char16_t units[64];
   while (Count > 0) {
     const std::size_t n = std::min(Count, std::size(units));
-    std::copy(Bytes, Bytes + n, units);
+    std::size_t i = 0;
+#if defined(__SSE2__)
+    for (; i + 16 <= n; i += 16) {
+      const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(Bytes + i));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(units + i), _mm_unpacklo_epi8(bytes, _mm_setzero_si128()));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(units + i + 8), _mm_unpackhi_epi8(bytes, _mm_setzero_si128()));
+    }
+#endif
+    std::copy(Bytes + i, Bytes + n, units + i);
     Text.append(units, n);
     Bytes += n;
     Count -= n;
@@ -724,7 +732,9 @@ std::size_t TQUMAStreamParser::SkipQuietCharacters(bool& Stopped) {
     plan.Tests.clear();
     plan.Eligible = true;
     const auto add = [&](const TRegex* test) {
-      if (!test || (test->Anchored() && !test->MayStartWith(first))) return;
+      if (!test || (test->Anchored() && (!test->MayStartWith(first) ||
+                                          (!test->LiteralPrefix().empty() && test->LiteralPrefix()[0] != first))))
+        return;
       bool folds = false;
       const std::int32_t unit = test->RequiredUnit(folds);
       plan.Tests.push_back({test, test->Anchored() ? test->LiteralPrefix() : UnicodeStringView(), unit, folds,
@@ -745,8 +755,9 @@ std::size_t TQUMAStreamParser::SkipQuietCharacters(bool& Stopped) {
   // Each test is ruled out for the stretch by the literal text its matches begin with, bounded by
   // a unit every match contains (the stretch ends before it), or searched: a test whose match,
   // once there, stays as the buffer grows is tried once, at the stretch's end.
+  // (The plan holds no test whose prefix begins with another unit than the first.)
   const auto prefixFails = [&](UnicodeStringView prefix) {
-    for (std::size_t i = 0; i < prefix.size() && i < _szBuffer.size() + available; ++i) {
+    for (std::size_t i = 1; i < prefix.size() && i < _szBuffer.size() + available; ++i) {
       const bool buffered = i < _szBuffer.size();
       const char16_t c = buffered ? _szBuffer[i] : bytes[i - _szBuffer.size()];
       if (!buffered && c >= 0x80) return prefix[i] < 0x80;  // (a character beyond ASCII)
