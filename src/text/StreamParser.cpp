@@ -407,15 +407,15 @@ std::size_t TQUMAStreamedNodeDefinition::TakeTextRun(TQUMAStreamedNode* pNode, c
     if (may) return 0;
     cap = start + 64 > original ? start + 64 - original : 0;
   }
+  // Every byte is at least one unit (a line feed is taken only for a line end that has some), so
+  // no more than cap bytes are looked at; with a longer line end the run is then cut to cap units.
   std::size_t taken = 1;
-  if (LineEnd.size() == 1) {
-    const std::size_t limit = std::min(Count, std::max<std::size_t>(cap, 1));
-    while (taken < limit && plan.Take[Bytes[taken]]) ++taken;
-  } else {
-    for (std::size_t units = unitsOf(Bytes[0]); taken < Count && plan.Take[Bytes[taken]]; ++taken) {
-      if (units + unitsOf(Bytes[taken]) > cap) break;
-      units += unitsOf(Bytes[taken]);
-    }
+  const std::size_t limit = std::min(Count, std::max<std::size_t>(cap, 1));
+  while (taken < limit && plan.Take[Bytes[taken]]) ++taken;
+  if (close && LineEnd.size() > 1) {
+    std::size_t units = 0;
+    for (std::size_t i = 0; i < taken; ++i) units += unitsOf(Bytes[i]);
+    for (; taken > 1 && units > cap; --taken) units -= unitsOf(Bytes[taken - 1]);
   }
   const std::size_t lastUnits = unitsOf(Bytes[taken - 1]);
   for (std::size_t from = 0; from < taken;) {
