@@ -19,11 +19,6 @@ UnicodeString ErrorOf(F f) {
   return u"<no error>";
 }
 
-template <class F>
-UnicodeString ConvertErrorOf(F f) {
-  return ErrorOf<EConvertError>(f);
-}
-
 inline TQUMA_Uuid RandomUuid(std::mt19937& rng) {
   TQUMA_Uuid u;
   for (Byte& b : u._baUuid) b = static_cast<Byte>(rng());

@@ -27,7 +27,7 @@
 namespace quma {
 namespace {
 
-using test::ConvertErrorOf;
+using test::ErrorOf;
 using test::RandomUuid;
 
 TQUMA_Uuid FromBytes(std::initializer_list<int> bytes) {
@@ -37,7 +37,6 @@ TQUMA_Uuid FromBytes(std::initializer_list<int> bytes) {
   return u;
 }
 
-using test::RandomUuid;
 
 TEST(UuidValue, FieldViewsAreBigEndianAndSettersKeepTheOtherBits) {
   TQUMA_Uuid u = FromBytes({0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0x4D, 0xEF, 0xA1, 0x02, 1, 2, 3, 4, 5, 6});
@@ -63,7 +62,7 @@ TEST(UuidValue, FieldViewsAreBigEndianAndSettersKeepTheOtherBits) {
   EXPECT_EQ(w, FromBytes({0x12, 0x34, 0x56, 0x78, 0xAB, 0xCD, 0x11, 0x22, 0x33, 0x44, 0x88, 0, 0, 0, 0, 0x99}));
   EXPECT_EQ(w._GetAsGuid().D1, 0x12345678u);
   for (Integer bad : {6, -1, 100})
-    EXPECT_EQ(test::ErrorOf<EArgumentOutOfRangeException>([&] { (void)w._GetNode(bad); }),
+    EXPECT_EQ(ErrorOf<EArgumentOutOfRangeException>([&] { (void)w._GetNode(bad); }),
               Format(u"%d is invalid (should be between 0 and 5)", bad));
 
   u._baUuid[6] = 0xAB;
@@ -88,8 +87,6 @@ TEST(UuidValue, FieldViewsAreBigEndianAndSettersKeepTheOtherBits) {
 TEST(UuidValue, ZeroValueConstructorsAndRandomise) {
   const TQUMA_Uuid z = TQUMA_Uuid::Create(true);
   EXPECT_TRUE(z.IsZero());
-  EXPECT_EQ(z._GetVersion(), 0);
-  EXPECT_EQ(z._GetVariant(), 0);
   EXPECT_EQ(z.JHash(), 0x3D67C75Bu);
   // false seeds the general generator and does not fill the value.
   EXPECT_TRUE(TQUMA_Uuid::Create(false).IsZero());
@@ -187,25 +184,24 @@ TEST(UuidValue, ByteAndVariantFormsAndEightBitVariantText) {
   w._SetAsVariant(Variant(u.Format()));
   EXPECT_TRUE(w.IsZero());
   // OLE-string reader errors pass as they are.
-  EXPECT_EQ(ConvertErrorOf([&] { w.TrySetAsVariant(Variant::OleStr(u"not a uuid")); }), u"Unrecognised Format");
+  EXPECT_EQ(ErrorOf([&] { w.TrySetAsVariant(Variant::OleStr(u"not a uuid")); }), u"Unrecognised Format");
   // 8-bit text is handed to the wide reader as it is: 32 hex digits as 8-bit text are 16 UTF-16 units of two digits
   // each: the wide-character form.
   EXPECT_TRUE(w.TrySetAsVariant(Variant::AnsiString("0123456789abcdef0123456789abcdef")));
   EXPECT_EQ(w, TQUMA_Uuid::Create(u"0123456789abcdef0123456789abcdef"));
   // The standard form as 8-bit text is 18 units: no form has that length.
   const std::string standard = "01234567-89ab-cdef-0123-456789abcdef";
-  EXPECT_EQ(ConvertErrorOf([&] { w.TrySetAsVariant(Variant::AnsiString(standard)); }),
+  EXPECT_EQ(ErrorOf([&] { w.TrySetAsVariant(Variant::AnsiString(standard)); }),
             u"Unable to interpret Variant text as Uuid");
   // The plain setter passes the reader's error.
-  EXPECT_EQ(ConvertErrorOf([&] { w._SetAsVariant(Variant::AnsiString(standard)); }), u"Unrecognised Format");
+  EXPECT_EQ(ErrorOf([&] { w._SetAsVariant(Variant::AnsiString(standard)); }), u"Unrecognised Format");
 }
 
 // ---- text and byte forms ----
 
-using test::RandomUuid;
 
 UnicodeString ReadError(UnicodeStringView text) {
-  return ConvertErrorOf([&] { (void)TQUMA_Uuid::Create(text); });
+  return ErrorOf([&] { (void)TQUMA_Uuid::Create(text); });
 }
 
 // Over random values, the zero value and an internal reference: the standard and MS forms match libuuid; every named form reads back; the buffer forms
@@ -224,6 +220,7 @@ TEST(UuidText, EveryFormMatchesLibuuidAndItsBufferFormAndReadsBack) {
     uuid_unparse_upper(u._baUuid, upper);
     ASSERT_TRUE(isReference || u.FormatUtf8() == lower);
     ASSERT_EQ(u.Format(u"ms"), u"{" + Utf8ToUtf16(upper) + u"}");
+    ASSERT_TRUE(isReference || TQUMA_Uuid::Create(std::string_view(upper)) == u);  // libuuid's text reads back
     // Each name with the one whose form it gives.
     for (const auto& [name, same] : {std::pair{"", ""}, {"ms", "ms"}, {"MICROSOFT", "ms"}, {"base64", "base64"},
                                     {"base.64", "base64"}, {"base:64", "base64"}, {"base::64", "base64"}, {"hex", "hex"},
@@ -234,7 +231,6 @@ TEST(UuidText, EveryFormMatchesLibuuidAndItsBufferFormAndReadsBack) {
       char16_t wide[TQUMA_Uuid::MaxTextLength];
       const UnicodeString expected = u.Format(std::string_view(name));
       ASSERT_EQ(expected, u.Format(Utf8ToUtf16(same)));
-      ASSERT_EQ(UnicodeString(wide, u.FormatTo(wide, std::string_view(name))), expected);
       ASSERT_EQ(UnicodeString(wide, u.FormatTo(wide, Utf8ToUtf16(name))), expected);
       char narrow[TQUMA_Uuid::MaxUtf8TextLength];
       const std::string utf8 = u.FormatUtf8(name);
@@ -246,8 +242,7 @@ TEST(UuidText, EveryFormMatchesLibuuidAndItsBufferFormAndReadsBack) {
       ASSERT_EQ(u.FormatTo(std::span<char>(shortBy1), name), 0u);
       ASSERT_EQ(std::count(shortBy1.begin(), shortBy1.end(), '#'), static_cast<std::ptrdiff_t>(shortBy1.size()));
       std::vector<char16_t> fit16(expected.size()), short16(expected.size() - 1, u'#');
-      ASSERT_EQ(u.FormatTo(std::span<char16_t>(fit16), name), expected.size());
-      ASSERT_EQ(UnicodeString(fit16.begin(), fit16.end()), expected);
+      ASSERT_EQ(UnicodeString(fit16.data(), u.FormatTo(std::span<char16_t>(fit16), name)), expected);
       ASSERT_EQ(u.FormatTo(std::span<char16_t>(short16), name), 0u);
       if (isReference) continue;
       if (expected.size() != 8) {
@@ -260,14 +255,6 @@ TEST(UuidText, EveryFormMatchesLibuuidAndItsBufferFormAndReadsBack) {
         ASSERT_EQ(TQUMA_Uuid::TryParseText(expected), std::nullopt);  // not a printable form
       }
     }
-  }
-  // We read what libuuid writes.
-  for (int i = 0; i < 100; ++i) {
-    uuid_t gen;
-    uuid_generate_random(gen);
-    char text[37];
-    uuid_unparse_upper(gen, text);
-    ASSERT_EQ(std::memcmp(TQUMA_Uuid::Create(std::string_view(text))._baUuid, gen, 16), 0);
   }
 }
 
@@ -318,8 +305,8 @@ TEST(UuidText, RecognitionByLengthAndPunctuation) {
             TQUMA_Uuid::Create(u"01112233445566778899aabbccddeeff"));
   // The text reader refuses the 16- and 8-unit forms.
   TQUMA_Uuid t;
-  EXPECT_EQ(ConvertErrorOf([&] { t._ReadTextFormattedUuid(wide.c_str()); }), u"Unrecognised Format");
-  EXPECT_EQ(ConvertErrorOf([&] { t._ReadTextFormattedUuid(u"ABCDEFGH"); }), u"Unrecognised Format");
+  EXPECT_EQ(ErrorOf([&] { t._ReadTextFormattedUuid(wide.c_str()); }), u"Unrecognised Format");
+  EXPECT_EQ(ErrorOf([&] { t._ReadTextFormattedUuid(u"ABCDEFGH"); }), u"Unrecognised Format");
   EXPECT_EQ(TQUMA_Uuid::TryParseText(wide), std::nullopt);
   EXPECT_EQ(TQUMA_Uuid::TryParse(wide), w);
 }
@@ -341,7 +328,7 @@ TEST(UuidText, EveryErrorText) {
   badDigit[20] = u'q';
   EXPECT_EQ(ReadError(badDigit), u"Invalid format for JHash Uuid");
   TQUMA_Uuid direct;
-  EXPECT_EQ(ConvertErrorOf([&] { direct._ReadJHashpathFormattedUuid(u"ab|cd\\00112233445566778899aabbccddeeff"); }),
+  EXPECT_EQ(ErrorOf([&] { direct._ReadJHashpathFormattedUuid(u"ab|cd\\00112233445566778899aabbccddeeff"); }),
             u"Invalid format for JHash Uuid");
   EXPECT_EQ(ReadError(u"ABEiM0RVZneImaq7zN3u!w=="), u"Invalid character found in Base64 encoded data");
   EXPECT_EQ(ReadError(u"ABEiM0RVZneImaq7zN3u===="), u"Base64 encoded Uuid did not give 16 bytes of data");
@@ -362,10 +349,10 @@ TEST(UuidText, EveryErrorText) {
 
 TEST(UuidText, SingleFormReadersOnShortTextFailInsteadOfOverrunning) {
   TQUMA_Uuid u;
-  EXPECT_EQ(ConvertErrorOf([&] { u._ReadStandardFormattedUuid(u"0011"); }), u"Invalid format for Standard Uuid");
-  EXPECT_EQ(ConvertErrorOf([&] { u._ReadMSFormattedUuid(u"{0011"); }), u"Invalid format for MS Styler Uuid");
-  EXPECT_EQ(ConvertErrorOf([&] { u._ReadBase16FormattedUuid(u""); }), u"Invalid format for Hex Uuid");
-  EXPECT_EQ(ConvertErrorOf([&] { u._ReadBase64FormattedUuid(u"AAAA"); }),
+  EXPECT_EQ(ErrorOf([&] { u._ReadStandardFormattedUuid(u"0011"); }), u"Invalid format for Standard Uuid");
+  EXPECT_EQ(ErrorOf([&] { u._ReadMSFormattedUuid(u"{0011"); }), u"Invalid format for MS Styler Uuid");
+  EXPECT_EQ(ErrorOf([&] { u._ReadBase16FormattedUuid(u""); }), u"Invalid format for Hex Uuid");
+  EXPECT_EQ(ErrorOf([&] { u._ReadBase64FormattedUuid(u"AAAA"); }),
             u"Base64 encoded Uuid did not give 16 bytes of data");
   EXPECT_TRUE(u._ReadBase64FormattedUuid(u"ABEiM0RVZneImaq7zN3u/w==trailing"));
   EXPECT_EQ(u, TQUMA_Uuid::Create(u"00112233-4455-6677-8899-aabbccddeeff"));
@@ -380,7 +367,7 @@ TEST(UuidText, SingleFormReadersOnShortTextFailInsteadOfOverrunning) {
   EXPECT_TRUE(v._ReadBase16FormattedUuid(std::string_view("ffeeddccbbaa99887766554433221100")));
   EXPECT_TRUE(u._ReadBase16FormattedUuid(UnicodeStringView(u"ffeeddccbbaa99887766554433221100")));
   EXPECT_EQ(u, v);
-  EXPECT_EQ(ConvertErrorOf([&] { v._ReadMSFormattedUuid(std::string_view("{\xc3\xa9")); }),
+  EXPECT_EQ(ErrorOf([&] { v._ReadMSFormattedUuid(std::string_view("{\xc3\xa9")); }),
             u"Invalid format for MS Styler Uuid");
 }
 
@@ -421,7 +408,6 @@ TEST(UuidVersions, Version5Vectors) {
   EXPECT_EQ(url, U("20ecd233-a9e7-5067-a96f-fd6600ca3fda"));
   EXPECT_EQ(url.Version(), 5);
   EXPECT_TRUE(RfcVariant(url));
-  EXPECT_EQ(QUMAUuidNamespaceDNS, U("6ba7b810-9dad-11d1-80b4-00c04fd430c8"));
   EXPECT_EQ(QUMAUuidNamespaceX500, U("6ba7b814-9dad-11d1-80b4-00c04fd430c8"));
   EXPECT_NE(TQUMA_Uuid::CreateV5(QUMAUuidNamespaceOID, std::string_view("x")),
             TQUMA_Uuid::CreateV5(QUMAUuidNamespaceX500, std::string_view("x")));
@@ -480,8 +466,7 @@ TEST(UuidVersions, ForkedChildrenDrawFreshRandomBits) {
   TQUMA_Uuid a, b;
   ASSERT_EQ(read(fds[0], a._baUuid, 16), 16);
   ASSERT_EQ(read(fds[0], b._baUuid, 16), 16);
-  while (wait(nullptr) > 0) {
-  }
+  while (wait(nullptr) > 0) continue;
   close(fds[0]);
   close(fds[1]);
   EXPECT_NE(std::memcmp(a._baUuid + 12, b._baUuid + 12, 4), 0);  // the 32 random bits at the end
@@ -496,7 +481,7 @@ TEST(UuidVersions, FormatSpecs) {
   char small[8];
   EXPECT_EQ(u.FormatSpecTo(small, "N"), 0u);
   for (const char* bad : {"b", "X", "BN", "ms"})
-    EXPECT_EQ(test::ConvertErrorOf([&] { (void)u.FormatSpec(bad); }), SUuidUnrecognisedFormat) << bad;
+    EXPECT_EQ(ErrorOf([&] { (void)u.FormatSpec(bad); }), SUuidUnrecognisedFormat) << bad;
 }
 
 }  // namespace
