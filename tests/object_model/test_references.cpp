@@ -198,7 +198,6 @@ TEST(OwnerChains, ReferencedOwnersAreWatchedAndWalkedAndComponentOwnerQueriesCac
   auto* a = New<TNode>(comp, "a");
   auto* b = New<TNode>(a, "b");
   auto *c = New<TNode>(b, "c"), *next = N("next");
-  EXPECT_EQ(c->Owner(), b);
   EXPECT_EQ(b->NotifyReferenceCount(), 1);  // a referenced owner is watched
   EXPECT_EQ(c->OwningComponent(), comp);
   EXPECT_EQ(a->OwningComponent(), comp);
