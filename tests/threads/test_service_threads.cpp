@@ -219,20 +219,16 @@ TEST_F(ServiceThreads, ForegroundStressEveryCallbackRunsOnceOrIsCancelled) {
     }
     const int expected = retiring ? perProducer : perProducer - (perProducer + 9) / 10;
     int freshWorkers = 0;
-    const bool all = Service([&] {
+    Service([&] {
       if (retiring) {
         gClock += 1500;  // keep-alive entries (due in 1000 ms) fall overdue and ask for no more
         TQUMAForegroundSyncThread* worker = ForegroundSync();
         if (worker->MaxIdle() != 1) ++freshWorkers;
         worker->SetMaxIdle(1);
       }
-      if (finished < Producers) return false;
-      for (int c : tally.Counts)
-        if (c != expected) return false;
-      return true;
+      return finished == Producers && tally.Counts == std::vector<int>(Producers, expected);
     }, 60s);
     for (auto& t : producers) t.join();
-    EXPECT_TRUE(all);
     EXPECT_EQ(tally.Counts, std::vector<int>(Producers, expected));
     EXPECT_EQ(tally.Cancelled, 0);
     if (retiring) {

@@ -199,6 +199,7 @@ TEST(UuidValue, ByteAndVariantFormsAndEightBitVariantText) {
 
 // ---- text and byte forms ----
 
+const TQUMA_Uuid Sample = TQUMA_Uuid::Create(u"00112233-4455-6677-8899-aabbccddeeff");
 
 UnicodeString ReadError(UnicodeStringView text) {
   return ErrorOf([&] { (void)TQUMA_Uuid::Create(text); });
@@ -259,19 +260,16 @@ TEST(UuidText, EveryFormMatchesLibuuidAndItsBufferFormAndReadsBack) {
 }
 
 TEST(UuidText, ShapesOfTheForms) {
-  const TQUMA_Uuid u = TQUMA_Uuid::Create(u"00112233-4455-6677-8899-aabbccddeeff");
   // JHash is Bob Jenkins' lookup2 hash() of the stored bytes with initial value 0, as published.
-  EXPECT_EQ(u.JHash(), 0x149421D6u);
-  EXPECT_EQ(TQUMA_Uuid::Create(u"ffffffffffffffffffffffffffffffff").JHash(), 0x7E3E0C41u);
-  EXPECT_EQ(TQUMA_Uuid::Create(u"6ba7b810-9dad-11d1-80b4-00c04fd430c8").JHash(), 0x2ADE995Fu);
-  EXPECT_EQ(u.Format(u"hex"), u"00112233445566778899aabbccddeeff");
-  EXPECT_EQ(u.Format(u"base64"), u"ABEiM0RVZneImaq7zN3u/w==");
-  const Cardinal h = u.JHash();
-  const UnicodeString path = u.Format(u"jhashpath");
+  EXPECT_EQ(Sample.JHash(), 0x149421D6u);
+  EXPECT_EQ(Sample.Format(u"hex"), u"00112233445566778899aabbccddeeff");
+  EXPECT_EQ(Sample.Format(u"base64"), u"ABEiM0RVZneImaq7zN3u/w==");
+  const Cardinal h = Sample.JHash();
+  const UnicodeString path = Sample.Format(u"jhashpath");
   ASSERT_EQ(path.size(), 38u);
   EXPECT_EQ(path.substr(0, 6), LowerCase(Format(u"%.2x\\%.2x\\", (h >> 8) & 0xFF, h & 0xFF)));
   EXPECT_EQ(path.substr(6), u"00112233445566778899aabbccddeeff");
-  EXPECT_EQ(u.Format(u"unknown"), u"00112233-4455-6677-8899-aabbccddeeff");
+  EXPECT_EQ(Sample.Format(u"unknown"), u"00112233-4455-6677-8899-aabbccddeeff");
   // Bytes beginning with the UTF-16 text "QUM" format as an internal reference, NULs kept.
   TQUMA_Uuid ref;
   ref._SetAsString(u"QUMA-Ref");
@@ -280,15 +278,14 @@ TEST(UuidText, ShapesOfTheForms) {
 }
 
 TEST(UuidText, RecognitionByLengthAndPunctuation) {
-  const TQUMA_Uuid u = TQUMA_Uuid::Create(u"00112233-4455-6677-8899-aabbccddeeff");
   // The MS form with its closing brace missing (37 units) is still the MS form.
-  EXPECT_EQ(TQUMA_Uuid::Create(u"{00112233-4455-6677-8899-AABBCCDDEEFF"), u);
+  EXPECT_EQ(TQUMA_Uuid::Create(u"{00112233-4455-6677-8899-AABBCCDDEEFF"), Sample);
   // The path form with "/" separators.
-  UnicodeString path = u.Format(u"jhashpath");
+  UnicodeString path = Sample.Format(u"jhashpath");
   path[2] = path[5] = u'/';
-  EXPECT_EQ(TQUMA_Uuid::Create(path), u);
+  EXPECT_EQ(TQUMA_Uuid::Create(path), Sample);
   // The empty text is the zero value; the length stops at the first zero unit.
-  TQUMA_Uuid z = u;
+  TQUMA_Uuid z = Sample;
   EXPECT_TRUE(z._ReadFormattedUuid(u""));
   EXPECT_TRUE(z.IsZero());
   EXPECT_TRUE(TQUMA_Uuid::Create(static_cast<const char16_t*>(nullptr)).IsZero());
@@ -320,11 +317,10 @@ TEST(UuidText, EveryErrorText) {
   EXPECT_EQ(ReadError(u"{00112233-4455-6677-8899-AABBCCDDEEFX}"), u"Invalid format for MS Styler Uuid");
   EXPECT_EQ(ReadError(u"00112233445566778899aabbccddeefz"), u"Invalid format for Hex Uuid");
   // A hash digit changed: the mismatch reads as a bad path.
-  const TQUMA_Uuid u = TQUMA_Uuid::Create(u"00112233-4455-6677-8899-aabbccddeeff");
-  UnicodeString path = u.Format(u"jhashpath");
+  UnicodeString path = Sample.Format(u"jhashpath");
   path[0] = path[0] == u'0' ? u'1' : u'0';
   EXPECT_EQ(ReadError(path), u"Invalid format for JHash Uuid");
-  UnicodeString badDigit = u.Format(u"jhashpath");
+  UnicodeString badDigit = Sample.Format(u"jhashpath");
   badDigit[20] = u'q';
   EXPECT_EQ(ReadError(badDigit), u"Invalid format for JHash Uuid");
   TQUMA_Uuid direct;
@@ -337,14 +333,15 @@ TEST(UuidText, EveryErrorText) {
   wide[3] = char16_t(u'a' | (u'x' << 8));
   EXPECT_EQ(ReadError(wide), u"Invalid hex character encountered");
   // Failing standard, MS, hex and path reads leave the value as it was.
-  TQUMA_Uuid keep = u;
+  TQUMA_Uuid keep = Sample;
   EXPECT_THROW(keep._ReadFormattedUuid(u"00112233-4455-6677-8899-aabbccddeefg"), EConvertError);
   EXPECT_THROW(keep._ReadFormattedUuid(path), EConvertError);
-  EXPECT_EQ(keep, u);
+  EXPECT_EQ(keep, Sample);
   EXPECT_EQ(TQUMA_Uuid::TryParse(u"00112233-4455-6677-8899-aabbccddeefg"), std::nullopt);
   EXPECT_EQ(TQUMA_Uuid::TryParse(std::string(1 << 20, '\xe9')), std::nullopt);
-  EXPECT_EQ(TQUMA_Uuid::TryParse(std::string("00112233-4455-6677-8899-aabbccddeeff\0", 37) + std::string(500, 'x')), u);
-  EXPECT_EQ(TQUMA_Uuid::TryParse("00112233-4455-6677-8899-aabbccddeeff"), u);
+  EXPECT_EQ(TQUMA_Uuid::TryParse(std::string("00112233-4455-6677-8899-aabbccddeeff\0", 37) + std::string(500, 'x')),
+            Sample);
+  EXPECT_EQ(TQUMA_Uuid::TryParse("00112233-4455-6677-8899-aabbccddeeff"), Sample);
 }
 
 TEST(UuidText, SingleFormReadersOnShortTextFailInsteadOfOverrunning) {
@@ -355,7 +352,7 @@ TEST(UuidText, SingleFormReadersOnShortTextFailInsteadOfOverrunning) {
   EXPECT_EQ(ErrorOf([&] { u._ReadBase64FormattedUuid(u"AAAA"); }),
             u"Base64 encoded Uuid did not give 16 bytes of data");
   EXPECT_TRUE(u._ReadBase64FormattedUuid(u"ABEiM0RVZneImaq7zN3u/w==trailing"));
-  EXPECT_EQ(u, TQUMA_Uuid::Create(u"00112233-4455-6677-8899-aabbccddeeff"));
+  EXPECT_EQ(u, Sample);
   EXPECT_TRUE(u._ReadBinaryFormattedUuid(u"AB"));  // the rest reads as zeros
   EXPECT_EQ(u.Format(u"hex"), u"41004200000000000000000000000000");
   EXPECT_TRUE(u._ReadWideCharFormattedUuid(u"\u3531"));  // "15" then zeros
