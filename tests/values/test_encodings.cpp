@@ -20,7 +20,7 @@
 namespace quma {
 namespace {
 
-using test::ErrorOf;
+using test::ErrorText;
 
 TEST(HexStrings, PlainFormIsLowerCasePairsAndTheLaidOutFormAddsSpacesAndSeparators) {
   EXPECT_EQ(BytesToHexString(TBytes{}), u"");
@@ -53,10 +53,10 @@ TEST(HexStrings, RejectsOtherCharactersAndOddLengthsLeavingTheTargetAlone) {
   for (UnicodeStringView bad : {u"ABC", u"AB0", u"0G", u"0x10", u"12\u00A034", u"12\u01303", u"-1",
                                 u"1234567890abcdef1234567890abcdeg", u"1234567890abcdef 1234567890abcdef1"}) {
     TBytes target{7};
-    EXPECT_EQ(ErrorOf([&] { HexStringToBytes(bad, target); }), msg) << Utf16ToUtf8(bad);
+    EXPECT_EQ(ErrorText([&] { HexStringToBytes(bad, target); }), msg) << Utf16ToUtf8(bad);
     EXPECT_EQ(target, TBytes{7});
   }
-  EXPECT_EQ(ErrorOf([] { HexStringToBytes("caf\xc3\xa9"); }), msg);
+  EXPECT_EQ(ErrorText([] { HexStringToBytes("caf\xc3\xa9"); }), msg);
 }
 
 TEST(HexStrings, RandomRoundTripsThroughBothDirections) {
@@ -73,7 +73,7 @@ TEST(HexStrings, RandomRoundTripsThroughBothDirections) {
     if (!plain.empty()) {
       UnicodeString broken = plain;
       broken[rng() % broken.size()] = u'z';
-      ASSERT_EQ(ErrorOf([&] { HexStringToBytes(broken); }), UnicodeString(SHexStringInvalidCharacters));
+      ASSERT_EQ(ErrorText([&] { HexStringToBytes(broken); }), UnicodeString(SHexStringInvalidCharacters));
     }
   }
 }
@@ -125,9 +125,9 @@ TEST(Base32, DecodingStopsAtPaddingReadsCrockfordsSpellingsAndReportsStrangers) 
     int Offset;
   } bad[] = {{crock.get(), u"CSQU", u"U", 3}, {hex.get(), u"CPNW", u"W", 3}, {B32(), u"MZ-X", u"-", 2}};
   for (const auto& c : bad)
-    EXPECT_EQ(ErrorOf([&] { (void)c.Codec->Decode(c.Text); }),
+    EXPECT_EQ(ErrorText([&] { (void)c.Codec->Decode(c.Text); }),
               Format(u"Invalid Base32 Input character: %s at offset %d of buffer", c.Stranger, c.Offset));
-  EXPECT_EQ(ErrorOf([] { B32()->Decode("MZ\xc3\xa9"); }),  // UTF-8: the character and its offset
+  EXPECT_EQ(ErrorText([] { B32()->Decode("MZ\xc3\xa9"); }),  // UTF-8: the character and its offset
             u"Invalid Base32 Input character: \u00e9 at offset 2 of buffer");
 }
 
@@ -137,7 +137,7 @@ TEST(Base32, LongTextsReportTheFirstStrangerWherever) {
     for (char16_t bad : {u'1', u'8', u'@', u'\u0141', u'\uFF21'}) {
       UnicodeString broken = text;
       broken[pos] = bad;
-      EXPECT_EQ(ErrorOf([&] { B32()->Decode(broken); }),
+      EXPECT_EQ(ErrorText([&] { B32()->Decode(broken); }),
                 Format(u"Invalid Base32 Input character: %s at offset %d of buffer", UnicodeString(1, bad), pos));
     }
     UnicodeString stopped = text;

@@ -15,7 +15,7 @@
 using namespace quma;
 
 namespace {
-using quma::test::ErrorOf;
+using quma::test::ErrorText;
 
 std::string Text(const TRectD& r) { return Utf16ToUtf8(RectToString(r)); }
 
@@ -148,7 +148,7 @@ TEST(Geometry, PointsAndSizes) {
   EXPECT_EQ(q.AsArray(), (TPointDType{5, 9}));
   EXPECT_EQ(TPoint64(7, -7) / 2, TPoint64(3, -3));
   EXPECT_EQ(TPoint64(INT64_MIN, 1) / -1, TPoint64(INT64_MIN, -1));  // wraps
-  EXPECT_EQ(ErrorOf<EDivByZero>([] { (void)(TPoint64(1, 1) / 0); }), u"Division by zero");
+  EXPECT_EQ(ErrorText<EDivByZero>([] { (void)(TPoint64(1, 1) / 0); }), u"Division by zero");
   EXPECT_EQ(TPoint64(INT64_MAX, 0) + TPoint64(1, 0), TPoint64(INT64_MIN, 0));
 
   const TSizeD s(3, 4);
@@ -251,7 +251,7 @@ TEST(Bounds, EdgesNotifyOnlyRealChanges) {
   EXPECT_TRUE(b->Equals(other.get()));
   EXPECT_EQ(counter->Count, 4);
   TObjectPtr<TPersistent> unrelated(New<TPersistent>());
-  EXPECT_EQ(ErrorOf([&] { b->Assign(unrelated.get()); }), u"Cannot assign a TPersistent to a TBoundsD");
+  EXPECT_EQ(ErrorText([&] { b->Assign(unrelated.get()); }), u"Cannot assign a TPersistent to a TBoundsD");
   EXPECT_FALSE(b->Equals(unrelated.get()));
 
   b->SetRect({1, 2, 3, 4});
@@ -309,7 +309,7 @@ TEST(Bounds, ReadsOlderProperties) {
   } bad[] = {{u"Left = 9\nLeftI = 1.5", u"Line 2, property LeftI: Invalid property value"},
              {u"Top = 9\nRectI = 5", u"Line 2, property RectI: Invalid property value"}};
   for (const auto& c : bad) {
-    EXPECT_EQ(ErrorOf<EReadError>([&] { ReadPropertiesFromText(b.get(), c.text); }), c.error);
+    EXPECT_EQ(ErrorText<EReadError>([&] { ReadPropertiesFromText(b.get(), c.text); }), c.error);
     EXPECT_EQ(b->GetRect(), TRectD(1, 2, 3, 4));
   }
 }

@@ -21,13 +21,12 @@
 #include <random>
 #include <set>
 #include <thread>
-#include <unordered_set>
 #include <vector>
 
 namespace quma {
 namespace {
 
-using test::ErrorOf;
+using test::ErrorText;
 using test::RandomUuid;
 
 TQUMA_Uuid FromBytes(std::initializer_list<int> bytes) {
@@ -62,7 +61,7 @@ TEST(UuidValue, FieldViewsAreBigEndianAndSettersKeepTheOtherBits) {
   EXPECT_EQ(w, FromBytes({0x12, 0x34, 0x56, 0x78, 0xAB, 0xCD, 0x11, 0x22, 0x33, 0x44, 0x88, 0, 0, 0, 0, 0x99}));
   EXPECT_EQ(w._GetAsGuid().D1, 0x12345678u);
   for (Integer bad : {6, -1, 100})
-    EXPECT_EQ(ErrorOf<EArgumentOutOfRangeException>([&] { (void)w._GetNode(bad); }),
+    EXPECT_EQ(ErrorText<EArgumentOutOfRangeException>([&] { (void)w._GetNode(bad); }),
               Format(u"%d is invalid (should be between 0 and 5)", bad));
 
   u._baUuid[6] = 0xAB;
@@ -146,12 +145,10 @@ TEST(UuidValue, CompareOrdersByteWiseWhileOperatorsTestEveryByte) {
   EXPECT_TRUE(a < all);
   EXPECT_TRUE(all > a);
   EXPECT_NE(a, b);
-  // Standard containers key on Compare and JHash.
+  // Ordered containers key on Compare (hashed ones on JHash: see the text forms).
   std::map<TQUMA_Uuid, int> m{{b, 2}, {a, 1}, {high, 3}};
   EXPECT_EQ(m.begin()->second, 1);
   EXPECT_EQ(m.rbegin()->second, 3);
-  std::unordered_set<TQUMA_Uuid> hs{a, b, a};
-  EXPECT_EQ(hs.size(), 2u);
 }
 
 TEST(UuidValue, ByteAndVariantFormsAndEightBitVariantText) {
@@ -184,17 +181,17 @@ TEST(UuidValue, ByteAndVariantFormsAndEightBitVariantText) {
   w._SetAsVariant(Variant(u.Format()));
   EXPECT_TRUE(w.IsZero());
   // OLE-string reader errors pass as they are.
-  EXPECT_EQ(ErrorOf([&] { w.TrySetAsVariant(Variant::OleStr(u"not a uuid")); }), u"Unrecognised Format");
+  EXPECT_EQ(ErrorText([&] { w.TrySetAsVariant(Variant::OleStr(u"not a uuid")); }), u"Unrecognised Format");
   // 8-bit text is handed to the wide reader as it is: 32 hex digits as 8-bit text are 16 UTF-16 units of two digits
   // each: the wide-character form.
   EXPECT_TRUE(w.TrySetAsVariant(Variant::AnsiString("0123456789abcdef0123456789abcdef")));
   EXPECT_EQ(w, TQUMA_Uuid::Create(u"0123456789abcdef0123456789abcdef"));
   // The standard form as 8-bit text is 18 units: no form has that length.
   const std::string standard = "01234567-89ab-cdef-0123-456789abcdef";
-  EXPECT_EQ(ErrorOf([&] { w.TrySetAsVariant(Variant::AnsiString(standard)); }),
+  EXPECT_EQ(ErrorText([&] { w.TrySetAsVariant(Variant::AnsiString(standard)); }),
             u"Unable to interpret Variant text as Uuid");
   // The plain setter passes the reader's error.
-  EXPECT_EQ(ErrorOf([&] { w._SetAsVariant(Variant::AnsiString(standard)); }), u"Unrecognised Format");
+  EXPECT_EQ(ErrorText([&] { w._SetAsVariant(Variant::AnsiString(standard)); }), u"Unrecognised Format");
 }
 
 // ---- text and byte forms ----
@@ -202,7 +199,7 @@ TEST(UuidValue, ByteAndVariantFormsAndEightBitVariantText) {
 const TQUMA_Uuid Sample = TQUMA_Uuid::Create(u"00112233-4455-6677-8899-aabbccddeeff");
 
 UnicodeString ReadError(UnicodeStringView text) {
-  return ErrorOf([&] { (void)TQUMA_Uuid::Create(text); });
+  return ErrorText([&] { (void)TQUMA_Uuid::Create(text); });
 }
 
 // Over random values, the zero value and an internal reference: the standard and MS forms match libuuid; every named form reads back; the buffer forms
@@ -302,8 +299,8 @@ TEST(UuidText, RecognitionByLengthAndPunctuation) {
             TQUMA_Uuid::Create(u"01112233445566778899aabbccddeeff"));
   // The text reader refuses the 16- and 8-unit forms.
   TQUMA_Uuid t;
-  EXPECT_EQ(ErrorOf([&] { t._ReadTextFormattedUuid(wide.c_str()); }), u"Unrecognised Format");
-  EXPECT_EQ(ErrorOf([&] { t._ReadTextFormattedUuid(u"ABCDEFGH"); }), u"Unrecognised Format");
+  EXPECT_EQ(ErrorText([&] { t._ReadTextFormattedUuid(wide.c_str()); }), u"Unrecognised Format");
+  EXPECT_EQ(ErrorText([&] { t._ReadTextFormattedUuid(u"ABCDEFGH"); }), u"Unrecognised Format");
   EXPECT_EQ(TQUMA_Uuid::TryParseText(wide), std::nullopt);
   EXPECT_EQ(TQUMA_Uuid::TryParse(wide), w);
 }
@@ -324,7 +321,7 @@ TEST(UuidText, EveryErrorText) {
   badDigit[20] = u'q';
   EXPECT_EQ(ReadError(badDigit), u"Invalid format for JHash Uuid");
   TQUMA_Uuid direct;
-  EXPECT_EQ(ErrorOf([&] { direct._ReadJHashpathFormattedUuid(u"ab|cd\\00112233445566778899aabbccddeeff"); }),
+  EXPECT_EQ(ErrorText([&] { direct._ReadJHashpathFormattedUuid(u"ab|cd\\00112233445566778899aabbccddeeff"); }),
             u"Invalid format for JHash Uuid");
   EXPECT_EQ(ReadError(u"ABEiM0RVZneImaq7zN3u!w=="), u"Invalid character found in Base64 encoded data");
   EXPECT_EQ(ReadError(u"ABEiM0RVZneImaq7zN3u===="), u"Base64 encoded Uuid did not give 16 bytes of data");
@@ -346,10 +343,10 @@ TEST(UuidText, EveryErrorText) {
 
 TEST(UuidText, SingleFormReadersOnShortTextFailInsteadOfOverrunning) {
   TQUMA_Uuid u;
-  EXPECT_EQ(ErrorOf([&] { u._ReadStandardFormattedUuid(u"0011"); }), u"Invalid format for Standard Uuid");
-  EXPECT_EQ(ErrorOf([&] { u._ReadMSFormattedUuid(u"{0011"); }), u"Invalid format for MS Styler Uuid");
-  EXPECT_EQ(ErrorOf([&] { u._ReadBase16FormattedUuid(u""); }), u"Invalid format for Hex Uuid");
-  EXPECT_EQ(ErrorOf([&] { u._ReadBase64FormattedUuid(u"AAAA"); }),
+  EXPECT_EQ(ErrorText([&] { u._ReadStandardFormattedUuid(u"0011"); }), u"Invalid format for Standard Uuid");
+  EXPECT_EQ(ErrorText([&] { u._ReadMSFormattedUuid(u"{0011"); }), u"Invalid format for MS Styler Uuid");
+  EXPECT_EQ(ErrorText([&] { u._ReadBase16FormattedUuid(u""); }), u"Invalid format for Hex Uuid");
+  EXPECT_EQ(ErrorText([&] { u._ReadBase64FormattedUuid(u"AAAA"); }),
             u"Base64 encoded Uuid did not give 16 bytes of data");
   EXPECT_TRUE(u._ReadBase64FormattedUuid(u"ABEiM0RVZneImaq7zN3u/w==trailing"));
   EXPECT_EQ(u, Sample);
@@ -364,7 +361,7 @@ TEST(UuidText, SingleFormReadersOnShortTextFailInsteadOfOverrunning) {
   EXPECT_TRUE(v._ReadBase16FormattedUuid(std::string_view("ffeeddccbbaa99887766554433221100")));
   EXPECT_TRUE(u._ReadBase16FormattedUuid(UnicodeStringView(u"ffeeddccbbaa99887766554433221100")));
   EXPECT_EQ(u, v);
-  EXPECT_EQ(ErrorOf([&] { v._ReadMSFormattedUuid(std::string_view("{\xc3\xa9")); }),
+  EXPECT_EQ(ErrorText([&] { v._ReadMSFormattedUuid(std::string_view("{\xc3\xa9")); }),
             u"Invalid format for MS Styler Uuid");
 }
 
@@ -478,7 +475,7 @@ TEST(UuidVersions, FormatSpecs) {
   char small[8];
   EXPECT_EQ(u.FormatSpecTo(small, "N"), 0u);
   for (const char* bad : {"b", "X", "BN", "ms"})
-    EXPECT_EQ(ErrorOf([&] { (void)u.FormatSpec(bad); }), SUuidUnrecognisedFormat) << bad;
+    EXPECT_EQ(ErrorText([&] { (void)u.FormatSpec(bad); }), SUuidUnrecognisedFormat) << bad;
 }
 
 }  // namespace
