@@ -254,8 +254,6 @@ TEST(Bounds, EdgesNotifyOnlyRealChanges) {
   EXPECT_EQ(ErrorText([&] { b->Assign(unrelated.get()); }), u"Cannot assign a TPersistent to a TBoundsD");
   EXPECT_FALSE(b->Equals(unrelated.get()));
 
-  b->SetRect({1, 2, 3, 4});
-  EXPECT_EQ(b->ToString(), u"TBoundsD (1.00,2.00)-(3.00,4.00)");
   b->SetRect({0.125, -0.125, 2.675, 1e6});  // halves round away from zero; 2.675 is below half
   EXPECT_EQ(b->ToString(), u"TBoundsD (0.13,-0.13)-(2.67,1000000.00)");
   b->SetRect({1, 2, 3, 4});
@@ -270,7 +268,6 @@ TEST(Bounds, EdgesNotifyOnlyRealChanges) {
 
 TEST(Bounds, StreamsOnlyEdgesThatDifferFromTheDefault) {
   TObjectPtr<TBoundsD> b(New<TBoundsD>());
-  EXPECT_EQ(WritePropertiesToText(b.get()), u"");
   b->SetLeft(1);
   EXPECT_EQ(WritePropertiesToText(b.get()), u"Left = 1\n");
   b->SetRect({0.1, -2.5, 1e300, 7});
