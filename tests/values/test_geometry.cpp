@@ -268,6 +268,7 @@ TEST(Bounds, EdgesNotifyOnlyRealChanges) {
 
 TEST(Bounds, StreamsOnlyEdgesThatDifferFromTheDefault) {
   TObjectPtr<TBoundsD> b(New<TBoundsD>());
+  EXPECT_EQ(WritePropertiesToText(b.get()), u"");
   b->SetLeft(1);
   EXPECT_EQ(WritePropertiesToText(b.get()), u"Left = 1\n");
   b->SetRect({0.1, -2.5, 1e300, 7});
