@@ -289,8 +289,8 @@ TEST_F(ServiceThreads, DisposalOrderMatchesTheListModel) {
       Free(objects[at]);
       objects.erase(objects.begin() + static_cast<std::ptrdiff_t>(at));
     } else {  // reschedule an earlier one, or schedule a new one
-      TTagged* const t = pick == 0 && !objects.empty() ? objects[random() % objects.size()]
-                                                       : objects.emplace_back(New<TTagged>(i));
+      TTagged* const t =
+          pick == 0 && !objects.empty() ? objects[random() % objects.size()] : objects.emplace_back(New<TTagged>(i));
       disposer->DisposeAfterDelay(t, delay);
       erase(t->Tag);
       insert(gClock + delay, t->Tag);

@@ -36,7 +36,6 @@ TQUMA_Uuid FromBytes(std::initializer_list<int> bytes) {
   return u;
 }
 
-
 TEST(UuidValue, FieldViewsAreBigEndianAndSettersKeepTheOtherBits) {
   TQUMA_Uuid u = FromBytes({0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0x4D, 0xEF, 0xA1, 0x02, 1, 2, 3, 4, 5, 6});
   EXPECT_EQ(u._GetTimeLow(), 0x12345678u);
