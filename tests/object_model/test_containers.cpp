@@ -213,7 +213,6 @@ TEST(OpportunisticStringList, ReferencesOnlyReferencedPersistentsAndEmptiesEntri
   EXPECT_FALSE(gx);
   list->Delete(1);  // plain and not owned: stays
   EXPECT_EQ(frees, 0);
-  EXPECT_EQ(list->Count(), 1);
   EXPECT_EQ(ErrorOf<EStringListError>([&] { list->PutObject(3, y); }), "List index out of bounds (3)");
   EXPECT_THROW(list->Delete(-1), EStringListError);
   y->SetFreeWhenUnreferenced(false);
