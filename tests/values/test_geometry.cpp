@@ -52,6 +52,7 @@ TEST(Geometry, DocumentedRectangleCases) {
   TRectD small(0, 0, 50, 20);
   EXPECT_EQ(small.Fit(TRectD(0, 0, 100, 100)), 0.5);
   EXPECT_EQ(small, TRectD(25, 40, 75, 60));
+  EXPECT_EQ(TRectD(0, 0, 50, nan).Fit(TRectD(0, 0, 100, 100)), 0.5);  // with a NaN ratio the width's is taken
   EXPECT_EQ(TRectD(0, 0, 50, 20).PlaceInto(TRectD(0, 0, 100, 100), THorzRectAlign::Right, TVertRectAlign::Top),
             TRectD(50, 0, 100, 20));
   EXPECT_EQ(TRectD(0, 0, 400, 100).PlaceInto(TRectD(0, 0, 100, 100), THorzRectAlign::Left, TVertRectAlign::Bottom),
