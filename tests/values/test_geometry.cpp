@@ -302,13 +302,9 @@ TEST(Bounds, ReadsOlderProperties) {
   EXPECT_EQ(counter->Count, 3);
   // Older data of the wrong type is reported and changes nothing.
   b->SetRect({1, 2, 3, 4});
-  const struct {
-    const char16_t* text;
-    const char16_t* error;
-  } bad[] = {{u"Left = 9\nLeftI = 1.5", u"Line 2, property LeftI: Invalid property value"},
-             {u"Top = 9\nRectI = 5", u"Line 2, property RectI: Invalid property value"}};
-  for (const auto& c : bad) {
-    EXPECT_EQ(ErrorText<EReadError>([&] { ReadPropertiesFromText(b.get(), c.text); }), c.error);
+  for (const auto& [text, name] : {std::pair{u"Left = 9\nLeftI = 1.5", u"LeftI"}, {u"Top = 9\nRectI = 5", u"RectI"}}) {
+    EXPECT_EQ(ErrorText<EReadError>([&] { ReadPropertiesFromText(b.get(), text); }),
+              u"Line 2, property " + UnicodeString(name) + u": Invalid property value");
     EXPECT_EQ(b->GetRect(), TRectD(1, 2, 3, 4));
   }
 }
