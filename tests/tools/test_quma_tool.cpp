@@ -198,10 +198,7 @@ TEST(QumaTool, ParsePrintsTheNodeTreeOrTheParsersError) {
       {defs, "<a>x</a>\r", 1, "",
        "quma: stdin: the text ends in a lone carriage return, which leaves its last line unfinished\n"},
   });
-  struct {
-    const char* text;
-    const char* error;
-  } const badDefinitions[] = {
+  const std::pair<const char*, const char*> badDefinitions[] = {  // file text, error after the file name
       {"open = x\n", ":1: \"open\" before the first [section]"},
       {"[a]\nopen\n", ":2: expected \"key = value\""},
       {"[a]\ntext = maybe\n", ":2: text: expected true or false, not \"maybe\""},
@@ -209,9 +206,9 @@ TEST(QumaTool, ParsePrintsTheNodeTreeOrTheParsersError) {
       {"# nothing\n", ": no [section] defines a node"},
   };
   const std::string bad = (Scratch() / "defs-bad.ini").string();
-  for (const auto& c : badDefinitions) {
-    Spit(bad, c.text);
-    ExpectRuns({{"parse -D " + bad, "x", 1, "", "quma: " + bad + c.error + "\n"}});
+  for (const auto& [text, error] : badDefinitions) {
+    Spit(bad, text);
+    ExpectRuns({{"parse -D " + bad, "x", 1, "", "quma: " + bad + error + "\n"}});
   }
 }
 
