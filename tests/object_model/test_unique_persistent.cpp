@@ -65,7 +65,6 @@ TEST(UniqueSwap, EveryKindOfHolderEndsUpOnTheReplacement) {
   for (auto [locker, count] : std::initializer_list<std::pair<TObject*, int>>{
            {&plain, 2}, {lockingNode, 1}, {rep, 1}, {lockingComponent, 1}, {&callbackHolder, 1}})
     EXPECT_EQ(rep->LockCount(locker), count);
-  EXPECT_EQ(rep->NotifyReferenceCount(), 1);
   EXPECT_EQ(log, (Journal{"watcher<-?"}));  // the old wrapper's links went, naming the old object
   EXPECT_EQ(rep->OnEnterTwilight(), Bind<&THolder::Enter>(&twilight));
   EXPECT_EQ(rep->OnLeaveTwilight(), Bind<&THolder::Leave>(&twilight));

@@ -6,22 +6,14 @@
 #include <quma/SysUtils.h>
 #include <quma/Uuid.h>
 
+#include "rtl/TestSupport.h"
+
 namespace quma::test {
 
-// The message of the E that f raises, or "<no error>".
+// The message of the E that f raises, as UTF-16 text.
 template <class E = EConvertError, class F>
-UnicodeString ErrorOf(F f) {
-  try {
-    f();
-  } catch (const E& e) {
-    return e.Message();
-  }
-  return u"<no error>";
-}
-
-template <class F>
-UnicodeString ConvertErrorOf(F f) {
-  return ErrorOf<EConvertError>(f);
+UnicodeString ErrorText(F f) {
+  return Utf8ToUtf16(ErrorOf<E>(f));
 }
 
 inline TQUMA_Uuid RandomUuid(std::mt19937& rng) {

@@ -6,7 +6,6 @@
 #include <numbers>
 #include <random>
 #include <sstream>
-#include <unordered_set>
 
 #include <quma/Filer.h>
 #include <quma/Types.h>
@@ -16,6 +15,8 @@
 using namespace quma;
 
 namespace {
+using quma::test::ErrorText;
+
 std::string Text(const TRectD& r) { return Utf16ToUtf8(RectToString(r)); }
 
 // Edges on a 1/8 grid: exact in binary, in 15 decimal digits and in single precision.
@@ -39,10 +40,7 @@ TEST(Geometry, DocumentedRectangleCases) {
   EXPECT_EQ(r, TRectD(0, 0, 5, 5));
   EXPECT_FALSE(UnionRect(r, TRectD(5, 5, 5, 6), TRectD(7, 7, 7, 9)));
   EXPECT_EQ(r, TRectD());
-  TRectD n(10, 20, 0, 5);
-  n.NormalizeRect();
-  EXPECT_EQ(n, TRectD(0, 5, 10, 20));
-  EXPECT_EQ(TRectD(TPointD(10, 20), TPointD(0, 5), true), TRectD(0, 5, 10, 20));
+  EXPECT_EQ(TRectD(TPointD(10, 20), TPointD(0, 5), true), TRectD(0, 5, 10, 20));  // normalised
   double ratio = 0;
   EXPECT_EQ(TRectD(0, 0, 200, 100).FitInto(TRectD(0, 0, 100, 100), ratio), TRectD(0, 25, 100, 75));
   EXPECT_EQ(ratio, 2);
@@ -51,13 +49,13 @@ TEST(Geometry, DocumentedRectangleCases) {
   TRectD small(0, 0, 50, 20);
   EXPECT_EQ(small.Fit(TRectD(0, 0, 100, 100)), 0.5);
   EXPECT_EQ(small, TRectD(25, 40, 75, 60));
+  EXPECT_EQ(TRectD(0, 0, 50, nan).Fit(TRectD(0, 0, 100, 100)), 0.5);  // with a NaN ratio the width's is taken
   EXPECT_EQ(TRectD(0, 0, 50, 20).PlaceInto(TRectD(0, 0, 100, 100), THorzRectAlign::Right, TVertRectAlign::Top),
             TRectD(50, 0, 100, 20));
   EXPECT_EQ(TRectD(0, 0, 400, 100).PlaceInto(TRectD(0, 0, 100, 100), THorzRectAlign::Left, TVertRectAlign::Bottom),
             TRectD(0, 75, 100, 100));
   EXPECT_EQ(TRectD(0, 0, 10, 10).CenterAt(TRectD(0, 0, 30, 50)), TRectD(10, 20, 20, 30));
   EXPECT_EQ(Text(TRectD(0, 0.5, 10, 20)), "(0,0.5,10,20)");
-  EXPECT_EQ(Types::StringToRect(u"(0,0.5,10,20)"), TRectD(0, 0.5, 10, 20));
   for (const char16_t* bad : {u"(1,2,x,4)", u"(1,2,3)", u"", u"1,2,3,4"})
     EXPECT_EQ(Types::StringToRect(bad), TRectD()) << Utf16ToUtf8(bad);
   EXPECT_EQ(Utf16ToUtf8(RectToString(TRect64(-1, 2, INT64_MAX, 4))), "(-1,2,9223372036854775807,4)");
@@ -148,7 +146,7 @@ TEST(Geometry, PointsAndSizes) {
   EXPECT_EQ(q.AsArray(), (TPointDType{5, 9}));
   EXPECT_EQ(TPoint64(7, -7) / 2, TPoint64(3, -3));
   EXPECT_EQ(TPoint64(INT64_MIN, 1) / -1, TPoint64(INT64_MIN, -1));  // wraps
-  EXPECT_EQ(quma::test::ErrorOf<EDivByZero>([] { (void)(TPoint64(1, 1) / 0); }), u"Division by zero");
+  EXPECT_EQ(ErrorText<EDivByZero>([] { (void)(TPoint64(1, 1) / 0); }), u"Division by zero");
   EXPECT_EQ(TPoint64(INT64_MAX, 0) + TPoint64(1, 0), TPoint64(INT64_MIN, 0));
 
   const TSizeD s(3, 4);
@@ -165,8 +163,6 @@ TEST(Geometry, PointsAndSizes) {
 TEST(Geometry, HashAndText) {
   EXPECT_EQ(std::hash<TPointD>()({0.0, 1}), std::hash<TPointD>()({-0.0, 1}));
   EXPECT_NE(std::hash<TRect64>()({1, 2, 3, 4}), std::hash<TRect64>()({2, 1, 3, 4}));
-  std::unordered_set<TRectD> seen{{0, 0, 1, 1}, {0, 0, 1, 1}, {0, 0, 1, 2}};
-  EXPECT_EQ(seen.size(), 2u);
   std::ostringstream os;
   os << TPointD(1.5, -2) << TSize64(3, 4) << TRectD(0, 0.5, 10, 20);
   EXPECT_EQ(os.str(), "(1.5,-2)(3,4)(0,0.5,10,20)");
@@ -196,9 +192,7 @@ TEST(Geometry, LawsOverRandomRectangles) {
     n.NormalizeRect();
     ASSERT_TRUE(n.Left <= n.Right && n.Top <= n.Bottom);
     ASSERT_EQ(std::minmax(a.Left, a.Right), std::minmax(n.Left, n.Right));
-    TRectD twice = n;
-    twice.NormalizeRect();
-    ASSERT_EQ(twice, n);
+    ASSERT_EQ(std::minmax(a.Top, a.Bottom), std::minmax(n.Top, n.Bottom));
 
     // Fit and place never enlarge, and a placed rectangle lies inside a non-empty destination.
     if (!n.IsEmpty() && !b.IsEmpty()) {
@@ -255,11 +249,9 @@ TEST(Bounds, EdgesNotifyOnlyRealChanges) {
   EXPECT_TRUE(b->Equals(other.get()));
   EXPECT_EQ(counter->Count, 4);
   TObjectPtr<TPersistent> unrelated(New<TPersistent>());
-  EXPECT_EQ(quma::test::ConvertErrorOf([&] { b->Assign(unrelated.get()); }), u"Cannot assign a TPersistent to a TBoundsD");
+  EXPECT_EQ(ErrorText([&] { b->Assign(unrelated.get()); }), u"Cannot assign a TPersistent to a TBoundsD");
   EXPECT_FALSE(b->Equals(unrelated.get()));
 
-  b->SetRect({1, 2, 3, 4});
-  EXPECT_EQ(b->ToString(), u"TBoundsD (1.00,2.00)-(3.00,4.00)");
   b->SetRect({0.125, -0.125, 2.675, 1e6});  // halves round away from zero; 2.675 is below half
   EXPECT_EQ(b->ToString(), u"TBoundsD (0.13,-0.13)-(2.67,1000000.00)");
   b->SetRect({1, 2, 3, 4});
@@ -307,13 +299,9 @@ TEST(Bounds, ReadsOlderProperties) {
   EXPECT_EQ(counter->Count, 3);
   // Older data of the wrong type is reported and changes nothing.
   b->SetRect({1, 2, 3, 4});
-  const struct {
-    const char16_t* text;
-    const char16_t* error;
-  } bad[] = {{u"Left = 9\nLeftI = 1.5", u"Line 2, property LeftI: Invalid property value"},
-             {u"Top = 9\nRectI = 5", u"Line 2, property RectI: Invalid property value"}};
-  for (const auto& c : bad) {
-    EXPECT_EQ(quma::test::ErrorOf<EReadError>([&] { ReadPropertiesFromText(b.get(), c.text); }), c.error);
+  for (const auto& [text, name] : {std::pair{u"Left = 9\nLeftI = 1.5", u"LeftI"}, {u"Top = 9\nRectI = 5", u"RectI"}}) {
+    EXPECT_EQ(ErrorText<EReadError>([&] { ReadPropertiesFromText(b.get(), text); }),
+              u"Line 2, property " + UnicodeString(name) + u": Invalid property value");
     EXPECT_EQ(b->GetRect(), TRectD(1, 2, 3, 4));
   }
 }
