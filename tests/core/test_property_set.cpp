@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <quma/CoreTypes.h>
@@ -136,29 +137,22 @@ TEST_F(PropertySetBatching, ListenerExceptionLeavesThePendingCount) {
 }
 
 TEST(PropertySetIdentity, EqualsAndEqualTo) {
-  auto a = MakeObject<TQUMAPropertySet>();
-  auto b = MakeObject<TQUMAPropertySet>();
-  EXPECT_TRUE(a->Equals(a.get()));
-  EXPECT_FALSE(a->Equals(nullptr));
-  EXPECT_FALSE(a->Equals(b.get()));  // the base knows no properties
-
-  auto s1 = MakeObject<TSample>();
-  auto s2 = MakeObject<TSample>();
-  s1->SetValue(3);
-  s2->SetValue(3);
-  EXPECT_TRUE(s1->Equals(s2.get()));
-  s2->SetValue(4);
-  EXPECT_FALSE(s1->Equals(s2.get()));
-  auto unrelated = MakeObject<TListener>();
-  EXPECT_FALSE(s1->Equals(unrelated.get()));
-  // Between an ancestor and a descendant class, either way round, the properties decide.
-  auto child = MakeObject<TSampleChild>();
-  child->SetValue(3);
-  EXPECT_TRUE(s1->Equals(child.get()));
-  EXPECT_TRUE(child->Equals(s1.get()));
+  auto base = MakeObject<TQUMAPropertySet>(), otherBase = MakeObject<TQUMAPropertySet>();
+  auto three = MakeObject<TSample>(), alsoThree = MakeObject<TSample>(), four = MakeObject<TSample>();
+  auto childThree = MakeObject<TSampleChild>();
   auto sibling = MakeObject<TSampleSibling>();
-  EXPECT_FALSE(s1->Equals(sibling.get()));  // neither class descends from the other
-  EXPECT_FALSE(sibling->Equals(s1.get()));
+  auto unrelated = MakeObject<TListener>();
+  for (TSample* s : {three.get(), alsoThree.get(), static_cast<TSample*>(childThree.get())}) s->SetValue(3);
+  four->SetValue(4);
+  // Between an ancestor and a descendant class, either way round, the properties decide; between
+  // classes where neither descends from the other, never.
+  const std::tuple<TQUMAPropertySet*, TObject*, bool> cases[] = {
+      {base.get(), base.get(), true},        {base.get(), nullptr, false},     {base.get(), otherBase.get(), false},
+      {three.get(), alsoThree.get(), true},  {three.get(), four.get(), false}, {three.get(), unrelated.get(), false},
+      {three.get(), childThree.get(), true}, {childThree.get(), three.get(), true},
+      {three.get(), sibling.get(), false},   {sibling.get(), three.get(), false}};
+  for (const auto& [left, right, equal] : cases)
+    EXPECT_EQ(left->Equals(right), equal) << Utf16ToUtf8(left->ClassName() + u" " + (right ? right->ClassName() : u"nil"));
 }
 
 // Counts the destructions of every instance, those made through the class reference included.

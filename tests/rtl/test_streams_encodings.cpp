@@ -63,13 +63,11 @@ TEST(Encodings, RoundTripWithinMaxByteCount) {
   std::mt19937 rng(7);
   for (int round = 0; round < 2000; ++round) {
     UnicodeString text;
-    const int len = static_cast<int>(rng() % 12);
-    for (int i = 0; i < len; ++i) {
-      if (rng() % 8 == 0) {
+    for (unsigned n = rng() % 12; n > 0; --n) {
+      if (rng() % 8 == 0)
         text += u"\U0001F600";
-      } else {
+      else
         text.push_back(alphabet[rng() % std::size(alphabet)]);
-      }
     }
     for (const TEncoding* e : kAll) {
       const TBytes bytes = e->GetBytes(text);

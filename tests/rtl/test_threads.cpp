@@ -85,32 +85,15 @@ TEST(Threads, SynchronizeRunsOnTheMainThreadAndReraisesThere) {
 }
 
 namespace {
-std::atomic<bool> gLateDestroyed{false};
-// Keeps working for a while after being terminated and records whether its members were gone.
-class TLateFinisher : public TThread {
-  QUMA_CLASS(TLateFinisher, TThread)
+std::atomic<bool> gLateDestroyed{false}, gSawDestroyed{true};
+// Finishes its own set-up after the inherited AfterConstruction, keeps working for a while after
+// being terminated, and records whether its members were gone by then.
+class TLate : public TThread {
+  QUMA_CLASS(TLate, TThread)
  public:
-  TLateFinisher() : TThread(false) {}
-  ~TLateFinisher() override { gLateDestroyed = true; }
-  std::atomic<bool>* Report = nullptr;
-  std::atomic<bool> Running{false};
-
- protected:
-  void Execute() override {
-    Running = true;
-    while (!Terminated()) std::this_thread::sleep_for(1ms);
-    std::this_thread::sleep_for(30ms);
-    *Report = gLateDestroyed.load();
-  }
-};
-
-// Finishes its own set-up after the inherited AfterConstruction.
-class TLateReady : public TThread {
-  QUMA_CLASS(TLateReady, TThread)
- public:
-  TLateReady() : TThread(false) {}
-  std::atomic<bool> Ready{false};
-  std::atomic<int> SawReady{-1};
+  TLate() : TThread(false) {}
+  ~TLate() override { gLateDestroyed = true; }
+  std::atomic<bool> Ready{false}, SawReady{false}, Running{false};
   void AfterConstruction() override {
     TThread::AfterConstruction();
     std::this_thread::sleep_for(20ms);
@@ -118,23 +101,22 @@ class TLateReady : public TThread {
   }
 
  protected:
-  void Execute() override { SawReady = Ready ? 1 : 0; }
+  void Execute() override {
+    SawReady = Ready.load();
+    Running = true;
+    while (!Terminated()) std::this_thread::sleep_for(1ms);
+    std::this_thread::sleep_for(30ms);
+    gSawDestroyed = gLateDestroyed.load();
+  }
 };
 }  // namespace
 
 TEST(Threads, ExecuteNeverOverlapsConstructionOrDestruction) {
-  auto* ready = New<TLateReady>();
-  ready->WaitFor();
-  EXPECT_EQ(ready->SawReady, 1);
-  Free(ready);
-
-  gLateDestroyed = false;
-  std::atomic<bool> sawDestroyed{true};
-  auto* t = New<TLateFinisher>();
-  t->Report = &sawDestroyed;
+  auto* t = New<TLate>();
   while (!t->Running) std::this_thread::yield();
+  EXPECT_TRUE(t->SawReady);
   std::thread([t] { Free(t); }).join();  // freed from a worker, not the main thread
-  EXPECT_FALSE(sawDestroyed);
+  EXPECT_FALSE(gSawDestroyed);
   EXPECT_TRUE(gLateDestroyed);
 }
 
@@ -203,18 +185,6 @@ TEST(Threads, QueuedMethodsOfAFreedThreadAreDropped) {
   EXPECT_EQ(gQueuedRuns, 0);
   EXPECT_EQ(unowned, 1);
   EXPECT_FALSE(Readable(SyncEventFd()));
-}
-
-TEST(Threads, MonitorExitByANonOwnerRaisesAndKeepsTheLock) {
-  auto obj = MakeObject<TEvent>();
-  TMonitor::Enter(obj.get());
-  std::thread([&] {
-    EXPECT_THROW(TMonitor::Exit(obj.get()), EMonitorLockException);
-    EXPECT_FALSE(TMonitor::TryEnter(obj.get()));
-  }).join();
-  EXPECT_TRUE(obj->MonitorLock().HeldByCurrentThread());
-  TMonitor::Exit(obj.get());
-  EXPECT_THROW(TMonitor::Exit(obj.get()), EMonitorLockException);
 }
 
 TEST(Threads, EventsTicksAndDurations) {
