@@ -3,6 +3,7 @@
 
 #include <random>
 #include <thread>
+#include <tuple>
 
 #include <quma/BcdUtils.h>
 #include <quma/FmtBcd.h>
@@ -70,8 +71,7 @@ TEST(BcdCompact, OneIntegerDigitAndAnExponent) {
     TBcd m;
     Integer e = 99;
     QUMA_BcdCompact(B(c.In), m, e);
-    EXPECT_EQ(S(m), c.Mantissa) << c.In;
-    EXPECT_EQ(e, c.Exponent) << c.In;
+    EXPECT_EQ(std::tuple(S(m), e), std::tuple(c.Mantissa, c.Exponent)) << c.In;
     EXPECT_EQ(m.Places(), m.Precision - 1) << c.In;
     EXPECT_NE(m.Digit(0), 0) << c.In;
   }
@@ -86,8 +86,7 @@ TEST(BcdDivide, ShortcutsLongDivisionAndErrors) {
   TBcd q;
   const TBcd zero = B("0.00");
   QUMA_BcdDivide(zero, B("5"), q);  // the dividend as it is
-  EXPECT_EQ(q.Precision, zero.Precision);
-  EXPECT_EQ(q.SignSpecialPlaces, zero.SignSpecialPlaces);
+  EXPECT_EQ(std::tuple(q.Precision, q.SignSpecialPlaces), std::tuple(zero.Precision, zero.SignSpecialPlaces));
   EXPECT_EQ(ErrorOf<EDivByZero>([&] { QUMA_BcdDivide(B("1"), B("-0.0"), q); }), "Divide by Zero");
   QUMA_BcdDivide(B("1"), B("3"), q);
   EXPECT_EQ(q.Precision, 61);

@@ -72,17 +72,11 @@ class TFakeKeys final : public IKeyStateProvider {
     return it == State.end() ? 0 : it->second;
   }
 };
-
-struct ProviderScope {
-  std::shared_ptr<IKeyStateProvider> Previous;
-  explicit ProviderScope(std::shared_ptr<IKeyStateProvider> p) : Previous(SetKeyStateProvider(std::move(p))) {}
-  ~ProviderScope() { SetKeyStateProvider(nullptr); }
-};
 }  // namespace
 
 TEST(IsKeyDown, HighByteMeansDownAndGenericModifiersFallBackToTheRightHandKey) {
   auto keys = std::make_shared<TFakeKeys>();
-  ProviderScope scope(keys);
+  SetKeyStateProvider(keys);
   keys->State['A'] = static_cast<SmallInt>(0x8000);
   keys->State['B'] = 0x0100;  // any bit of the high byte
   keys->State['C'] = 0x0001;  // "pressed since last call" bit only: not down
@@ -93,7 +87,7 @@ TEST(IsKeyDown, HighByteMeansDownAndGenericModifiersFallBackToTheRightHandKey) {
   EXPECT_EQ(keys->Asked, std::vector<Integer>{'C'});  // other keys are asked once
   // Whatever the machine's input devices, the real source answers; keys without a Linux
   // equivalent read as up.
-  SetKeyStateProvider(nullptr);
+  EXPECT_EQ(SetKeyStateProvider(nullptr), keys);  // hands back the one it replaces
   EXPECT_FALSE(IsKeyDown(0xFF));
   EXPECT_EQ(DefaultKeyStateProvider()->GetAsyncKeyState(0xFF), 0);
 }

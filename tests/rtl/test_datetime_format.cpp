@@ -22,6 +22,7 @@ TEST(DateTimeValue, EncodeDecodeAcrossTheWholeRange) {
   EXPECT_EQ(EncodeDate(1, 1, 1), MinDateTime);
   EXPECT_EQ(EncodeDate(9999, 12, 31), 2958465.0);
   EXPECT_EQ(EncodeDateTime(1899, 12, 29, 6, 0, 0, 0), -1.25);  // the time counts away from day 0
+  EXPECT_EQ(EncodeTime(18, 0, 0, 0), 0.75);
   std::mt19937 rng(7);
   std::uniform_int_distribution<int> day(-693593, 2958465), ms(0, MSecsPerDay - 1);
   for (int i = 0; i < 5000; ++i) {
