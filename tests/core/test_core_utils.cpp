@@ -47,7 +47,6 @@ class THolder : public TObject {
  public:
   void Handle(TObject*) {}
 };
-}  // namespace
 
 TEST(CoreUtils, IsAssignedLooksAtTheObjectHalfOnly) {
   TObjectPtr<THolder> holder = MakeObject<THolder>();
@@ -61,7 +60,6 @@ TEST(CoreUtils, IsAssignedLooksAtTheObjectHalfOnly) {
   EXPECT_FALSE(IsAssigned(static_cast<const TNotifyEvent*>(nullptr)));
 }
 
-namespace {
 class TFakeKeys final : public IKeyStateProvider {
  public:
   std::map<Integer, SmallInt> State;
@@ -72,7 +70,6 @@ class TFakeKeys final : public IKeyStateProvider {
     return it == State.end() ? 0 : it->second;
   }
 };
-}  // namespace
 
 TEST(IsKeyDown, HighByteMeansDownAndGenericModifiersFallBackToTheRightHandKey) {
   auto keys = std::make_shared<TFakeKeys>();
@@ -103,3 +100,5 @@ TEST(LocatedException, CarriesLocationApartFromMessage) {
     EXPECT_EQ(e.LineNumber(), line);
   }
 }
+
+}  // namespace

@@ -45,12 +45,10 @@ TEST(DateTimeValue, EncodeDecodeAcrossTheWholeRange) {
 }
 
 TEST(DateTimeValue, ValidationAndErrors) {
-  EXPECT_TRUE(IsValidDate(2000, 2, 29));
-  EXPECT_FALSE(IsValidDate(1900, 2, 29));
-  EXPECT_FALSE(IsValidDate(0, 1, 1));
-  EXPECT_FALSE(IsValidTime(24, 0, 0, 0));
-  EXPECT_FALSE(IsValidTime(0, 0, 0, 1000));
-  EXPECT_TRUE(IsValidTime(23, 59, 59, 999));
+  EXPECT_EQ(std::tuple(IsValidDate(2000, 2, 29), IsValidDate(1900, 2, 29), IsValidDate(0, 1, 1)),
+            std::tuple(true, false, false));
+  EXPECT_EQ(std::tuple(IsValidTime(23, 59, 59, 999), IsValidTime(24, 0, 0, 0), IsValidTime(0, 0, 0, 1000)),
+            std::tuple(true, false, false));
   TDateTime v = 123;
   EXPECT_FALSE(TryEncodeDateTime(2023, 2, 29, 0, 0, 0, 0, v));
   EXPECT_EQ(v, 123);

@@ -44,8 +44,6 @@ bool Readable(int fd) {
   return ::poll(&p, 1, 0) == 1;
 }
 
-}  // namespace
-
 TEST(Threads, LifecycleStartTerminateAndWaitFromSeveralThreads) {
   auto* w = New<TWorker>(true);
   EXPECT_FALSE(w->Started());
@@ -84,7 +82,6 @@ TEST(Threads, SynchronizeRunsOnTheMainThreadAndReraisesThere) {
   Free(w);
 }
 
-namespace {
 std::atomic<bool> gLateDestroyed{false}, gSawDestroyed{true};
 // Finishes its own set-up after the inherited AfterConstruction, keeps working for a while after
 // being terminated, and records whether its members were gone by then.
@@ -109,7 +106,6 @@ class TLate : public TThread {
     gSawDestroyed = gLateDestroyed.load();
   }
 };
-}  // namespace
 
 TEST(Threads, ExecuteNeverOverlapsConstructionOrDestruction) {
   auto* t = New<TLate>();
@@ -120,7 +116,6 @@ TEST(Threads, ExecuteNeverOverlapsConstructionOrDestruction) {
   EXPECT_TRUE(gLateDestroyed);
 }
 
-namespace {
 std::atomic<int> gQueuedRuns{0};
 // Synchronises Step once, or queues Count; Step may wait for or free another thread.
 class TSyncer : public TThread {
@@ -145,7 +140,6 @@ class TSyncer : public TThread {
     if (QueueCount == 0) Synchronize(Bind<&TSyncer::Step>(this));
   }
 };
-}  // namespace
 
 TEST(Threads, WaitForOrFreeInsideASynchronizedMethodServicesTheRest) {
   SetMainThread();
@@ -208,3 +202,5 @@ TEST(Threads, EventsTicksAndDurations) {
   EXPECT_EQ(DurationToMilliseconds(2s), 2000u);
   EXPECT_EQ(DurationToMilliseconds(std::chrono::hours(24 * 365)), INFINITE - 1);
 }
+
+}  // namespace
