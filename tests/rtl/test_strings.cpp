@@ -128,13 +128,10 @@ TEST(RegularExpressions, OptionsReplaceAndErrors) {
 
   TPerlRegEx re;
   re.SetRegEx(u"(\\w+)@(\\w+)");
-  re.SetSubject(u"a@b, c@d");
+  re.SetSubject(u"a@b, c@d tail");
   re.SetReplacement(u"\\2 at $1");
   EXPECT_EQ(re.ReplaceAll(), 2);
-  EXPECT_EQ(re.Subject(), u"b at a, d at c");
-  re.SetSubject(u"x@y tail");
-  EXPECT_EQ(re.ReplaceAll(), 1);
-  EXPECT_EQ(re.Subject(), u"y at x tail");  // the text after the last match stays
+  EXPECT_EQ(re.Subject(), u"b at a, d at c tail");  // the text between and after the matches stays
 
   EXPECT_THROW(TRegex(u"(unclosed"), ERegularExpressionError);
   EXPECT_EQ(TPerlRegEx::EscapeRegExChars(u"a.b*c"), u"a\\.b\\*c");
