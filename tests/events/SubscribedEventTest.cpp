@@ -321,8 +321,7 @@ TEST_F(Event, ThrowingSubscriberEndsThePassAndReleasesTheMonitor) {
   b->Action = [] { throw std::runtime_error("boom"); };
   EXPECT_THROW(event->FireCallbacks(), std::runtime_error);
   EXPECT_EQ(log, (TLog{"a.A", "b.A"}));
-  std::thread other([&] { event->Subscribe(d->OnA()); });  // would wait forever otherwise
-  other.join();
+  std::thread([&] { event->Subscribe(d->OnA()); }).join();  // would wait forever otherwise
   EXPECT_TRUE(event->IsSubscribed(d->OnA()));
 }
 

@@ -166,10 +166,9 @@ TEST(Threads, QueuedMethodsOfAFreedThreadAreDropped) {
   auto* t = New<TSyncer>();
   t->QueueCount = 5;
   t->Start();
-  std::thread other([&] {
+  std::thread([&] {
     TThread::Queue(nullptr, TThreadMethod(+[](void* n) { ++*static_cast<std::atomic<int>*>(n); }, &unowned));
-  });
-  other.join();
+  }).join();
   while (!t->Finished()) std::this_thread::yield();
   EXPECT_TRUE(Readable(SyncEventFd()));
   // Nobody may service requests off the main thread; the attempt runs nothing.
