@@ -55,8 +55,7 @@ TEST(CoreUtils, IsAssignedLooksAtTheObjectHalfOnly) {
   TNotifyEvent codeOnly = Bind<&THolder::Handle>(static_cast<THolder*>(nullptr));
   EXPECT_TRUE(static_cast<bool>(codeOnly));  // the code half is set...
   EXPECT_FALSE(IsAssigned(&codeOnly));      // ...but without an object it counts as unassigned
-  TNotifyEvent empty;
-  EXPECT_FALSE(IsAssigned(empty));
+  EXPECT_FALSE(IsAssigned(TNotifyEvent()));
   EXPECT_FALSE(IsAssigned(static_cast<const TNotifyEvent*>(nullptr)));
 }
 

@@ -64,8 +64,7 @@ TEST(DateTimeValue, ValidationAndErrors) {
 
 TEST(DateTimeValue, SystemClockConversions) {
   using namespace std::chrono;
-  const sys_time<milliseconds> epoch{};
-  EXPECT_EQ(SysTimeToDateTime(epoch), UnixDateDelta);
+  EXPECT_EQ(SysTimeToDateTime(sys_time<milliseconds>{}), UnixDateDelta);
   EXPECT_EQ(DateTimeToSysTime(EncodeDate(1, 1, 1)).time_since_epoch().count(), -62135596800000);
   const TDateTime v = EncodeDateTime(2024, 2, 29, 12, 34, 56, 789);
   EXPECT_EQ(TimePointToDateTime(DateTimeToTimePoint(v)), v);

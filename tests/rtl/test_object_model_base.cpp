@@ -117,8 +117,7 @@ TEST(BoundCallbacks, EqualityAndOrderUseBothPointers) {
   EXPECT_EQ(t1->Calls, 11);
   EXPECT_EQ(Bind<&TTarget::Twice>(t2.get())(21), 42);
   // Round trip through the untyped shape.
-  auto raw = MethodCast<void(TObject*, int)>(a2);
-  EXPECT_EQ(MethodCast<void(TObject*)>(raw), a2);
+  EXPECT_EQ(MethodCast<void(TObject*)>(MethodCast<void(TObject*, int)>(a2)), a2);
   EXPECT_FALSE(static_cast<bool>(TNotifyEvent()));
 }
 
