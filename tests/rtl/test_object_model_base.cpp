@@ -293,7 +293,7 @@ TEST(Components, OwnershipLinksAndStates) {
   auto owner = MakeObject<TWatcher>();
   owner->Seen = &seen;
   auto* child = New<TWatcher>(owner.get());
-  EXPECT_EQ(owner->ComponentCount(), 1);
+  EXPECT_EQ(std::tuple(owner->ComponentCount(), owner->Components(0)), std::tuple(1, child));
   EXPECT_EQ(child->Owner(), owner.get());
   ASSERT_EQ(seen.size(), 1u);
   EXPECT_EQ(std::get<1>(seen[0]), opInsert);

@@ -53,4 +53,5 @@ TEST(RegexAnalysis, FirstAndRequiredUnits) {
   EXPECT_EQ(caseless.RequiredUnit(folds), u'y');
   EXPECT_TRUE(folds);
   EXPECT_EQ(space.RequiredUnit(folds), -1);
+  EXPECT_EQ(TRegex(u"\\d+\u0080").RequiredUnit(folds), -1);  // only ASCII units are taken
 }

@@ -129,9 +129,9 @@ TEST(RegularExpressions, OptionsReplaceAndErrors) {
   TPerlRegEx re;
   re.SetRegEx(u"(\\w+)@(\\w+)");
   re.SetSubject(u"a@b, c@d tail");
-  re.SetReplacement(u"\\2 at $1");
+  re.SetReplacement(u"\\2 at $1 ($0)");
   EXPECT_EQ(re.ReplaceAll(), 2);
-  EXPECT_EQ(re.Subject(), u"b at a, d at c tail");  // the text between and after the matches stays
+  EXPECT_EQ(re.Subject(), u"b at a (a@b), d at c (c@d) tail");  // the text between and after the matches stays
 
   EXPECT_THROW(TRegex(u"(unclosed"), ERegularExpressionError);
   EXPECT_EQ(TPerlRegEx::EscapeRegExChars(u"a.b*c"), u"a\\.b\\*c");

@@ -22,7 +22,7 @@ TEST(Variants, TypeCodesAndTypedAccess) {
       {Variant(u"text"), varUString}, {Variant::OleStr(u"text"), varOleStr}, {Variant::AnsiString("text"), varString}};
   for (const auto& [value, type] : types) EXPECT_EQ(VarType(value), type) << type;
   EXPECT_EQ(Variant::FromUtf8("caf\xc3\xa9").AsUnicode(), u"caf\u00e9");
-  EXPECT_EQ(Variant(Integer{-7}).AsInt64(), -7);
+  EXPECT_EQ(std::tuple(Variant(Integer{-7}).AsInt64(), Variant(2.5).AsDouble()), std::tuple(-7, 2.5));
   EXPECT_EQ(Variant::AnsiString("\xff\x01").AsAnsi(), "\xff\x01");
   EXPECT_THROW((void)Variant(u"x").AsAnsi(), EVariantTypeCastError);
   EXPECT_THROW((void)Variant().AsInt64(), EVariantTypeCastError);
