@@ -92,6 +92,7 @@ TEST(LocatedException, CarriesLocationApartFromMessage) {
   const int line = __LINE__ + 2;
   try {
     QUMA_RAISE_LOCATED("from the macro");
+    ADD_FAILURE() << "nothing was raised";
   } catch (const EQUMACodeLocatedException& e) {
     EXPECT_STREQ(e.what(), "from the macro");
     EXPECT_TRUE(e.UnitName().ends_with(u"test_core_utils.cpp"));
