@@ -47,7 +47,6 @@ class THolder : public TObject {
  public:
   void Handle(TObject*) {}
 };
-}  // namespace
 
 TEST(CoreUtils, IsAssignedLooksAtTheObjectHalfOnly) {
   TObjectPtr<THolder> holder = MakeObject<THolder>();
@@ -56,12 +55,10 @@ TEST(CoreUtils, IsAssignedLooksAtTheObjectHalfOnly) {
   TNotifyEvent codeOnly = Bind<&THolder::Handle>(static_cast<THolder*>(nullptr));
   EXPECT_TRUE(static_cast<bool>(codeOnly));  // the code half is set...
   EXPECT_FALSE(IsAssigned(&codeOnly));      // ...but without an object it counts as unassigned
-  TNotifyEvent empty;
-  EXPECT_FALSE(IsAssigned(empty));
+  EXPECT_FALSE(IsAssigned(TNotifyEvent()));
   EXPECT_FALSE(IsAssigned(static_cast<const TNotifyEvent*>(nullptr)));
 }
 
-namespace {
 class TFakeKeys final : public IKeyStateProvider {
  public:
   std::map<Integer, SmallInt> State;
@@ -73,16 +70,9 @@ class TFakeKeys final : public IKeyStateProvider {
   }
 };
 
-struct ProviderScope {
-  std::shared_ptr<IKeyStateProvider> Previous;
-  explicit ProviderScope(std::shared_ptr<IKeyStateProvider> p) : Previous(SetKeyStateProvider(std::move(p))) {}
-  ~ProviderScope() { SetKeyStateProvider(nullptr); }
-};
-}  // namespace
-
 TEST(IsKeyDown, HighByteMeansDownAndGenericModifiersFallBackToTheRightHandKey) {
   auto keys = std::make_shared<TFakeKeys>();
-  ProviderScope scope(keys);
+  SetKeyStateProvider(keys);
   keys->State['A'] = static_cast<SmallInt>(0x8000);
   keys->State['B'] = 0x0100;  // any bit of the high byte
   keys->State['C'] = 0x0001;  // "pressed since last call" bit only: not down
@@ -93,7 +83,7 @@ TEST(IsKeyDown, HighByteMeansDownAndGenericModifiersFallBackToTheRightHandKey) {
   EXPECT_EQ(keys->Asked, std::vector<Integer>{'C'});  // other keys are asked once
   // Whatever the machine's input devices, the real source answers; keys without a Linux
   // equivalent read as up.
-  SetKeyStateProvider(nullptr);
+  EXPECT_EQ(SetKeyStateProvider(nullptr), keys);  // hands back the one it replaces
   EXPECT_FALSE(IsKeyDown(0xFF));
   EXPECT_EQ(DefaultKeyStateProvider()->GetAsyncKeyState(0xFF), 0);
 }
@@ -102,6 +92,7 @@ TEST(LocatedException, CarriesLocationApartFromMessage) {
   const int line = __LINE__ + 2;
   try {
     QUMA_RAISE_LOCATED("from the macro");
+    ADD_FAILURE() << "nothing was raised";
   } catch (const EQUMACodeLocatedException& e) {
     EXPECT_STREQ(e.what(), "from the macro");
     EXPECT_TRUE(e.UnitName().ends_with(u"test_core_utils.cpp"));
@@ -109,3 +100,5 @@ TEST(LocatedException, CarriesLocationApartFromMessage) {
     EXPECT_EQ(e.LineNumber(), line);
   }
 }
+
+}  // namespace

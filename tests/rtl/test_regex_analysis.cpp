@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <tuple>
 
 #include <quma/PerlRegEx.h>
 
@@ -43,19 +44,17 @@ TEST(RegexAnalysis, GrowthMonotoneRefusesWhatLooksAheadOrCommits) {
 
 TEST(RegexAnalysis, FirstAndRequiredUnits) {
   const TRegex open(u"^<!-+-"), caseless(u"^x-+y", {preCaseLess}), space(u"^\\s+"), any(u"a|.");
-  EXPECT_TRUE(open.MayStartWith(u'<'));
-  EXPECT_FALSE(open.MayStartWith(u'!'));
-  EXPECT_TRUE(caseless.MayStartWith(u'X'));
-  EXPECT_FALSE(caseless.MayStartWith(u'z'));
-  EXPECT_TRUE(space.MayStartWith(u'\t'));
-  EXPECT_FALSE(space.MayStartWith(u'<'));
-  EXPECT_TRUE(any.MayStartWith(u'?'));
+  const std::tuple<const TRegex*, char16_t, bool> starts[] = {
+      {&open, u'<', true},   {&open, u'!', false},  {&caseless, u'X', true}, {&caseless, u'z', false},
+      {&space, u'\t', true}, {&space, u'<', false}, {&any, u'?', true}};
+  for (const auto& [re, unit, may] : starts) EXPECT_EQ(re->MayStartWith(unit), may) << char(unit);
   bool folds = true;
   EXPECT_EQ(open.RequiredUnit(folds), u'-');
   EXPECT_FALSE(folds);
   EXPECT_EQ(caseless.RequiredUnit(folds), u'y');
   EXPECT_TRUE(folds);
   EXPECT_EQ(space.RequiredUnit(folds), -1);
+  EXPECT_EQ(TRegex(u"\\d+\u0080").RequiredUnit(folds), -1);  // only ASCII units are taken
 }
 
 // No match, complete or partial, starts before PossibleStart: checked against PCRE2 itself on

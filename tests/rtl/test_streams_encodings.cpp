@@ -63,13 +63,11 @@ TEST(Encodings, RoundTripWithinMaxByteCount) {
   std::mt19937 rng(7);
   for (int round = 0; round < 2000; ++round) {
     UnicodeString text;
-    const int len = static_cast<int>(rng() % 12);
-    for (int i = 0; i < len; ++i) {
-      if (rng() % 8 == 0) {
+    for (unsigned n = rng() % 12; n > 0; --n) {
+      if (rng() % 8 == 0)
         text += u"\U0001F600";
-      } else {
+      else
         text.push_back(alphabet[rng() % std::size(alphabet)]);
-      }
     }
     for (const TEncoding* e : kAll) {
       const TBytes bytes = e->GetBytes(text);
@@ -154,8 +152,7 @@ TEST(Streams, PositionsAndCountsStayInsideTheBuffer) {
     EXPECT_LE(s->Position(), 2);
   }
   mem->SetSize(-1);
-  EXPECT_EQ(mem->Size(), 0);
-  EXPECT_EQ(mem->Position(), 0);
+  EXPECT_EQ(std::tuple(mem->Size(), mem->Position()), std::tuple(0, 0));
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // sanitizer allocators abort on such a request
   mem->SetPosition(Int64(1) << 62);
   EXPECT_EQ(ErrorOf<EStreamError>([&] { mem->Write("x", 1); }), "Out of memory while expanding memory stream");

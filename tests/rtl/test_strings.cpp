@@ -109,37 +109,29 @@ TEST(RegularExpressions, MatchGroupsAndSurroundings) {
   re.SetRegEx(u"(\\d+)-(\\d+)");
   re.SetSubject(u"from 10-20 to 30-40");
   ASSERT_TRUE(re.Match());
-  EXPECT_EQ(re.MatchedText(), u"10-20");
+  EXPECT_EQ(re.SubjectLeft() + u"[" + re.MatchedText() + u"]" + re.SubjectRight(), u"from [10-20] to 30-40");
   EXPECT_EQ(re.MatchedOffset(), 6);
   EXPECT_EQ(re.GroupCount(), 2);
   EXPECT_EQ(re.Groups(2), u"20");
   EXPECT_EQ(re.GroupLengths(2), 2);
-  EXPECT_EQ(re.GroupLengths(3), 0);  // beyond the last group
-  EXPECT_EQ(re.GroupOffsets(3), 0);
-  EXPECT_EQ(re.SubjectLeft(), u"from ");
-  EXPECT_EQ(re.SubjectRight(), u" to 30-40");
+  EXPECT_EQ(std::pair(re.GroupOffsets(3), re.GroupLengths(3)), std::pair(0, 0));  // beyond the last group
   ASSERT_TRUE(re.MatchAgain());
   EXPECT_EQ(re.Groups(1), u"30");
   EXPECT_FALSE(re.MatchAgain());
 }
 
 TEST(RegularExpressions, OptionsReplaceAndErrors) {
-  TRegex caseless(u"^abc$", {preCaseLess});
-  EXPECT_TRUE(caseless.IsMatch(u"ABC"));
-  TRegex dotAll(u"a.b", {preSingleLine});
-  EXPECT_TRUE(dotAll.IsMatch(u"a\nb"));
+  EXPECT_TRUE(TRegex(u"^abc$", {preCaseLess}).IsMatch(u"ABC"));
+  EXPECT_TRUE(TRegex(u"a.b", {preSingleLine}).IsMatch(u"a\nb"));
   EXPECT_FALSE(TRegex(u"a.b").IsMatch(u"a\nb"));
   EXPECT_TRUE(TRegex(u"(?<=x)y").IsMatch(u"xy"));  // look-behind
 
   TPerlRegEx re;
   re.SetRegEx(u"(\\w+)@(\\w+)");
-  re.SetSubject(u"a@b, c@d");
-  re.SetReplacement(u"\\2 at $1");
+  re.SetSubject(u"a@b, c@d tail");
+  re.SetReplacement(u"\\2 at $1 ($0)");
   EXPECT_EQ(re.ReplaceAll(), 2);
-  EXPECT_EQ(re.Subject(), u"b at a, d at c");
-  re.SetSubject(u"x@y tail");
-  EXPECT_EQ(re.ReplaceAll(), 1);
-  EXPECT_EQ(re.Subject(), u"y at x tail");  // the text after the last match stays
+  EXPECT_EQ(re.Subject(), u"b at a (a@b), d at c (c@d) tail");  // the text between and after the matches stays
 
   EXPECT_THROW(TRegex(u"(unclosed"), ERegularExpressionError);
   EXPECT_EQ(TPerlRegEx::EscapeRegExChars(u"a.b*c"), u"a\\.b\\*c");

@@ -44,8 +44,6 @@ bool Readable(int fd) {
   return ::poll(&p, 1, 0) == 1;
 }
 
-}  // namespace
-
 TEST(Threads, LifecycleStartTerminateAndWaitFromSeveralThreads) {
   auto* w = New<TWorker>(true);
   EXPECT_FALSE(w->Started());
@@ -84,33 +82,15 @@ TEST(Threads, SynchronizeRunsOnTheMainThreadAndReraisesThere) {
   Free(w);
 }
 
-namespace {
-std::atomic<bool> gLateDestroyed{false};
-// Keeps working for a while after being terminated and records whether its members were gone.
-class TLateFinisher : public TThread {
-  QUMA_CLASS(TLateFinisher, TThread)
+std::atomic<bool> gLateDestroyed{false}, gSawDestroyed{true};
+// Finishes its own set-up after the inherited AfterConstruction, keeps working for a while after
+// being terminated, and records whether its members were gone by then.
+class TLate : public TThread {
+  QUMA_CLASS(TLate, TThread)
  public:
-  TLateFinisher() : TThread(false) {}
-  ~TLateFinisher() override { gLateDestroyed = true; }
-  std::atomic<bool>* Report = nullptr;
-  std::atomic<bool> Running{false};
-
- protected:
-  void Execute() override {
-    Running = true;
-    while (!Terminated()) std::this_thread::sleep_for(1ms);
-    std::this_thread::sleep_for(30ms);
-    *Report = gLateDestroyed.load();
-  }
-};
-
-// Finishes its own set-up after the inherited AfterConstruction.
-class TLateReady : public TThread {
-  QUMA_CLASS(TLateReady, TThread)
- public:
-  TLateReady() : TThread(false) {}
-  std::atomic<bool> Ready{false};
-  std::atomic<int> SawReady{-1};
+  TLate() : TThread(false) {}
+  ~TLate() override { gLateDestroyed = true; }
+  std::atomic<bool> Ready{false}, SawReady{false}, Running{false};
   void AfterConstruction() override {
     TThread::AfterConstruction();
     std::this_thread::sleep_for(20ms);
@@ -118,27 +98,24 @@ class TLateReady : public TThread {
   }
 
  protected:
-  void Execute() override { SawReady = Ready ? 1 : 0; }
+  void Execute() override {
+    SawReady = Ready.load();
+    Running = true;
+    while (!Terminated()) std::this_thread::sleep_for(1ms);
+    std::this_thread::sleep_for(30ms);
+    gSawDestroyed = gLateDestroyed.load();
+  }
 };
-}  // namespace
 
 TEST(Threads, ExecuteNeverOverlapsConstructionOrDestruction) {
-  auto* ready = New<TLateReady>();
-  ready->WaitFor();
-  EXPECT_EQ(ready->SawReady, 1);
-  Free(ready);
-
-  gLateDestroyed = false;
-  std::atomic<bool> sawDestroyed{true};
-  auto* t = New<TLateFinisher>();
-  t->Report = &sawDestroyed;
+  auto* t = New<TLate>();
   while (!t->Running) std::this_thread::yield();
+  EXPECT_TRUE(t->SawReady);
   std::thread([t] { Free(t); }).join();  // freed from a worker, not the main thread
-  EXPECT_FALSE(sawDestroyed);
+  EXPECT_FALSE(gSawDestroyed);
   EXPECT_TRUE(gLateDestroyed);
 }
 
-namespace {
 std::atomic<int> gQueuedRuns{0};
 // Synchronises Step once, or queues Count; Step may wait for or free another thread.
 class TSyncer : public TThread {
@@ -163,7 +140,6 @@ class TSyncer : public TThread {
     if (QueueCount == 0) Synchronize(Bind<&TSyncer::Step>(this));
   }
 };
-}  // namespace
 
 TEST(Threads, WaitForOrFreeInsideASynchronizedMethodServicesTheRest) {
   SetMainThread();
@@ -190,10 +166,9 @@ TEST(Threads, QueuedMethodsOfAFreedThreadAreDropped) {
   auto* t = New<TSyncer>();
   t->QueueCount = 5;
   t->Start();
-  std::thread other([&] {
+  std::thread([&] {
     TThread::Queue(nullptr, TThreadMethod(+[](void* n) { ++*static_cast<std::atomic<int>*>(n); }, &unowned));
-  });
-  other.join();
+  }).join();
   while (!t->Finished()) std::this_thread::yield();
   EXPECT_TRUE(Readable(SyncEventFd()));
   // Nobody may service requests off the main thread; the attempt runs nothing.
@@ -203,18 +178,6 @@ TEST(Threads, QueuedMethodsOfAFreedThreadAreDropped) {
   EXPECT_EQ(gQueuedRuns, 0);
   EXPECT_EQ(unowned, 1);
   EXPECT_FALSE(Readable(SyncEventFd()));
-}
-
-TEST(Threads, MonitorExitByANonOwnerRaisesAndKeepsTheLock) {
-  auto obj = MakeObject<TEvent>();
-  TMonitor::Enter(obj.get());
-  std::thread([&] {
-    EXPECT_THROW(TMonitor::Exit(obj.get()), EMonitorLockException);
-    EXPECT_FALSE(TMonitor::TryEnter(obj.get()));
-  }).join();
-  EXPECT_TRUE(obj->MonitorLock().HeldByCurrentThread());
-  TMonitor::Exit(obj.get());
-  EXPECT_THROW(TMonitor::Exit(obj.get()), EMonitorLockException);
 }
 
 TEST(Threads, EventsTicksAndDurations) {
@@ -238,3 +201,5 @@ TEST(Threads, EventsTicksAndDurations) {
   EXPECT_EQ(DurationToMilliseconds(2s), 2000u);
   EXPECT_EQ(DurationToMilliseconds(std::chrono::hours(24 * 365)), INFINITE - 1);
 }
+
+}  // namespace
