@@ -1,6 +1,7 @@
 #include <quma/Classes.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace quma {
 
@@ -23,8 +24,15 @@ void TPersistent::AssignError(const TPersistent* Source) const {
 
 // ---- TComponent ----
 
-TComponent::TComponent(TComponent* AOwner) {
-  if (AOwner) AOwner->InsertComponent(this);
+// Owner() answers from the constructor on; the owner's list and notification wait until the
+// component is whole.
+TComponent::TComponent(TComponent* AOwner) : FOwner(AOwner), FAwaitingOwner(AOwner != nullptr) {}
+
+void TComponent::AfterConstruction() {
+  TPersistent::AfterConstruction();
+  if (!FAwaitingOwner) return;
+  FAwaitingOwner = false;
+  std::exchange(FOwner, nullptr)->InsertComponent(this);
 }
 
 // The host's teardown order, run while the component is whole: every notified component and the
@@ -42,7 +50,7 @@ void TComponent::TearDown() {
   Destroying();
   RemoveFreeNotifications();
   DestroyComponents();
-  if (FOwner) FOwner->RemoveComponent(this);
+  if (FOwner && !FAwaitingOwner) FOwner->RemoveComponent(this);
 }
 
 TComponent* TComponent::Components(Integer index) const {

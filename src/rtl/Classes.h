@@ -64,6 +64,9 @@ class TComponent : public TPersistent {
  public:
   explicit TComponent(TComponent* AOwner = nullptr);
   ~TComponent() override;
+  // Joins the owner given to the constructor: its Notification(opInsert) sees this component
+  // whole, with its own class and overrides.
+  void AfterConstruction() override;
   // Tells the linked components, frees the owned ones (newest first) and leaves the owner.
   void BeforeDestruction() override;
 
@@ -113,6 +116,7 @@ class TComponent : public TPersistent {
   void TearDown();
 
   TComponent* FOwner = nullptr;
+  bool FAwaitingOwner = false;  // FOwner is the constructor's, not joined yet
   UnicodeString FName;
   std::vector<TComponent*> FComponents;
   std::vector<TComponent*> FFreeNotifies;
