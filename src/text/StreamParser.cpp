@@ -462,7 +462,7 @@ bool TQUMAStreamedNodeDefinition::_CheckClose(UnicodeString& szCandidate, TQUMAS
   // lacks a unit every match contains cannot hold a match yet.
   const std::size_t prefix = close->LiteralPrefix().size();
   const std::size_t from = prefix > 0 ? close->PossibleStart(subject, start) : start;
-  if (prefix > 0 && subject.size() - from < prefix) {  // (an empty match needs no prefix)
+  if (subject.size() - from < prefix) {  // (never with no prefix: an empty match needs none)
     safe = from;
   } else if (close->MayMatchWithin(UnicodeStringView(subject).substr(from))) try {
     if (prefix > 0 && close->Match(subject, m, from)) {
@@ -633,7 +633,7 @@ void TQUMAStreamParser::RemoveNodeDefinition(TQUMAStreamedNodeDefinition* pNodeD
 }
 
 bool TQUMAStreamParser::Fetch(UnicodeString& Text, Integer& ByteCount) {
-  if (_pUtf8Memory && _pUtf8Memory == _pInput) {
+  if (_pUtf8Memory) {  // (set only while it is the input)
     const Int64 position = _pUtf8Memory->MemoryPosition();
     if (position >= 0 && position < _pUtf8Memory->MemorySize()) {
       const Byte b = _pUtf8Memory->Memory()[position];

@@ -36,6 +36,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include <quma/Encoding.h>
@@ -75,12 +76,9 @@ class TQUMAStreamedNode : public TObject {
   // Moves the three texts out of a node its holder owns (OnClose's handler, for one), without
   // copying them; the node keeps empty texts.
   void TakeTexts(UnicodeString& Open, UnicodeString& Content, UnicodeString& Close) noexcept {
-    Open = std::move(_szOpen);
-    Content = std::move(_szContent);
-    Close = std::move(_szClose);
-    _szOpen.clear();
-    _szContent.clear();
-    _szClose.clear();
+    Open = std::exchange(_szOpen, UnicodeString());
+    Content = std::exchange(_szContent, UnicodeString());
+    Close = std::exchange(_szClose, UnicodeString());
     _CloseScan.Valid = false;
     _CloseScan.ContentSafe = _CloseScan.ContentSafeLength = 0;
   }

@@ -117,8 +117,8 @@ UnicodeString LastTokenOf(UnicodeStringView text, const Set& delimiters) {
 
 // 1-based case-sensitive search from Offset, 0 when absent (the host Pos).
 Integer Pos(UnicodeStringView sub, UnicodeStringView text, Integer offset) noexcept {
-  if (sub.empty() || offset < 1 || static_cast<std::size_t>(offset) > text.size()) return 0;
-  const std::size_t p = text.find(sub, static_cast<std::size_t>(offset - 1));
+  if (sub.empty() || offset < 1) return 0;
+  const std::size_t p = text.find(sub, static_cast<std::size_t>(offset - 1));  // (npos from past the end)
   return p == UnicodeStringView::npos ? 0 : static_cast<Integer>(p + 1);
 }
 
