@@ -211,4 +211,13 @@ void TFileStream::SetSize(Int64 NewSize) {
   if (Position() > NewSize) Seek(NewSize, soBeginning);
 }
 
+TMemoryStream* PlainMemoryStream(TStream* Stream) noexcept {
+  if (!Stream) return nullptr;
+  const TClass cls = Stream->ClassType();
+  return cls == TMemoryStream::StaticClass() || cls == TBytesStream::StaticClass() ||
+                 cls == TStringStream::StaticClass()
+             ? static_cast<TMemoryStream*>(Stream)
+             : nullptr;
+}
+
 }  // namespace quma

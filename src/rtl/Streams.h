@@ -129,5 +129,10 @@ class TFileStream : public TStream {
   int FHandle = -1;
 };
 
+// The stream as a memory stream when it is one of the library's own memory classes, whose bytes
+// are their memory (a derived class may read something else); null otherwise. Readers use it to
+// read the memory directly.
+TMemoryStream* PlainMemoryStream(TStream* Stream) noexcept;
+
 }  // namespace quma
 QUMA_PUBLIC_END

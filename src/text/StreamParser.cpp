@@ -331,7 +331,7 @@ std::size_t TQUMAStreamedNodeDefinition::CloseResumeOffset(TQUMAStreamedNode* pN
     const UnicodeStringView content = Subject.substr(0, ContentLength);
     try {
       const std::size_t from = close->PossibleStart(content, scan.ContentSafe);
-      if (!close->LiteralPrefix().empty() && ContentLength - from < close->LiteralPrefix().size()) {
+      if (ContentLength - from < close->LiteralPrefix().size()) {  // (never with no prefix)
         scan.ContentSafe = from;
       } else {
         const TRegexMatchResult probe = close->MatchPartial(content, _Match, from);
@@ -880,12 +880,7 @@ bool TQUMAStreamParser::ParseStream(TStream* pInput, const TEncoding*) {
   _nLineCount = 1;
   _nCharCount = 0;
   QUMAGetStreamEncoding(_pInput, _pEncoding, nullptr);
-  // Only the library's own classes: a derived stream may read something else than its memory.
-  const TClass inputClass = _pInput->ClassType();
-  if ((!_pEncoding || _pEncoding == TEncoding::UTF8()) &&
-      (inputClass == TMemoryStream::StaticClass() || inputClass == TBytesStream::StaticClass() ||
-       inputClass == TStringStream::StaticClass()))
-    _pUtf8Memory = static_cast<TMemoryStream*>(_pInput);
+  if (!_pEncoding || _pEncoding == TEncoding::UTF8()) _pUtf8Memory = PlainMemoryStream(_pInput);
   _szBuffer.clear();
 
   auto fail = [this](UnicodeStringView Head) {

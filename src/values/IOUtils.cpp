@@ -43,15 +43,6 @@ int WellFormedUtf8(const Byte* Bytes, std::size_t Count, char32_t& CodePoint) no
   return length;
 }
 
-// One of the library's memory streams, whose bytes are its memory (a derived class may read
-// something else).
-TMemoryStream* PlainMemoryStream(TStream* Stream) noexcept {
-  const TClass cls = Stream->ClassType();
-  return cls == TMemoryStream::StaticClass() || cls == TBytesStream::StaticClass() ||
-                 cls == TStringStream::StaticClass()
-             ? static_cast<TMemoryStream*>(Stream)
-             : nullptr;
-}
 }  // namespace
 
 bool QUMAGetStreamEncoding(TStream* Stream, const TEncoding*& Encoding, const TEncoding* DefaultEncoding) {

@@ -27,6 +27,10 @@ class TFullStream : public TStream {
   Int64 Write(const void*, Int64 Count) override { return Writes++ == 0 ? 0 : Count; }
   Int64 Seek(Int64, TSeekOrigin) override { return 0; }
 };
+
+class TDerivedBytes : public TBytesStream {
+  QUMA_CLASS(TDerivedBytes, TBytesStream)
+};
 }  // namespace
 
 TEST(Encodings, KnownByteFormsBothWays) {
@@ -181,6 +185,11 @@ TEST(Streams, CopyStringAndFileStreams) {
   auto u = MakeObject<TStringStream>(std::string_view("caf\xC3\xA9"));
   EXPECT_EQ(u->DataString(), u"caf\u00E9");
   EXPECT_EQ(u->Size(), 5);
+  // The library's own memory classes read their memory; a derived class may not.
+  auto derived = MakeObject<TDerivedBytes>();
+  EXPECT_EQ(std::tuple(PlainMemoryStream(u.get()), PlainMemoryStream(copy.get()), PlainMemoryStream(derived.get()),
+                       PlainMemoryStream(nullptr)),
+            std::tuple(u.get(), copy.get(), nullptr, nullptr));
 
   EXPECT_EQ(ErrorOf<EFOpenError>([] { TFileStream(std::string_view("/nonexistent/dir/file"), fmOpenRead); }),
             "Cannot open file \"/nonexistent/dir/file\". No such file or directory");
