@@ -154,8 +154,9 @@ TEST_F(ServiceThreads, ForegroundWorkerRetiresWhenIdleAndIsRecreated) {
   TProbe probe;
   TQUMAForegroundSyncThread* worker = ForegroundSync();
   worker->OnTerminate = Bind<&TProbe::End>(&probe);
-  worker->SetMaxIdle(30ms);  // wakes the worker from its 10 s wait
-  Advance(1000);             // lets the keep-alive entry run
+  // Wakes the worker from its 10 s wait. No request follows: under the frozen clock the keep-alive
+  // entry a request may queue would never fall due, and the worker would never be idle.
+  worker->SetMaxIdle(30ms);
   ASSERT_TRUE(Service([&] { return probe.Ended.load(); }));
   QUMAQueueForegroundCallback(Bind<&TProbe::Hit>(&probe), &probe, 0);
   EXPECT_TRUE(Service([&] { return probe.Seen.size() == 1; }));
