@@ -33,14 +33,6 @@ TEST(Counters, WrapAroundAndConvertTheDeltaToTheVariablesWidth) {
   EXPECT_EQ(PreDec(s64, std::numeric_limits<Integer>::min()), Int64{1} << 31);
 }
 
-TEST(CoreUtils, CountOfCharAndByteOrder) {
-  EXPECT_EQ(CountOfCharInString(u'a', u""), 0);
-  EXPECT_EQ(CountOfCharInString(u'a', u"banana"), 3);
-  EXPECT_EQ(CountOfCharInString(u'\xE9', u"\xE9t\xE9"), 2);
-  EXPECT_EQ(CurrentPlatformIsBigEndian(), std::endian::native == std::endian::big);
-  EXPECT_EQ(CurrentPlatformIsLittleEndian(), std::endian::native == std::endian::little);
-}
-
 namespace {
 class THolder : public TObject {
   QUMA_CLASS(THolder, TObject)
@@ -48,7 +40,13 @@ class THolder : public TObject {
   void Handle(TObject*) {}
 };
 
-TEST(CoreUtils, IsAssignedLooksAtTheObjectHalfOnly) {
+TEST(CoreUtils, CountOfCharByteOrderAndIsAssigned) {
+  EXPECT_EQ(CountOfCharInString(u'a', u""), 0);
+  EXPECT_EQ(CountOfCharInString(u'a', u"banana"), 3);
+  EXPECT_EQ(CountOfCharInString(u'\xE9', u"\xE9t\xE9"), 2);
+  EXPECT_EQ(CurrentPlatformIsBigEndian(), std::endian::native == std::endian::big);
+  EXPECT_EQ(CurrentPlatformIsLittleEndian(), std::endian::native == std::endian::little);
+  // IsAssigned looks at the object half only.
   TObjectPtr<THolder> holder = MakeObject<THolder>();
   TNotifyEvent bound = Bind<&THolder::Handle>(holder.get());
   EXPECT_TRUE(IsAssigned(&bound));

@@ -30,14 +30,6 @@ TObjectPtr<TStringList> ListOf(const Strings& items) {
   return list;
 }
 
-class TChangeLog : public TObject {
-  QUMA_CLASS(TChangeLog, TObject)
- public:
-  void Changing(TObject*) { Events.push_back('<'); }
-  void Changed(TObject*) { Events.push_back('>'); }
-  std::string Events;
-};
-
 }  // namespace
 
 TEST(StringList, AddInsertLookUpAndIndexErrors) {
@@ -114,29 +106,29 @@ TEST(StringList, OwnedObjectsAreFreedByDeleteClearAndDestruction) {
 }
 
 TEST(StringList, ChangeEventsBracketEachChangeAndUpdates) {
-  auto log = MakeObject<TChangeLog>();
+  std::string events;
   auto list = MakeObject<TStringList>();
-  list->OnChanging = Bind<&TChangeLog::Changing>(log.get());
-  list->OnChange = Bind<&TChangeLog::Changed>(log.get());
+  list->OnChanging = TNotifyEvent(+[](void* e, TObject*) { *static_cast<std::string*>(e) += '<'; }, &events);
+  list->OnChange = TNotifyEvent(+[](void* e, TObject*) { *static_cast<std::string*>(e) += '>'; }, &events);
   list->Add(u"a");
   list->Put(0, u"b");
-  list->PutObject(0, log.get());
+  list->PutObject(0, list.get());
   list->Delete(0);
-  EXPECT_EQ(log->Events, "<><><><>");
-  log->Events.clear();
+  EXPECT_EQ(events, "<><><><>");
+  events.clear();
   list->BeginUpdate();
   list->BeginUpdate();
   list->Add(u"x");
   list->Add(u"y");
   list->EndUpdate();
-  EXPECT_EQ(log->Events, "<");
+  EXPECT_EQ(events, "<");
   list->EndUpdate();
-  EXPECT_EQ(log->Events, "<>");
-  log->Events.clear();
+  EXPECT_EQ(events, "<>");
+  events.clear();
   list->Clear();
   list->Clear();  // already empty: no change
   list->SetCommaText(u"a,b,c");
-  EXPECT_EQ(log->Events, "<><>");  // one bracket for the whole text
+  EXPECT_EQ(events, "<><>");  // one bracket for the whole text
 }
 
 TEST(StringList, SortedListsApplyDuplicates) {

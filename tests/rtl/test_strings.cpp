@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <random>
+#include <tuple>
 
 #include <quma/PerlRegEx.h>
 #include <quma/Strings.h>
@@ -11,7 +13,7 @@
 using namespace quma;
 using quma::test::ErrorOf;
 
-TEST(Utf, RoundTripsAndRepairs) {
+TEST(Utf, RoundTripsRepairsAndExceptionMessages) {
   const std::string text = "A\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80";  // A é € 😀
   const UnicodeString u = Utf8ToUtf16(text);
   EXPECT_EQ(u, u"A\u00E9\u20AC\U0001F600");
@@ -22,17 +24,18 @@ TEST(Utf, RoundTripsAndRepairs) {
   EXPECT_EQ(Utf8ToUtf16("ab\xFF"), u"ab\uFFFD");
   EXPECT_EQ(Utf8ToUtf16("a\x80" "b"), u"a\uFFFDb");  // a lone continuation byte is no ASCII
   EXPECT_EQ(Utf16ToUtf8(UnicodeString(1, u'\xD800')), "\xEF\xBF\xBD");  // lone surrogate
+  // An error's message is kept as UTF-16 and given as UTF-8 by what(), where the tests check it.
+  EXPECT_EQ(EConvertError(u"\u00E9").Message() + Utf8ToUtf16(EConvertError(u"\u00E9").what()), u"\u00E9\u00E9");
+  EXPECT_EQ(EConvertError("x").ClassName(), u"EConvertError");
+  EXPECT_EQ(EListError::OutOfBounds(7).Index(), 7);
 }
 
-TEST(Strings, CaseMappingIsAsciiOnly) {
+TEST(Strings, AsciiOnlyCaseMappingAndIntegerConversion) {
   EXPECT_EQ(UpperCase(u"abc\u00E9z"), u"ABC\u00E9Z");
   EXPECT_EQ(LowerCase(u"ABC\u00C9"), u"abc\u00C9");
   EXPECT_TRUE(SameText(u"Hello", u"hELLO"));
   EXPECT_LT(CompareText(u"abc", u"ABD"), 0);
   EXPECT_EQ(Trim(u"  x y \t"), u"x y");
-}
-
-TEST(Strings, IntegerConversion) {
   const struct {
     const char16_t* text;
     Int64 value;
@@ -97,14 +100,7 @@ TEST(Strings, FormatFloatsRoundHalfAwayFromZero) {
     EXPECT_EQ(Utf16ToUtf8(Format(c.format, c.value)), Utf16ToUtf8(c.text)) << Utf16ToUtf8(c.format) << " " << c.value;
 }
 
-// The message texts themselves are checked, through what(), wherever an error is documented.
-TEST(Exceptions, MessagesInBothEncodings) {
-  EXPECT_EQ(EListError::OutOfBounds(7).Index(), 7);
-  EXPECT_EQ(EConvertError("x").ClassName(), u"EConvertError");
-  EXPECT_EQ(EConvertError(u"\u00E9").Message() + Utf8ToUtf16(EConvertError(u"\u00E9").what()), u"\u00E9\u00E9");
-}
-
-TEST(RegularExpressions, MatchGroupsAndSurroundings) {
+TEST(RegularExpressions, MatchGroupsSurroundingsOptionsReplaceAndErrors) {
   TPerlRegEx re;
   re.SetRegEx(u"(\\d+)-(\\d+)");
   re.SetSubject(u"from 10-20 to 30-40");
@@ -118,15 +114,12 @@ TEST(RegularExpressions, MatchGroupsAndSurroundings) {
   ASSERT_TRUE(re.MatchAgain());
   EXPECT_EQ(re.Groups(1), u"30");
   EXPECT_FALSE(re.MatchAgain());
-}
 
-TEST(RegularExpressions, OptionsReplaceAndErrors) {
   EXPECT_TRUE(TRegex(u"^abc$", {preCaseLess}).IsMatch(u"ABC"));
   EXPECT_TRUE(TRegex(u"a.b", {preSingleLine}).IsMatch(u"a\nb"));
   EXPECT_FALSE(TRegex(u"a.b").IsMatch(u"a\nb"));
   EXPECT_TRUE(TRegex(u"(?<=x)y").IsMatch(u"xy"));  // look-behind
 
-  TPerlRegEx re;
   re.SetRegEx(u"(\\w+)@(\\w+)");
   re.SetSubject(u"a@b, c@d tail");
   re.SetReplacement(u"\\2 at $1 ($0)");
@@ -136,4 +129,82 @@ TEST(RegularExpressions, OptionsReplaceAndErrors) {
   EXPECT_THROW(TRegex(u"(unclosed"), ERegularExpressionError);
   EXPECT_EQ(TPerlRegEx::EscapeRegExChars(u"a.b*c"), u"a\\.b\\*c");
   EXPECT_TRUE(TRegex(TPerlRegEx::EscapeRegExChars(u"1+1=(2)")).IsMatch(u"x 1+1=(2) y"));
+}
+
+// What the analysis promises, checked on the patterns: a pattern called monotone never loses a
+// match found within a prefix of a text as the prefix grows; anything that looks past its match
+// or commits to a choice made on the shorter text is refused.
+TEST(RegexAnalysis, GrowthMonotoneRefusesWhatLooksAheadOrCommits) {
+  const struct {
+    const char16_t* Pattern;
+    bool Monotone;
+  } cases[] = {
+      {u"^<[a-z]+(?:\\s+\\w+=\"[^\"]*\")*>", true}, {u"(?<=x)y|[$\\b]", true}, {u"(?i:a)(?-i)b(?<n>c)\\k<n>", true},
+      {u"a+?b??c{2,3}?", true},  {u"(?#$)a", true},        {u"(?P<n>a)(?P=n)", true},
+      {u"a$", false},            {u"a\\b", false},         {u"a\\z", false},
+      {u"a(?=b)", false},        {u"a(?!b)", false},       {u"(?>a+)", false},
+      {u"a++", false},           {u"a*+b", false},         {u"a{2}+", false},
+      {u"(*COMMIT)a", false},    {u"(a)(?(1)a|b)", false},    {u"(a)(?1)", false},
+      {u"a(?R)?b", false},        {u"\\Q$\\E", false},      {u"(?x)a#[\n$", false},
+      {u"a\\R", false},          {u"a\\X", false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(Utf16ToUtf8(c.Pattern));
+    EXPECT_EQ(TRegex(c.Pattern).GrowthMonotone(), c.Monotone);
+  }
+  EXPECT_FALSE(TRegex(u"a", {preExtended}).GrowthMonotone());
+  // Where the analysis says yes, the promise holds on every prefix of a text.
+  const TRegex tag(u"^<[a-z]+(?:\\s+\\w+=\"[^\"]*\")*>");
+  const UnicodeString text = u"<ab x=\"1\" y=\"\">tail>";
+  TRegexMatch m;
+  bool seen = false;
+  for (std::size_t k = 0; k <= text.size(); ++k) {
+    const bool now = tag.Match(UnicodeStringView(text).substr(0, k), m);
+    EXPECT_TRUE(now || !seen) << k;
+    seen = seen || now;
+  }
+  EXPECT_TRUE(seen);
+}
+
+TEST(RegexAnalysis, FirstAndRequiredUnits) {
+  const TRegex open(u"^<!-+-"), caseless(u"^x-+y", {preCaseLess}), space(u"^\\s+"), any(u"a|.");
+  const std::tuple<const TRegex*, char16_t, bool> starts[] = {
+      {&open, u'<', true},   {&open, u'!', false},  {&caseless, u'X', true}, {&caseless, u'z', false},
+      {&space, u'\t', true}, {&space, u'<', false}, {&any, u'?', true}};
+  for (const auto& [re, unit, may] : starts) EXPECT_EQ(re->MayStartWith(unit), may) << char(unit);
+  bool folds = true;
+  EXPECT_EQ(open.RequiredUnit(folds), u'-');
+  EXPECT_FALSE(folds);
+  EXPECT_EQ(caseless.RequiredUnit(folds), u'y');
+  EXPECT_TRUE(folds);
+  EXPECT_EQ(space.RequiredUnit(folds), -1);
+  EXPECT_EQ(TRegex(u"\\d+\u0080").RequiredUnit(folds), -1);  // only ASCII units are taken
+}
+
+// No match, complete or partial, starts before PossibleStart: checked against PCRE2 itself on
+// every start offset of random subjects; a known prefix also skips what cannot begin one.
+TEST(RegexAnalysis, PossibleStartNeverPassesAMatch) {
+  const TRegex close(u"</[a-z]+>$", {preSingleLine}), plain(u"^ab\\.c"), empty(u"a*$"), reset(u"x\\Ky"),
+      caseless(u"ab", {preCaseLess});
+  EXPECT_EQ(close.LiteralPrefix(), u"</");
+  EXPECT_EQ(plain.LiteralPrefix(), u"ab.c");
+  for (const TRegex* r : {&empty, &reset, &caseless}) EXPECT_TRUE(r->LiteralPrefix().empty()) << Utf16ToUtf8(r->Pattern());
+  EXPECT_EQ(close.PossibleStart(u"abc</x", 0), 3u);
+  EXPECT_EQ(close.PossibleStart(u"a<b<", 0), 3u);
+  EXPECT_EQ(close.PossibleStart(u"a<b<c", 1), 5u);
+  EXPECT_EQ(empty.PossibleStart(u"bbb", 1), 1u);
+  std::mt19937 random(7);
+  const char16_t alphabet[] = u"</>ab.cxyzK";
+  TRegexMatch m;
+  for (int i = 0; i < 400; ++i) {
+    UnicodeString s;
+    for (auto n = random() % 40; n > 0; --n) s += alphabet[random() % (std::size(alphabet) - 1)];
+    for (const TRegex* r : {&close, &plain, &empty, &reset, &caseless})
+      for (std::size_t from = 0; from <= s.size(); ++from) {
+        const std::size_t at = r->PossibleStart(s, from);
+        ASSERT_TRUE(at >= from && at <= s.size());
+        EXPECT_TRUE(r->MatchPartial(s, m, from) == mrNoMatch || m.GroupOffset(0) >= at) << Utf16ToUtf8(s) << from;
+        EXPECT_TRUE(!r->Match(s, m, from) || m.GroupOffset(0) >= at) << Utf16ToUtf8(s) << from;
+      }
+  }
 }

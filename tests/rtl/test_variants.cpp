@@ -10,8 +10,7 @@
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #endif
 
-namespace quma {
-namespace {
+using namespace quma;
 
 TEST(Variants, TypeCodesAndTypedAccess) {
   EXPECT_TRUE(VarIsEmpty(Variant()));
@@ -59,6 +58,3 @@ TEST(Variants, ByteArraysWithBounds) {
   EXPECT_THROW((void)VarArrayCreate(5, 3, varByte), EVariantBadIndexError);
   EXPECT_THROW((void)VarArrayLowBound(Variant(Integer{1}), 1), EVariantNotAnArrayError);
 }
-
-}  // namespace
-}  // namespace quma
