@@ -41,7 +41,7 @@ std::string TruncatedQuotient(long long a, long long b, int places) {
 
 }  // namespace
 
-TEST(BcdIsZero, LooksOnlyAtDigitsWithinThePrecision) {
+TEST(BcdIsZeroAndCompact, OnlyDigitsWithinThePrecisionCountAndOneIntegerDigitRemains) {
   EXPECT_TRUE(QUMA_BcdIsZero(NullBcd));
   EXPECT_TRUE(QUMA_BcdIsZero(B("-0.000")));
   TBcd negativeZero = B("0");
@@ -56,9 +56,8 @@ TEST(BcdIsZero, LooksOnlyAtDigitsWithinThePrecision) {
   EXPECT_TRUE(QUMA_BcdIsZero(odd));
   odd.Fraction[1] = 0x10;
   EXPECT_FALSE(QUMA_BcdIsZero(odd));
-}
 
-TEST(BcdCompact, OneIntegerDigitAndAnExponent) {
+  // Compaction: one integer digit and an exponent.
   const struct {
     const char *In, *Mantissa;
     int Exponent;
@@ -84,13 +83,12 @@ TEST(BcdDivide, ShortcutsLongDivisionErrorsAndAgreementWithIntegers) {
   QUMA_BcdDivide(zero, B("5"), q);  // the dividend as it is
   EXPECT_EQ(std::tuple(q.Precision, q.SignSpecialPlaces), std::tuple(zero.Precision, zero.SignSpecialPlaces));
   EXPECT_EQ(ErrorOf<EDivByZero>([&] { QUMA_BcdDivide(B("1"), B("-0.0"), q); }), "Divide by Zero");
-  QUMA_BcdDivide(B("1"), B("3"), q);
-  EXPECT_EQ(q.Precision, 61);
-  EXPECT_EQ(S(q), "0." + std::string(60, '3'));
   const auto quotient = [&](const char* a, const char* b) {
     QUMA_BcdDivide(B(a), B(b), q);
     return S(q);
   };
+  EXPECT_EQ(quotient("1", "3"), "0." + std::string(60, '3'));
+  EXPECT_EQ(q.Precision, 61);
   EXPECT_EQ(quotient("1", "30"), "0.0" + std::string(58, '3'));  // 60 digits: the limit is one lower than for 1/3
   EXPECT_EQ(quotient("2", "3"), "0." + std::string(60, '6'));    // truncated, not rounded
   const struct {

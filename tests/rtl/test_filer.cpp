@@ -70,7 +70,7 @@ const bool kPublished = [] {
 
 }  // namespace
 
-TEST(Filer, WritesStoredPropertiesAndReadsThemBack) {
+TEST(Filer, WritesStoredPropertiesReadsThemBackAndRejectsBadInput) {
   ASSERT_TRUE(kPublished);
   TObjectPtr<TSample> a(New<TSample>());
   EXPECT_EQ(WritePropertiesToText(a.get()), u"Caption = ''\nFlag = False\nRatio = 0\nInner.Scale = 1\n");
@@ -94,15 +94,10 @@ TEST(Filer, WritesStoredPropertiesAndReadsThemBack) {
   EXPECT_THROW(WritePropertiesToText(a.get()), EWriteError);
   a->FExtraWrites = 0;
   EXPECT_EQ(WritePropertiesToText(a.get()).find(u"Extra"), UnicodeString::npos);
-}
 
-// Every failure names the line and the property, and the object keeps every value it had, also
-// when the failure comes from a defined property's reader after earlier lines were applied.
-TEST(Filer, BadInputIsReportedAndChangesNothing) {
-  TObjectPtr<TSample> s(New<TSample>());
-  s->FCount = 3;
-  s->FCaption = u"keep";
-  const UnicodeString before = WritePropertiesToText(s.get());
+  // Every failure names the line and the property, and the object keeps every value it had, also
+  // when the failure comes from a defined property's reader after earlier lines were applied.
+  const UnicodeString before = WritePropertiesToText(b.get());
   const std::pair<const char*, std::vector<const char16_t*>> cases[] = {
       // error, texts
       {"Line 1, property Count: Invalid property value", {u"Count = x", u"Count = 1.5", u"Count = 1 2", u"Count ="}},
@@ -120,13 +115,13 @@ TEST(Filer, BadInputIsReportedAndChangesNothing) {
        {u"Count = 5\nCaption = 'x'\nInner.Scale = 4\nExtra = 'text'"}}};
   for (const auto& [error, texts] : cases)
     for (const char16_t* text : texts) {
-      EXPECT_EQ(test::ErrorOf<EReadError>([&] { ReadPropertiesFromText(s.get(), text); }), error) << Utf16ToUtf8(text);
-      EXPECT_EQ(WritePropertiesToText(s.get()), before) << Utf16ToUtf8(text);
+      EXPECT_EQ(test::ErrorOf<EReadError>([&] { ReadPropertiesFromText(b.get(), text); }), error) << Utf16ToUtf8(text);
+      EXPECT_EQ(WritePropertiesToText(b.get()), before) << Utf16ToUtf8(text);
     }
   // A defined property's reader must take its one value, no more and no less.
   for (const int reads : {0, 2}) {
-    s->FExtraReads = reads;
-    EXPECT_EQ(test::ErrorOf<EReadError>([&] { ReadPropertiesFromText(s.get(), u"Extra = 5"); }),
+    b->FExtraReads = reads;
+    EXPECT_EQ(test::ErrorOf<EReadError>([&] { ReadPropertiesFromText(b.get(), u"Extra = 5"); }),
               "Line 1, property Extra: Property value not read");
   }
 }

@@ -56,7 +56,6 @@ class TAbstractish : public TBase {
   TAbstractish() : TBase(0) {}  // not creatable with the hierarchy's arguments
 };
 
-
 TEST(ObjectModel, TwoPhaseLifetimeClassReferencesAndVirtualConstructors) {
   gTrace.clear();
   TDerived* d = New<TDerived>(7);
@@ -174,7 +173,19 @@ class TRecordingList : public TList<int> {
   }
 };
 
-TEST(GenericList, NotifiesAfterEachChangeAndWhenFreed) {
+class TLoggedCollection : public TCollection {
+  QUMA_CLASS(TLoggedCollection, TCollection)
+ public:
+  using TCollection::TCollection;
+  std::vector<std::pair<int, TCollectionNotification>>* Log = nullptr;
+  int Updates = 0;
+
+ protected:
+  void Notify(TCollectionItem* Item, TCollectionNotification Action) override { Log->emplace_back(Item->ID(), Action); }
+  void Update(TCollectionItem*) override { ++Updates; }
+};
+
+TEST(Notifications, GenericListsAndCollectionsHearOfEveryChangeUntilFreed) {
   using P = std::pair<int, TCollectionNotification>;
   std::vector<P> log;
   auto* list = New<TRecordingList>(&log);
@@ -204,6 +215,18 @@ TEST(GenericList, NotifiesAfterEachChangeAndWhenFreed) {
   list->FreeOn = 2;
   list->Clear();  // the list dies while notifying item 2; the rest are not notified
   EXPECT_EQ(log.size(), 3u);
+
+  // A collection's override hears of every item come and go until the end.
+  log.clear();
+  auto* items = New<TLoggedCollection>(TCollectionItemClass(TCollectionItem::StaticClass()));
+  items->Log = &log;
+  for (int i = 0; i < 3; ++i) items->Add();
+  EXPECT_EQ(items->Updates, 3);  // each addition changes the collection
+  items->Delete(1);
+  Free(items->Items(0));
+  Free(items);  // the override still hears of the last item
+  EXPECT_EQ(log, (std::vector<P>{{0, cnAdded}, {1, cnAdded}, {2, cnAdded}, {1, cnDeleting}, {1, cnExtracting},
+                                 {0, cnExtracting}, {2, cnExtracting}}));
 }
 
 TEST(GenericList, FrontRemovalsKeepOrderAndIndexesAndTheComparerDrivesSearchAndSort) {
@@ -327,32 +350,6 @@ TEST(Components, OwnershipLinksStatesAndTeardown) {
   EXPECT_EQ(seen, (std::vector<S>{{dying, opRemove, u"TWatcher"},     // its own link first
                                   {linked, opRemove, u"TWatcher"},    // the owner hears of a linked one
                                   {linked, opRemove, u"TWatcher"}}));  // and so does its link
-}
-
-class TLoggedCollection : public TCollection {
-  QUMA_CLASS(TLoggedCollection, TCollection)
- public:
-  using TCollection::TCollection;
-  std::vector<std::pair<Integer, TCollectionNotification>>* Log = nullptr;
-  int Updates = 0;
-
- protected:
-  void Notify(TCollectionItem* Item, TCollectionNotification Action) override { Log->emplace_back(Item->ID(), Action); }
-  void Update(TCollectionItem*) override { ++Updates; }
-};
-
-TEST(Collections, NotifyHearsEveryItemComeAndGoUntilTheEnd) {
-  using P = std::pair<Integer, TCollectionNotification>;
-  std::vector<P> log;
-  auto* items = New<TLoggedCollection>(TCollectionItemClass(TCollectionItem::StaticClass()));
-  items->Log = &log;
-  for (int i = 0; i < 3; ++i) items->Add();
-  EXPECT_EQ(items->Updates, 3);  // each addition changes the collection
-  items->Delete(1);
-  Free(items->Items(0));
-  Free(items);  // the override still hears of the last item
-  EXPECT_EQ(log, (std::vector<P>{{0, cnAdded}, {1, cnAdded}, {2, cnAdded}, {1, cnDeleting}, {1, cnExtracting},
-                                 {0, cnExtracting}, {2, cnExtracting}}));
 }
 
 }  // namespace

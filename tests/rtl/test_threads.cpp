@@ -44,11 +44,23 @@ bool Readable(int fd) {
   return ::poll(&p, 1, 0) == 1;
 }
 
-TEST(Threads, LifecycleStartTerminateAndWaitFromSeveralThreads) {
+TEST(Threads, LifecycleSynchronizeAndWaitFromSeveralThreads) {
+  SetMainThread();
+  std::vector<int> seen;
   auto* w = New<TWorker>(true);
+  w->MainSide = &seen;
   EXPECT_FALSE(w->Started());
   w->Start();
   EXPECT_THROW(w->Start(), EThread);
+  while (seen.empty()) CheckSynchronize(10);
+  EXPECT_EQ(seen, std::vector<int>{1});  // run on the main thread
+  // An exception raised there is raised again in the thread that asked.
+  std::string caught;
+  std::thread worker(
+      [&] { caught = ErrorOf<EConvertError>([&] { TThread::Synchronize(nullptr, Bind<&TWorker::Boom>(w)); }); });
+  while (!CheckSynchronize(10)) continue;
+  worker.join();
+  EXPECT_EQ(caught, "from main");
   while (w->Loops == 0) std::this_thread::yield();
   // Two waiters on one thread both return.
   std::atomic<int> returned{0};
@@ -63,23 +75,6 @@ TEST(Threads, LifecycleStartTerminateAndWaitFromSeveralThreads) {
   EXPECT_TRUE(w->Finished());
   Free(w);
   Free(New<TWorker>());  // freed while running: terminated (through TerminatedSet) and waited for
-}
-
-TEST(Threads, SynchronizeRunsOnTheMainThreadAndReraisesThere) {
-  SetMainThread();
-  std::vector<int> seen;
-  auto* w = New<TWorker>(true);
-  w->MainSide = &seen;
-  w->Start();
-  while (seen.empty()) CheckSynchronize(10);
-  EXPECT_EQ(seen, std::vector<int>{1});
-  std::string caught;
-  std::thread worker(
-      [&] { caught = ErrorOf<EConvertError>([&] { TThread::Synchronize(nullptr, Bind<&TWorker::Boom>(w)); }); });
-  while (!CheckSynchronize(10)) continue;
-  worker.join();
-  EXPECT_EQ(caught, "from main");
-  Free(w);
 }
 
 std::atomic<bool> gLateDestroyed{false}, gSawDestroyed{true};
@@ -141,7 +136,7 @@ class TSyncer : public TThread {
   }
 };
 
-TEST(Threads, WaitForOrFreeInsideASynchronizedMethodServicesTheRest) {
+TEST(Threads, WaitForOrFreeInsideASynchronizedMethodServicesTheRestAndQueuedMethodsOfAFreedThreadAreDropped) {
   SetMainThread();
   for (bool freeOther : {false, true}) {
     SCOPED_TRACE(freeOther);
@@ -157,10 +152,7 @@ TEST(Threads, WaitForOrFreeInsideASynchronizedMethodServicesTheRest) {
     if (!freeOther) Free(second);
     Free(first);
   }
-}
-
-TEST(Threads, QueuedMethodsOfAFreedThreadAreDropped) {
-  SetMainThread();
+  // Queued methods of a freed thread are dropped.
   std::atomic<int> unowned{0};
   gQueuedRuns = 0;
   auto* t = New<TSyncer>();

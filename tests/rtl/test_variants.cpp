@@ -12,7 +12,7 @@
 
 using namespace quma;
 
-TEST(Variants, TypeCodesAndTypedAccess) {
+TEST(Variants, TypeCodesTypedAccessAndByteArraysWithBounds) {
   EXPECT_TRUE(VarIsEmpty(Variant()));
   EXPECT_TRUE(VarIsNull(Variant::Null()));
   const std::pair<Variant, TVarType> types[] = {
@@ -27,9 +27,8 @@ TEST(Variants, TypeCodesAndTypedAccess) {
   EXPECT_THROW((void)Variant().AsInt64(), EVariantTypeCastError);
   EXPECT_EQ(Variant(u"a"), Variant(u"a"));
   EXPECT_FALSE(Variant(u"a") == Variant::OleStr(u"a"));  // same text, different type
-}
 
-TEST(Variants, ByteArraysWithBounds) {
+  // Byte arrays with bounds.
   Variant a = VarArrayCreate(-2, 3, varByte);
   EXPECT_EQ(VarType(a), varArray | varByte);
   EXPECT_TRUE(VarIsArray(a));
