@@ -115,7 +115,16 @@ TEST_F(PropertySetBatching, OneDeliveryPerOutermostBatchHooksBeforeListener) {
   EXPECT_EQ(trace, kDelivery);
 }
 
-TEST(PropertySetIdentity, EqualsAndEqualTo) {
+// Counts the destructions of every instance, those made through the class reference included.
+class TCounted : public TQUMAPropertySet {
+  QUMA_CLASS(TCounted, TQUMAPropertySet)
+ public:
+  using TQUMAPropertySet::TQUMAPropertySet;
+  ~TCounted() override { ++Destroyed; }
+  static inline int Destroyed = 0;
+};
+
+TEST(PropertySets, EqualsDuplicateAndInterfaceCounting) {
   auto base = MakeObject<TQUMAPropertySet>(), otherBase = MakeObject<TQUMAPropertySet>();
   auto three = MakeObject<TSample>(), alsoThree = MakeObject<TSample>(), four = MakeObject<TSample>();
   auto childThree = MakeObject<TSampleChild>();
@@ -132,18 +141,8 @@ TEST(PropertySetIdentity, EqualsAndEqualTo) {
       {three.get(), sibling.get(), false},   {sibling.get(), three.get(), false}};
   for (const auto& [left, right, equal] : cases)
     EXPECT_EQ(left->Equals(right), equal) << Utf16ToUtf8(left->ClassName() + u" " + (right ? right->ClassName() : u"nil"));
-}
 
-// Counts the destructions of every instance, those made through the class reference included.
-class TCounted : public TQUMAPropertySet {
-  QUMA_CLASS(TCounted, TQUMAPropertySet)
- public:
-  using TQUMAPropertySet::TQUMAPropertySet;
-  ~TCounted() override { ++Destroyed; }
-  static inline int Destroyed = 0;
-};
-
-TEST(PropertySetLifetime, DuplicateCopiesClassAndOwnerAndInterfaceCountingFreesOnTheLastRelease) {
+  // Duplicate copies the run-time class and owner; a class without Assign cannot copy.
   auto owner = MakeObject<TSample>();
   auto src = MakeObject<TSample>(owner.get());
   src->SetValue(9);

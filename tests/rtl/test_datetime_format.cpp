@@ -18,17 +18,17 @@ using namespace quma;
 
 using quma::test::ErrorOf;
 
-TEST(DateTimeValue, EncodeDecodeAcrossTheWholeRangeAndTheSystemClock) {
+TEST(DateTimeValue, EncodeDecodeAcrossTheWholeRangeValidationAndTheSystemClock) {
   EXPECT_EQ(EncodeDate(1, 1, 1), MinDateTime);
   EXPECT_EQ(EncodeDate(9999, 12, 31), 2958465.0);
   EXPECT_EQ(EncodeDateTime(1899, 12, 29, 6, 0, 0, 0), -1.25);  // the time counts away from day 0
   EXPECT_EQ(EncodeTime(18, 0, 0, 0), 0.75);
   std::mt19937 rng(7);
   std::uniform_int_distribution<int> day(-693593, 2958465), ms(0, MSecsPerDay - 1);
+  Word y, m, d, h, n, s, z;
   for (int i = 0; i < 5000; ++i) {
     const TDateTimeStamp st{day(rng), ms(rng)};
     const TDateTime v = StampToDateTime(st);
-    Word y, m, d, h, n, s, z;
     DecodeDateTime(v, y, m, d, h, n, s, z);
     ASSERT_EQ(EncodeDateTime(y, m, d, h, n, s, z), v);
     TDateTimeStamp back;
@@ -51,21 +51,19 @@ TEST(DateTimeValue, EncodeDecodeAcrossTheWholeRangeAndTheSystemClock) {
   EXPECT_EQ(TimePointToDateTime(sys_seconds(seconds(-1))), StampToDateTime({UnixDateDelta - 1, MSecsPerDay - 1000}));
   EXPECT_THROW(DateTimeToTimePoint(EncodeDate(1000, 1, 1)), EConvertError);
   EXPECT_NEAR(NowUTC(), TimePointToDateTime(system_clock::now()), 1.0 / SecsPerDay);
-}
 
-TEST(DateTimeValue, ValidationAndErrors) {
+  // Validation and errors.
   EXPECT_EQ(std::tuple(IsValidDate(2000, 2, 29), IsValidDate(1900, 2, 29), IsValidDate(0, 1, 1)),
             std::tuple(true, false, false));
   EXPECT_EQ(std::tuple(IsValidTime(23, 59, 59, 999), IsValidTime(24, 0, 0, 0), IsValidTime(0, 0, 0, 1000)),
             std::tuple(true, false, false));
-  TDateTime v = 123;
-  EXPECT_FALSE(TryEncodeDateTime(2023, 2, 29, 0, 0, 0, 0, v));
-  EXPECT_EQ(v, 123);
+  TDateTime kept = 123;
+  EXPECT_FALSE(TryEncodeDateTime(2023, 2, 29, 0, 0, 0, 0, kept));
+  EXPECT_EQ(kept, 123);
   EXPECT_EQ(ErrorOf<EConvertError>([] { EncodeDateTime(2024, 2, 30, 10, 0, 0, 0); }),
             "'2024/2/30 10:0:0.0' is not a valid date and time");
   EXPECT_THROW(EncodeDate(2024, 13, 1), EConvertError);
   EXPECT_THROW(EncodeTime(0, 60, 0, 0), EConvertError);
-  Word y, m, d;
   EXPECT_THROW(DecodeDate(std::numeric_limits<double>::quiet_NaN(), y, m, d), EConvertError);
   EXPECT_THROW(DecodeDate(MinDateTime - 1, y, m, d), EConvertError);
   EXPECT_THROW(DayOfWeek(MaxDateTime + 1), EConvertError);

@@ -229,7 +229,7 @@ TEST(Notifications, GenericListsAndCollectionsHearOfEveryChangeUntilFreed) {
                                  {0, cnExtracting}, {2, cnExtracting}}));
 }
 
-TEST(GenericList, FrontRemovalsKeepOrderAndIndexesAndTheComparerDrivesSearchAndSort) {
+TEST(GenericContainers, ListOrderIndexesComparerObjectListDictionaryAndStack) {
   auto list = MakeObject<TList<int>>();
   for (int i = 0; i < 100; ++i) list->Add(i);
   for (int i = 0; i < 60; ++i) list->Delete(0);
@@ -258,9 +258,6 @@ TEST(GenericList, FrontRemovalsKeepOrderAndIndexesAndTheComparerDrivesSearchAndS
   Integer at = -1;
   EXPECT_TRUE(digits->BinarySearch(33, at));
   EXPECT_EQ(at, 1);
-}
-
-TEST(GenericContainers, ObjectListDictionaryAndStack) {
   int frees = 0;
   {
     auto owning = MakeObject<TObjectList<TFreeCounter>>();

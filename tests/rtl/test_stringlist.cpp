@@ -131,7 +131,7 @@ TEST(StringList, ChangeEventsBracketEachChangeAndUpdates) {
   EXPECT_EQ(events, "<><>");  // one bracket for the whole text
 }
 
-TEST(StringList, SortedListsApplyDuplicates) {
+TEST(StringList, SortedListsApplyDuplicatesAndAssignCopiesStringsObjectsAndSettings) {
   const std::pair<TDuplicates, Strings> cases[] = {
       {dupIgnore, {u"a", u"b", u"c"}}, {dupAccept, {u"a", u"B", u"b", u"c"}}, {dupError, {u"a", u"b", u"c"}}};
   for (const auto& [mode, expected] : cases) {
@@ -166,6 +166,29 @@ TEST(StringList, SortedListsApplyDuplicates) {
   list->SetCaseSensitive(false);
   list->Sort();  // stable: "b" stays before "B"
   EXPECT_EQ(Items(*list), (Strings{u"a", u"b", u"B"}));
+
+  // Assign copies strings, objects and settings.
+  auto source = ListOf({u"b", u"a", u"b"});
+  source->PutObject(0, source.get());
+  source->SetDelimiter(u';');
+  source->SetCaseSensitive(true);
+  source->SetDuplicates(dupAccept);
+  source->SetSorted(true);
+  auto target = ListOf({u"old"});
+  target->Assign(source.get());
+  EXPECT_EQ(Items(*target), (Strings{u"a", u"b", u"b"}));
+  EXPECT_EQ(target->Objects(1), source.get());
+  EXPECT_EQ(target->DelimitedText(), u"a;b;b");
+  EXPECT_TRUE(target->Sorted() && target->CaseSensitive() && target->Duplicates() == dupAccept);
+  EXPECT_TRUE(target->Equals(source.get()));
+  EXPECT_FALSE(target->Equals(ListOf({u"a", u"b", u"B"}).get()));
+  target->AddStrings(target.get());  // adding itself doubles it
+  EXPECT_EQ(target->Count(), 6);
+
+  auto other = MakeObject<TPersistent>();
+  EXPECT_EQ(ErrorOf<EConvertError>([&] { target->Assign(other.get()); }),
+            "Cannot assign a TPersistent to a TStringList");
+  EXPECT_EQ(target->Count(), 6);
 }
 
 TEST(DelimitedText, DocumentedSplittingRules) {
@@ -295,26 +318,3 @@ TEST(StringList, StreamsChooseAndDetectTheEncoding) {
   std::remove(path.c_str());
 }
 
-TEST(StringList, AssignCopiesStringsObjectsAndSettings) {
-  auto source = ListOf({u"b", u"a", u"b"});
-  source->PutObject(0, source.get());
-  source->SetDelimiter(u';');
-  source->SetCaseSensitive(true);
-  source->SetDuplicates(dupAccept);
-  source->SetSorted(true);
-  auto target = ListOf({u"old"});
-  target->Assign(source.get());
-  EXPECT_EQ(Items(*target), (Strings{u"a", u"b", u"b"}));
-  EXPECT_EQ(target->Objects(1), source.get());
-  EXPECT_EQ(target->DelimitedText(), u"a;b;b");
-  EXPECT_TRUE(target->Sorted() && target->CaseSensitive() && target->Duplicates() == dupAccept);
-  EXPECT_TRUE(target->Equals(source.get()));
-  EXPECT_FALSE(target->Equals(ListOf({u"a", u"b", u"B"}).get()));
-  target->AddStrings(target.get());  // adding itself doubles it
-  EXPECT_EQ(target->Count(), 6);
-
-  auto other = MakeObject<TPersistent>();
-  EXPECT_EQ(ErrorOf<EConvertError>([&] { target->Assign(other.get()); }),
-            "Cannot assign a TPersistent to a TStringList");
-  EXPECT_EQ(target->Count(), 6);
-}

@@ -55,30 +55,9 @@ TEST(Strings, AsciiOnlyCaseMappingAndIntegerConversion) {
   EXPECT_EQ(IntToHex(0xAB, 4), u"00AB");
 }
 
-TEST(Strings, FormatDirectives) {
-  EXPECT_EQ(Format(u"%d items", 3), u"3 items");
-  EXPECT_EQ(Format(u"%s=%s", u"a", std::string("b")), u"a=b");
-  EXPECT_EQ(Format(u"%x|%.2x|%2.2x|%X", 255, 10, 7, 0xAB), u"ff|0a|07|AB");
-  EXPECT_EQ(Format(u"%8.2f|%-4d|", 2.5, 7), u"    2.50|7   |");
-  EXPECT_EQ(Format(u"%1:s %0:s", u"world", u"hello"), u"hello world");
-  EXPECT_EQ(Format(u"100%%"), u"100%");
-  EXPECT_EQ(Format(u"%x", -1), u"ffffffff");
-  EXPECT_EQ(Format(u"%u|%U", -1, -2), u"4294967295|4294967294");
-  // "*" takes width, precision or index from the arguments.
-  EXPECT_EQ(Format(u"%*d", 5, 42), u"   42");
-  EXPECT_EQ(Format(u"%*.*s|", 7, 6, u""), u"       |");
-  EXPECT_EQ(Format(u"%-*.*f|", 8, 1, 2.25), u"2.3     |");
-  EXPECT_EQ(Format(u"%*:s", 1, u"a", u"b"), u"a");
-  EXPECT_EQ(Format(u"%*d|", -3, 9), u"9|");
-  EXPECT_EQ(ErrorOf<EConvertError>([] { Format(u"%d", u"text"); }),
-            "Format '%d' invalid or incompatible with argument");
-  EXPECT_THROW(Format(u"%s %s", u"one"), EConvertError);
-  EXPECT_THROW(Format(u"%*d", 5), EConvertError);
-}
-
 // Floats round half away from zero on their exact decimal digits, as the host does; values just
 // off the halfway point (0.145 is 0.14499999...) round to the nearer side.
-TEST(Strings, FormatFloatsRoundHalfAwayFromZero) {
+TEST(Strings, FormatDirectivesAndFloatsRoundingHalfAwayFromZero) {
   const struct {
     const char16_t* format;
     double value;
@@ -98,6 +77,26 @@ TEST(Strings, FormatFloatsRoundHalfAwayFromZero) {
   };
   for (const auto& c : cases)
     EXPECT_EQ(Utf16ToUtf8(Format(c.format, c.value)), Utf16ToUtf8(c.text)) << Utf16ToUtf8(c.format) << " " << c.value;
+
+  // Directives.
+  EXPECT_EQ(Format(u"%d items", 3), u"3 items");
+  EXPECT_EQ(Format(u"%s=%s", u"a", std::string("b")), u"a=b");
+  EXPECT_EQ(Format(u"%x|%.2x|%2.2x|%X", 255, 10, 7, 0xAB), u"ff|0a|07|AB");
+  EXPECT_EQ(Format(u"%8.2f|%-4d|", 2.5, 7), u"    2.50|7   |");
+  EXPECT_EQ(Format(u"%1:s %0:s", u"world", u"hello"), u"hello world");
+  EXPECT_EQ(Format(u"100%%"), u"100%");
+  EXPECT_EQ(Format(u"%x", -1), u"ffffffff");
+  EXPECT_EQ(Format(u"%u|%U", -1, -2), u"4294967295|4294967294");
+  // "*" takes width, precision or index from the arguments.
+  EXPECT_EQ(Format(u"%*d", 5, 42), u"   42");
+  EXPECT_EQ(Format(u"%*.*s|", 7, 6, u""), u"       |");
+  EXPECT_EQ(Format(u"%-*.*f|", 8, 1, 2.25), u"2.3     |");
+  EXPECT_EQ(Format(u"%*:s", 1, u"a", u"b"), u"a");
+  EXPECT_EQ(Format(u"%*d|", -3, 9), u"9|");
+  EXPECT_EQ(ErrorOf<EConvertError>([] { Format(u"%d", u"text"); }),
+            "Format '%d' invalid or incompatible with argument");
+  EXPECT_THROW(Format(u"%s %s", u"one"), EConvertError);
+  EXPECT_THROW(Format(u"%*d", 5), EConvertError);
 }
 
 TEST(RegularExpressions, MatchGroupsSurroundingsOptionsReplaceAndErrors) {
