@@ -32,7 +32,7 @@ TObjectPtr<TStringList> ListOf(const Strings& items) {
 
 }  // namespace
 
-TEST(StringList, AddInsertLookUpAndIndexErrors) {
+TEST(StringList, AddInsertLookUpIndexErrorsAndNameValuePairs) {
   auto list = MakeObject<TStringList>();
   EXPECT_EQ(list->Add(u"beta"), 0);
   EXPECT_EQ(list->Add("gamma"), 1);
@@ -53,30 +53,29 @@ TEST(StringList, AddInsertLookUpAndIndexErrors) {
   EXPECT_THROW(list->Insert(5, u"y"), EStringListError);
   EXPECT_THROW(list->Objects(4), EListError);
   EXPECT_EQ(list->Count(), 4);  // nothing was lost
-}
 
-TEST(StringList, NameValuePairs) {
-  auto list = ListOf({u"plain", u"Colour=blue", u"size=10=ten"});
-  EXPECT_EQ(list->IndexOfName(u"COLOUR"), 1);
-  EXPECT_EQ(list->Values(u"colour"), u"blue");
-  EXPECT_EQ(list->Values(u"size"), u"10=ten");
-  EXPECT_EQ(list->Values(u"plain"), u"");
-  EXPECT_EQ(list->Names(0), u"");
-  EXPECT_EQ(list->Names(2), u"size");
-  EXPECT_EQ(list->ValueFromIndex(1), u"blue");
+  // Name-value pairs.
+  auto pairs = ListOf({u"plain", u"Colour=blue", u"size=10=ten"});
+  EXPECT_EQ(pairs->IndexOfName(u"COLOUR"), 1);
+  EXPECT_EQ(pairs->Values(u"colour"), u"blue");
+  EXPECT_EQ(pairs->Values(u"size"), u"10=ten");
+  EXPECT_EQ(pairs->Values(u"plain"), u"");
+  EXPECT_EQ(pairs->Names(0), u"");
+  EXPECT_EQ(pairs->Names(2), u"size");
+  EXPECT_EQ(pairs->ValueFromIndex(1), u"blue");
 
-  list->SetValue(u"colour", u"red");
-  list->SetValue(u"shape", u"round");
-  list->SetValue(u"size", u"");
-  list->SetValueFromIndex(0, u"x");
-  list->SetValueFromIndex(-1, u"y");
-  EXPECT_EQ(Items(*list), (Strings{u"=x", u"colour=red", u"shape=round", u"=y"}));
-  list->SetValueFromIndex(0, u"");
-  list->SetNameValueSeparator(u':');
-  list->AddPair(u"k", u"v");
-  EXPECT_EQ(list->Values("K"), u"v");
-  EXPECT_EQ(list->IndexOfName(u"colour"), -1);
-  EXPECT_EQ(list->Count(), 4);
+  pairs->SetValue(u"colour", u"red");
+  pairs->SetValue(u"shape", u"round");
+  pairs->SetValue(u"size", u"");
+  pairs->SetValueFromIndex(0, u"x");
+  pairs->SetValueFromIndex(-1, u"y");
+  EXPECT_EQ(Items(*pairs), (Strings{u"=x", u"colour=red", u"shape=round", u"=y"}));
+  pairs->SetValueFromIndex(0, u"");
+  pairs->SetNameValueSeparator(u':');
+  pairs->AddPair(u"k", u"v");
+  EXPECT_EQ(pairs->Values("K"), u"v");
+  EXPECT_EQ(pairs->IndexOfName(u"colour"), -1);
+  EXPECT_EQ(pairs->Count(), 4);
 }
 
 TEST(StringList, OwnedObjectsAreFreedByDeleteClearAndDestruction) {

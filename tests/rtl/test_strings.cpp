@@ -13,7 +13,7 @@
 using namespace quma;
 using quma::test::ErrorOf;
 
-TEST(Utf, RoundTripsRepairsAndExceptionMessages) {
+TEST(Strings, UtfRoundTripsRepairsExceptionMessagesAsciiCaseMappingAndIntegers) {
   const std::string text = "A\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80";  // A é € 😀
   const UnicodeString u = Utf8ToUtf16(text);
   EXPECT_EQ(u, u"A\u00E9\u20AC\U0001F600");
@@ -28,9 +28,8 @@ TEST(Utf, RoundTripsRepairsAndExceptionMessages) {
   EXPECT_EQ(EConvertError(u"\u00E9").Message() + Utf8ToUtf16(EConvertError(u"\u00E9").what()), u"\u00E9\u00E9");
   EXPECT_EQ(EConvertError("x").ClassName(), u"EConvertError");
   EXPECT_EQ(EListError::OutOfBounds(7).Index(), 7);
-}
 
-TEST(Strings, AsciiOnlyCaseMappingAndIntegerConversion) {
+  // ASCII-only case mapping and integer conversion.
   EXPECT_EQ(UpperCase(u"abc\u00E9z"), u"ABC\u00E9Z");
   EXPECT_EQ(LowerCase(u"ABC\u00C9"), u"abc\u00C9");
   EXPECT_TRUE(SameText(u"Hello", u"hELLO"));
@@ -154,7 +153,7 @@ TEST(RegexAnalysis, GrowthMonotoneRefusesWhatLooksAheadOrCommits) {
   EXPECT_FALSE(TRegex(u"a", {preExtended}).GrowthMonotone());
 }
 
-TEST(RegexAnalysis, FirstAndRequiredUnits) {
+TEST(RegexAnalysis, FirstRequiredUnitsAndPossibleStarts) {
   const TRegex open(u"^<!-+-"), caseless(u"^x-+y", {preCaseLess}), space(u"^\\s+"), any(u"a|.");
   const std::tuple<const TRegex*, char16_t, bool> starts[] = {
       {&open, u'<', true},   {&open, u'!', false},  {&caseless, u'X', true}, {&caseless, u'z', false},
@@ -167,16 +166,14 @@ TEST(RegexAnalysis, FirstAndRequiredUnits) {
   EXPECT_TRUE(folds);
   EXPECT_EQ(space.RequiredUnit(folds), -1);
   EXPECT_EQ(TRegex(u"\\d+\u0080").RequiredUnit(folds), -1);  // only ASCII units are taken
-}
 
-// No match, complete or partial, starts before PossibleStart: checked against PCRE2 itself on
-// every start offset of random subjects; a known prefix also skips what cannot begin one.
-TEST(RegexAnalysis, PossibleStartNeverPassesAMatch) {
+  // No match, complete or partial, starts before PossibleStart: checked against PCRE2 itself on
+  // every start offset of random subjects; a known prefix also skips what cannot begin one.
   const TRegex close(u"</[a-z]+>$", {preSingleLine}), plain(u"^ab\\.c"), empty(u"a*$"), reset(u"x\\Ky"),
-      caseless(u"ab", {preCaseLess});
+      foldedAb(u"ab", {preCaseLess});
   EXPECT_EQ(close.LiteralPrefix(), u"</");
   EXPECT_EQ(plain.LiteralPrefix(), u"ab.c");
-  for (const TRegex* r : {&empty, &reset, &caseless}) EXPECT_TRUE(r->LiteralPrefix().empty()) << Utf16ToUtf8(r->Pattern());
+  for (const TRegex* r : {&empty, &reset, &foldedAb}) EXPECT_TRUE(r->LiteralPrefix().empty()) << Utf16ToUtf8(r->Pattern());
   EXPECT_EQ(close.PossibleStart(u"abc</x", 0), 3u);
   EXPECT_EQ(close.PossibleStart(u"a<b<", 0), 3u);
   EXPECT_EQ(close.PossibleStart(u"a<b<c", 1), 5u);
@@ -187,7 +184,7 @@ TEST(RegexAnalysis, PossibleStartNeverPassesAMatch) {
   for (int i = 0; i < 400; ++i) {
     UnicodeString s;
     for (auto n = random() % 40; n > 0; --n) s += alphabet[random() % (std::size(alphabet) - 1)];
-    for (const TRegex* r : {&close, &plain, &empty, &reset, &caseless})
+    for (const TRegex* r : {&close, &plain, &empty, &reset, &foldedAb})
       for (std::size_t from = 0; from <= s.size(); ++from) {
         const std::size_t at = r->PossibleStart(s, from);
         ASSERT_TRUE(at >= from && at <= s.size());
