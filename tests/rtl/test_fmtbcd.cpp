@@ -26,7 +26,9 @@ TEST(BcdText, ReadsAndWritesPlainDecimals) {
   const std::pair<const char16_t*, const char*> texts[] = {{u" 1,234,567.5 ", "1234567.5"}, {u"000.0100", "0.01"},
       {u"1.5e3", "1500"}, {u"15E-4", "0.0015"}, {u"7e", "7"}, {u".5", "0.5"}, {u"-0", "0"}};
   for (const auto& [text, written] : texts) EXPECT_EQ(S(B(text)), written) << Utf16ToUtf8(text);
-  EXPECT_EQ(S(B(std::u16string(64, u'9').c_str())), std::string(64, '9'));
+  const TBcd nines = B(std::u16string(64, u'9').c_str());
+  EXPECT_EQ(S(nines), std::string(64, '9'));
+  EXPECT_EQ(std::pair(nines.Digit(-1), nines.Digit(64)), std::pair(Byte{0}, Byte{0}));  // outside the 64 nibbles
   TBcd tiny;  // one digit, three places: the places beyond the digits are leading zeros
   tiny.Precision = 1;
   tiny.SignSpecialPlaces = 3;
@@ -68,6 +70,9 @@ TEST(BcdArithmetic, AddSubtractCompareAndNormalize) {
   }
   EXPECT_EQ(S(IntegerToBcd(INT64_MIN)), "-9223372036854775808");
   EXPECT_THROW(B(std::u16string(64, u'9').c_str()) + B(u"1"), EConvertError);
+  // A sum one digit too long loses its last decimal, rounded half away from zero.
+  EXPECT_EQ(S(B((u"9999999999." + std::u16string(54, u'5')).c_str()) + B(u"1")),
+            "10000000000." + std::string(52, '5') + "6");
 
   // Normalising to a precision and places.
   TBcd out;
