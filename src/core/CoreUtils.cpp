@@ -42,10 +42,8 @@ bool CurrentPlatformIsLittleEndian() noexcept { return !CurrentPlatformIsBigEndi
 
 // ---- key state ----
 
-namespace {
-
-// Windows virtual-key code -> Linux input event code; 0 = no equivalent. The generic modifier codes
-// map to the left-hand key, so IsKeyDown's second question for the right-hand key matters.
+// The generic modifier codes map to the left-hand key, so IsKeyDown's second question for the
+// right-hand key matters.
 int LinuxKeyCode(Integer vk) noexcept {
   static constexpr std::array<unsigned short, 26> kLetters = {
       KEY_A, KEY_B, KEY_C, KEY_D, KEY_E, KEY_F, KEY_G, KEY_H, KEY_I, KEY_J, KEY_K, KEY_L, KEY_M,
@@ -103,6 +101,8 @@ int LinuxKeyCode(Integer vk) noexcept {
     default: return 0;
   }
 }
+
+namespace {
 
 // Reads the pressed-key bitmaps of every readable evdev device (/dev/input/event*) with
 // EVIOCGKEY. Devices are opened on first use and re-scanned when none could be opened; reading

@@ -17,8 +17,8 @@ namespace quma {
 
 namespace detail {
 template <class T>
-concept CounterInt = std::is_integral_v<T> && !std::is_same_v<T, bool> && (sizeof(T) == 1 || sizeof(T) == 2 ||
-                                                                            sizeof(T) == 4 || sizeof(T) == 8);
+concept CounterInt = std::is_integral_v<T> && !std::is_same_v<T, bool> &&
+                     (sizeof(T) == 1 || sizeof(T) == 2 || sizeof(T) == 4 || sizeof(T) == 8);
 // Wrap-around addition in the width of T: the delta is truncated to narrower widths and
 // sign-extended to wider ones.
 template <CounterInt T>
@@ -86,12 +86,17 @@ inline constexpr Integer VK_LSHIFT = 160, VK_RSHIFT = 161, VK_LCONTROL = 162, VK
                          VK_RMENU = 165;
 
 // A source of asynchronous key state: the high bit of the result (0x8000) is set while the key is
-// down. The default reads the Linux input devices (see LinuxKeyStateProvider).
+// down. The default reads the Linux input devices (/dev/input/event*) for the code LinuxKeyCode gives.
 class IKeyStateProvider {
  public:
   virtual ~IKeyStateProvider() = default;
   virtual SmallInt GetAsyncKeyState(Integer nVirtualKey) = 0;
 };
+
+// The Linux input event code (<linux/input-event-codes.h>) the default provider reads for a
+// virtual key, 0 when there is none; the generic modifiers give the left-hand key. Providers that
+// read another source of the same codes (libinput, a remote device) use it too.
+int LinuxKeyCode(Integer nVirtualKey) noexcept;
 
 // Replaces the process-wide provider (nullptr restores the default); returns the previous one.
 std::shared_ptr<IKeyStateProvider> SetKeyStateProvider(std::shared_ptr<IKeyStateProvider> provider);

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <linux/input-event-codes.h>
 
 #include <bit>
 #include <limits>
@@ -52,7 +53,7 @@ TEST(CoreUtils, CountOfCharByteOrderAndIsAssigned) {
   EXPECT_TRUE(IsAssigned(&bound));
   TNotifyEvent codeOnly = Bind<&THolder::Handle>(static_cast<THolder*>(nullptr));
   EXPECT_TRUE(static_cast<bool>(codeOnly));  // the code half is set...
-  EXPECT_FALSE(IsAssigned(&codeOnly));      // ...but without an object it counts as unassigned
+  EXPECT_FALSE(IsAssigned(&codeOnly));       // ...but without an object it counts as unassigned
   EXPECT_FALSE(IsAssigned(TNotifyEvent()));
   EXPECT_FALSE(IsAssigned(static_cast<const TNotifyEvent*>(nullptr)));
 }
@@ -84,6 +85,16 @@ TEST(IsKeyDown, HighByteMeansDownAndGenericModifiersFallBackToTheRightHandKey) {
   EXPECT_EQ(SetKeyStateProvider(nullptr), keys);  // hands back the one it replaces
   EXPECT_FALSE(IsKeyDown(0xFF));
   EXPECT_EQ(DefaultKeyStateProvider()->GetAsyncKeyState(0xFF), 0);
+}
+
+TEST(IsKeyDown, LinuxKeyCodesAtTheEdgesOfEachRange) {
+  const Integer keys[] = {'A',       'Z',      '0', '9', 0x60, 0x69, 0x70, 0x7B, 0x01, VK_SHIFT,
+                          VK_RSHIFT, VK_RMENU, '/', ':', '@',  '[',  0x7C, 0xFF, -1};
+  const int codes[] = {
+      KEY_A,          KEY_Z,        KEY_0, KEY_9, KEY_KP0, KEY_KP9,      KEY_F1, KEY_F12, BTN_LEFT, KEY_LEFTSHIFT,
+      KEY_RIGHTSHIFT, KEY_RIGHTALT, 0,     0,     0,       KEY_LEFTMETA, 0,      0,       0};
+  static_assert(std::size(keys) == std::size(codes));
+  for (std::size_t i = 0; i < std::size(keys); ++i) EXPECT_EQ(LinuxKeyCode(keys[i]), codes[i]) << keys[i];
 }
 
 TEST(LocatedException, CarriesLocationApartFromMessage) {
