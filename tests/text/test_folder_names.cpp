@@ -102,7 +102,7 @@ TEST_F(FolderNames, LaterRegistrationsWinAndUnregisterNeedsAnExactMatch) {
   EXPECT_EQ(ExpandFolderName(u"/a/<T>"), u"/a/<T>");
 }
 
-TEST_F(FolderNames, StandardFoldersComeFromTheXdgDirectories) {
+TEST_F(FolderNames, StandardFoldersComeFromTheXdgDirectoriesOrTheProcess) {
   const std::filesystem::path home =
       std::filesystem::temp_directory_path() / ("quma-folders-" + std::to_string(getpid()));
   std::filesystem::create_directories(home / "cfg");
@@ -143,9 +143,8 @@ TEST_F(FolderNames, StandardFoldersComeFromTheXdgDirectories) {
   // The base directories, the temporary folder and what the file refers to; nothing else.
   EXPECT_EQ(env.Asked, (std::set<std::string>{"HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_DATA_HOME",
                                               "TMPDIR", "DOCROOT9"}));
-}
 
-TEST_F(FolderNames, ProcessDefaultsUseThisExecutable) {
+  // The process defaults use this executable; registered later, they win.
   QUMARegisterStandardFolderNames(TQUMAFolderEnvironment());
   const std::string exe = TQUMAFolderEnvironment().ExecutablePath();
   ASSERT_FALSE(exe.empty());

@@ -55,7 +55,6 @@ TEST(Geometry, DocumentedRectangleCases) {
   EXPECT_EQ(TRectD(0, 0, 400, 100).PlaceInto(TRectD(0, 0, 100, 100), THorzRectAlign::Left, TVertRectAlign::Bottom),
             TRectD(0, 75, 100, 100));
   EXPECT_EQ(TRectD(0, 0, 10, 10).CenterAt(TRectD(0, 0, 30, 50)), TRectD(10, 20, 20, 30));
-  EXPECT_EQ(Text(TRectD(0, 0.5, 10, 20)), "(0,0.5,10,20)");
   for (const char16_t* bad : {u"(1,2,x,4)", u"(1,2,3)", u"", u"1,2,3,4"})
     EXPECT_EQ(Types::StringToRect(bad), TRectD()) << Utf16ToUtf8(bad);
   EXPECT_EQ(Utf16ToUtf8(RectToString(TRect64(-1, 2, INT64_MAX, 4))), "(-1,2,9223372036854775807,4)");
@@ -104,7 +103,7 @@ TEST(Geometry, RectangleMembers) {
   EXPECT_EQ(TRectD(0, 0, 2, 2) * TRectD(1, 1, 3, 3), TRectD(1, 1, 2, 2));
 }
 
-TEST(Geometry, PointsAndSizes) {
+TEST(Geometry, PointsSizesHashAndText) {
   const TPointD p(3, 4);
   EXPECT_EQ(p.Length(), 5);
   EXPECT_EQ(p.Distance({0, 0}), 5);
@@ -158,9 +157,6 @@ TEST(Geometry, PointsAndSizes) {
   EXPECT_TRUE(TSize64().IsZero());
   EXPECT_EQ(static_cast<TSize>(TSize64(INT64_MAX, -1)), (TSize{INT32_MAX, -1}));
   EXPECT_EQ(static_cast<TPointF>(TSizeD(TPointF{1.5f, 2})), (TPointF{1.5f, 2}));
-}
-
-TEST(Geometry, HashAndText) {
   EXPECT_EQ(std::hash<TPointD>()({0.0, 1}), std::hash<TPointD>()({-0.0, 1}));
   EXPECT_NE(std::hash<TRect64>()({1, 2, 3, 4}), std::hash<TRect64>()({2, 1, 3, 4}));
   std::ostringstream os;
@@ -227,7 +223,7 @@ struct TChangeCounter : TObject {
 };
 }  // namespace
 
-TEST(Bounds, EdgesNotifyOnlyRealChanges) {
+TEST(Bounds, EdgesNotifyOnlyRealChangesAndOlderPropertiesRead) {
   TObjectPtr<TBoundsD> b(New<TBoundsD>(TRectD(1, 2, 3, 4)));
   TObjectPtr<TChangeCounter> counter(New<TChangeCounter>());
   b->OnChange = Bind<&TChangeCounter::Changed>(counter.get());
@@ -262,6 +258,26 @@ TEST(Bounds, EdgesNotifyOnlyRealChanges) {
   EXPECT_FALSE(b->MarginEmpty());
   b->SetRect({});
   EXPECT_TRUE(b->MarginEmpty() && b->Empty());
+
+  // Older properties: the integer edges, and the rectangle as text.
+  counter->Count = 0;
+  ReadPropertiesFromText(b.get(), u"LeftI = 5\n  topi = -3\nRightI = 7\nBottomI = 8");
+  EXPECT_EQ(b->GetRect(), TRectD(5, -3, 7, 8));
+  EXPECT_EQ(counter->Count, 0);
+  ReadPropertiesFromText(b.get(), u"Rect = '(1,2,3,4.5)'");
+  EXPECT_EQ(b->GetRect(), TRectD(1, 2, 3, 4.5));
+  ReadPropertiesFromText(b.get(), u"RectI = '(10,20,0,5)'");  // not normalised
+  EXPECT_EQ(b->GetRect(), TRectD(10, 20, 0, 5));
+  ReadPropertiesFromText(b.get(), u"Rect = '(1,2,x,4)'");  // as StringToRect: empty
+  EXPECT_EQ(b->GetRect(), TRectD());
+  EXPECT_EQ(counter->Count, 3);
+  // Older data of the wrong type is reported and changes nothing.
+  b->SetRect({1, 2, 3, 4});
+  for (const auto& [text, name] : {std::pair{u"Left = 9\nLeftI = 1.5", u"LeftI"}, {u"Top = 9\nRectI = 5", u"RectI"}}) {
+    EXPECT_EQ(ErrorText<EReadError>([&] { ReadPropertiesFromText(b.get(), text); }),
+              u"Line 2, property " + UnicodeString(name) + u": Invalid property value");
+    EXPECT_EQ(b->GetRect(), TRectD(1, 2, 3, 4));
+  }
 }
 
 TEST(Bounds, StreamsOnlyEdgesThatDifferFromTheDefault) {
@@ -281,27 +297,4 @@ TEST(Bounds, StreamsOnlyEdgesThatDifferFromTheDefault) {
   b->SetRect({0, 3, 0, 0});
   ReadPropertiesFromText(copy.get(), WritePropertiesToText(b.get()));
   EXPECT_EQ(copy->GetRect(), TRectD(0, 3, 5, 5));
-}
-
-TEST(Bounds, ReadsOlderProperties) {
-  TObjectPtr<TBoundsD> b(New<TBoundsD>());
-  TObjectPtr<TChangeCounter> counter(New<TChangeCounter>());
-  b->OnChange = Bind<&TChangeCounter::Changed>(counter.get());
-  ReadPropertiesFromText(b.get(), u"LeftI = 5\n  topi = -3\nRightI = 7\nBottomI = 8");
-  EXPECT_EQ(b->GetRect(), TRectD(5, -3, 7, 8));
-  EXPECT_EQ(counter->Count, 0);
-  ReadPropertiesFromText(b.get(), u"Rect = '(1,2,3,4.5)'");
-  EXPECT_EQ(b->GetRect(), TRectD(1, 2, 3, 4.5));
-  ReadPropertiesFromText(b.get(), u"RectI = '(10,20,0,5)'");  // not normalised
-  EXPECT_EQ(b->GetRect(), TRectD(10, 20, 0, 5));
-  ReadPropertiesFromText(b.get(), u"Rect = '(1,2,x,4)'");  // as StringToRect: empty
-  EXPECT_EQ(b->GetRect(), TRectD());
-  EXPECT_EQ(counter->Count, 3);
-  // Older data of the wrong type is reported and changes nothing.
-  b->SetRect({1, 2, 3, 4});
-  for (const auto& [text, name] : {std::pair{u"Left = 9\nLeftI = 1.5", u"LeftI"}, {u"Top = 9\nRectI = 5", u"RectI"}}) {
-    EXPECT_EQ(ErrorText<EReadError>([&] { ReadPropertiesFromText(b.get(), text); }),
-              u"Line 2, property " + UnicodeString(name) + u": Invalid property value");
-    EXPECT_EQ(b->GetRect(), TRectD(1, 2, 3, 4));
-  }
 }
