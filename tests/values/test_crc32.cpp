@@ -79,13 +79,6 @@ TEST(CRC32C, EveryKernelMatchesTheBitwiseDefinition) {
                      BitwiseCRC32C, QUMACRC32CStart);
 }
 
-TEST(CRC32, CheckValueEmptyAndChaining) {
-  EXPECT_EQ(CRC32("123456789", 9), 0xCBF43926u);  // the default start
-  EXPECT_EQ(CRC32(nullptr, 0, 0x12345678u), ~0x12345678u);
-  // Continuing needs NOT of the previous result (so the result unchanged does not chain).
-  EXPECT_EQ(CRC32("56789", 5, ~CRC32("1234", 4)), 0xCBF43926u);
-}
-
 // A pointer must not pass for a bool.
 template <class T>
 concept OneArgumentCRC = requires(T v) {
@@ -123,7 +116,7 @@ TEST(CRC32, ValueOverloadsFeedTheirBytesInMemoryOrder) {
   EXPECT_EQ(CRC32(r, s), CRC32(-1.0L, s));
 }
 
-TEST(CRC32, ByteArrayFeedsItsReferenceNotItsElements) {
+TEST(CRC32, ByteArrayFeedsItsReferenceTheCheckValueAndChaining) {
   const TBytes a{1, 2, 3}, b{1, 2, 3};
   EXPECT_NE(CRC32(a, 0xFFFFFFFFu), CRC32(b, 0xFFFFFFFFu));
   const Byte* ref = a.data();
@@ -132,6 +125,10 @@ TEST(CRC32, ByteArrayFeedsItsReferenceNotItsElements) {
   EXPECT_EQ(CRC32(TBytes{}, 0xFFFFFFFFu), CRC32(&none, sizeof none, 0xFFFFFFFFu));
   // The span overload is the one for contents.
   EXPECT_EQ(CRC32(std::span<const Byte>(a)), CRC32(std::span<const Byte>(b)));
+  EXPECT_EQ(CRC32("123456789", 9), 0xCBF43926u);  // the default start
+  EXPECT_EQ(CRC32(nullptr, 0, 0x12345678u), ~0x12345678u);
+  // Continuing needs NOT of the previous result (so the result unchanged does not chain).
+  EXPECT_EQ(CRC32("56789", 5, ~CRC32("1234", 4)), 0xCBF43926u);
 }
 
 }  // namespace

@@ -26,7 +26,7 @@ TRectD RandomRect(std::mt19937& rng) {
 }
 }  // namespace
 
-TEST(Geometry, DocumentedRectangleCases) {
+TEST(Geometry, DocumentedRectangleCasesAndMembers) {
   const double nan = std::numeric_limits<double>::quiet_NaN();
   EXPECT_TRUE(IsRectEmpty(TRectD(5, 0, 5, 10)));
   EXPECT_TRUE(TRectD(0, 0, nan, 10).IsEmpty());
@@ -58,10 +58,9 @@ TEST(Geometry, DocumentedRectangleCases) {
   for (const char16_t* bad : {u"(1,2,x,4)", u"(1,2,3)", u"", u"1,2,3,4"})
     EXPECT_EQ(Types::StringToRect(bad), TRectD()) << Utf16ToUtf8(bad);
   EXPECT_EQ(Utf16ToUtf8(RectToString(TRect64(-1, 2, INT64_MAX, 4))), "(-1,2,9223372036854775807,4)");
-}
 
-TEST(Geometry, RectangleMembers) {
-  TRectD r(TPointD(1, 2), 10, 20);
+  // The members.
+  r = TRectD(TPointD(1, 2), 10, 20);
   EXPECT_EQ(r, TRectD(1, 2, 11, 22));
   EXPECT_EQ(r.Size(), TSizeD(10, 20));
   r.SetLocation(5, 5);

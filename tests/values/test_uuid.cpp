@@ -106,7 +106,7 @@ TEST(UuidValue, ZeroValueConstructorsAndRandomise) {
   }
 }
 
-TEST(UuidValue, GuidConversionsSwapFieldsButNeverWriteTimeLow) {
+TEST(UuidValue, GuidConversionsAndOrdering) {
   const TGUID g = TGUID::Parse("{12345678-9ABC-DEF0-1122-334455667788}");
   TQUMA_Uuid target = FromBytes({0xAA, 0xBB, 0xCC, 0xDD});
   target = g;  // assignment keeps bytes 0..3
@@ -121,9 +121,8 @@ TEST(UuidValue, GuidConversionsSwapFieldsButNeverWriteTimeLow) {
   TQUMA_Uuid again = r;
   again = static_cast<TGUID>(r);
   EXPECT_EQ(again, r);
-}
 
-TEST(UuidValue, CompareOrdersByteWiseWhileOperatorsTestEveryByte) {
+  // Compare orders byte-wise while the operators test every byte.
   const TQUMA_Uuid a = FromBytes({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16});
   TQUMA_Uuid b = a;
   b._baUuid[15] = 17;
@@ -228,13 +227,11 @@ TEST(UuidText, EveryFormMatchesLibuuidAndItsBufferFormAndReadsBack) {
       const UnicodeString expected = u.Format(std::string_view(name));
       ASSERT_EQ(expected, u.Format(Utf8ToUtf16(same)));
       ASSERT_EQ(UnicodeString(wide, u.FormatTo(wide, Utf8ToUtf16(name))), expected);
-      char narrow[TQUMA_Uuid::MaxUtf8TextLength];
       const std::string utf8 = u.FormatUtf8(name);
       ASSERT_EQ(utf8, Utf16ToUtf8(expected));
-      ASSERT_EQ(std::string(narrow, u.FormatTo(narrow, name)), utf8);
       // Exactly long enough, and one short.
       std::vector<char> fit(utf8.size()), shortBy1(utf8.size() - 1, '#');
-      ASSERT_EQ(u.FormatTo(std::span<char>(fit), name), utf8.size());
+      ASSERT_EQ(std::string(fit.data(), u.FormatTo(std::span<char>(fit), name)), utf8);
       ASSERT_EQ(u.FormatTo(std::span<char>(shortBy1), name), 0u);
       ASSERT_EQ(std::count(shortBy1.begin(), shortBy1.end(), '#'), static_cast<std::ptrdiff_t>(shortBy1.size()));
       std::vector<char16_t> fit16(expected.size()), short16(expected.size() - 1, u'#');
@@ -254,13 +251,13 @@ TEST(UuidText, EveryFormMatchesLibuuidAndItsBufferFormAndReadsBack) {
   }
 }
 
-TEST(UuidText, ShapesOfTheForms) {
+TEST(UuidText, ShapesOfTheFormsAndTheirRecognition) {
   // JHash is Bob Jenkins' lookup2 hash() of the stored bytes with initial value 0, as published.
   EXPECT_EQ(Sample.JHash(), 0x149421D6u);
   EXPECT_EQ(Sample.Format(u"hex"), u"00112233445566778899aabbccddeeff");
   EXPECT_EQ(Sample.Format(u"base64"), u"ABEiM0RVZneImaq7zN3u/w==");
   const Cardinal h = Sample.JHash();
-  const UnicodeString path = Sample.Format(u"jhashpath");
+  UnicodeString path = Sample.Format(u"jhashpath");
   EXPECT_EQ(path.substr(0, 6), LowerCase(Format(u"%.2x\\%.2x\\", (h >> 8) & 0xFF, h & 0xFF)));
   EXPECT_EQ(path.substr(6), u"00112233445566778899aabbccddeeff");
   EXPECT_EQ(Sample.Format(u"unknown"), u"00112233-4455-6677-8899-aabbccddeeff");
@@ -269,13 +266,11 @@ TEST(UuidText, ShapesOfTheForms) {
   ref._SetAsString(u"QUMA-Ref");
   EXPECT_EQ(ref.Format(), u"Internal Reference: " + UnicodeString(u"Q\0U\0M\0A\0-\0R\0e\0f\0", 16));
   EXPECT_EQ(ref.Format(u"hex").substr(0, 10), u"510055004d");  // named forms are unaffected
-}
 
-TEST(UuidText, RecognitionByLengthAndPunctuation) {
+  // Recognition by length and punctuation.
   // The MS form with its closing brace missing (37 units) is still the MS form.
   EXPECT_EQ(TQUMA_Uuid::Create(u"{00112233-4455-6677-8899-AABBCCDDEEFF"), Sample);
   // The path form with "/" separators.
-  UnicodeString path = Sample.Format(u"jhashpath");
   path[2] = path[5] = u'/';
   EXPECT_EQ(TQUMA_Uuid::Create(path), Sample);
   // The empty text is the zero value; the length stops at the first zero unit.
@@ -417,6 +412,17 @@ TEST(UuidVersions, Version5VectorsVersion4AndReadingVersion7TimeBack) {
   EXPECT_TRUE(RfcVariant(v7));
   EXPECT_GE(*v7.V7UnixMilliseconds(), before);
   EXPECT_LE(*v7.V7UnixMilliseconds(), after);
+
+  // The std::format-style format codes.
+  const TQUMA_Uuid u = U("00112233-4455-6677-8899-aabbccddeeff");
+  EXPECT_EQ(u.FormatSpec(""), "00112233-4455-6677-8899-aabbccddeeff");
+  EXPECT_EQ(u.FormatSpec("D"), u.FormatSpec(""));
+  EXPECT_EQ(u.FormatSpec("B"), "{00112233-4455-6677-8899-AABBCCDDEEFF}");
+  EXPECT_EQ(u.FormatSpec("N"), "00112233445566778899aabbccddeeff");
+  char small[8];
+  EXPECT_EQ(u.FormatSpecTo(small, "N"), 0u);
+  for (const char* bad : {"b", "X", "BN", "ms"})
+    EXPECT_EQ(ErrorText([&] { (void)u.FormatSpec(bad); }), SUuidUnrecognisedFormat) << bad;
 }
 
 TEST(UuidVersions, Version7SortsInCreationOrderAcrossThreads) {
@@ -455,18 +461,6 @@ TEST(UuidVersions, ForkedChildrenDrawFreshRandomBits) {
   close(fds[0]);
   close(fds[1]);
   EXPECT_NE(std::memcmp(a._baUuid + 12, b._baUuid + 12, 4), 0);  // the 32 random bits at the end
-}
-
-TEST(UuidVersions, FormatSpecs) {
-  const TQUMA_Uuid u = U("00112233-4455-6677-8899-aabbccddeeff");
-  EXPECT_EQ(u.FormatSpec(""), "00112233-4455-6677-8899-aabbccddeeff");
-  EXPECT_EQ(u.FormatSpec("D"), u.FormatSpec(""));
-  EXPECT_EQ(u.FormatSpec("B"), "{00112233-4455-6677-8899-AABBCCDDEEFF}");
-  EXPECT_EQ(u.FormatSpec("N"), "00112233445566778899aabbccddeeff");
-  char small[8];
-  EXPECT_EQ(u.FormatSpecTo(small, "N"), 0u);
-  for (const char* bad : {"b", "X", "BN", "ms"})
-    EXPECT_EQ(ErrorText([&] { (void)u.FormatSpec(bad); }), SUuidUnrecognisedFormat) << bad;
 }
 
 }  // namespace
