@@ -255,7 +255,6 @@ TEST(LocalDates, ConvertThroughTheProcessTimeZone) {
   EXPECT_EQ(LocalTimeToRFC5322Date(DT(2024, 1, 1, 0, 30)), u"Sun, 31 Dec 2023 23:30:00 +0000");
   EXPECT_EQ(LocalTimeToXMLDate(DT(2024, 7, 15, 12)), u"2024-07-15T10:00:00Z");
   EXPECT_EQ(LocalTimeToXMLDateUtf8(DT(2024, 7, 15, 12)), "2024-07-15T10:00:00Z");
-  EXPECT_DOUBLE_EQ(HTTPDateToLocalTime(u"Mon, 15 Jul 2024 10:00:00 GMT"), DT(2024, 7, 15, 12));
   EXPECT_DOUBLE_EQ(HTTPDateToLocalTime("Mon, 15 Jan 2024 10:00:00 GMT"), DT(2024, 1, 15, 11));
   EXPECT_DOUBLE_EQ(RFC822DateToLocalTime(u"15 Jan 24 10:00 GMT"), DT(2024, 1, 15, 11));
   EXPECT_DOUBLE_EQ(RFC5322DateToLocalTime(u"15 Jan 2024 10:00 +0000"), DT(2024, 1, 15, 11));
