@@ -65,20 +65,18 @@ std::vector<std::time_t> Instants() {
   return out;
 }
 
-class ScopedTimeZone {
- public:
+// Sets the process time zone for its lifetime, then puts back what was there.
+struct ScopedTimeZone {
   explicit ScopedTimeZone(const char* tz) {
-    if (const char* old = std::getenv("TZ")) FOld = old;
+    if (const char* old = std::getenv("TZ")) Old = old;
     setenv("TZ", tz, 1);
     tzset();
   }
   ~ScopedTimeZone() {
-    FOld ? setenv("TZ", FOld->c_str(), 1) : unsetenv("TZ");
+    Old ? setenv("TZ", Old->c_str(), 1) : unsetenv("TZ");
     tzset();
   }
-
- private:
-  std::optional<std::string> FOld;
+  std::optional<std::string> Old;
 };
 
 }  // namespace
@@ -168,16 +166,12 @@ TEST(DateReaders, RejectedTextsAreNamedInTheMessage) {
         "12:60:00", "12:00:60"},
        {}},
   };
-  for (const auto& r : readers) {
-    for (const char* bad : r.Unreadable) {
-      EXPECT_EQ(ConvertErrorOf([&] { r.Read.Wide(Utf8ToUtf16(bad)); }), M1(bad)) << bad;
-      EXPECT_EQ(ConvertErrorOf([&] { r.Read.Narrow(bad); }), M1(bad)) << bad;
-    }
-    for (const char* bad : r.WrongDay) {
-      EXPECT_EQ(ConvertErrorOf([&] { r.Read.Wide(Utf8ToUtf16(bad)); }), M2(bad)) << bad;
-      EXPECT_EQ(ConvertErrorOf([&] { r.Read.Narrow(bad); }), M2(bad)) << bad;
-    }
-  }
+  for (const auto& r : readers)
+    for (const auto& [texts, message] : {std::pair{&r.Unreadable, &M1}, {&r.WrongDay, &M2}})
+      for (const char* bad : *texts) {
+        EXPECT_EQ(ConvertErrorOf([&] { r.Read.Wide(Utf8ToUtf16(bad)); }), message(bad)) << bad;
+        EXPECT_EQ(ConvertErrorOf([&] { r.Read.Narrow(bad); }), message(bad)) << bad;
+      }
 }
 
 TEST(RFC822Date, YearsShiftByTheEightyRuleAndZonesAddInTheDirectionOfTheirSign) {
