@@ -81,7 +81,7 @@ struct ScopedTimeZone {
 
 }  // namespace
 
-TEST(DateWriters, MatchTheCLibraryInUtcAndReadBack) {
+TEST(DateWriters, MatchTheCLibraryInUtcReadBackAndAgreeWithTheGeneralFormatter) {
   for (std::time_t t : Instants()) {
     const TDateTime v = FromUnix(t);
     if (v == 0) continue;  // zero stands for "now"
@@ -96,9 +96,8 @@ TEST(DateWriters, MatchTheCLibraryInUtcAndReadBack) {
     ASSERT_DOUBLE_EQ(HTTPDateToGMTime(GMTimeToHTTPDateUtf8(v)), v);
     ASSERT_DOUBLE_EQ(XMLDateToGMTime(GMTimeToXMLDate(v)), v);
   }
-}
 
-TEST(DateWriters, AgreeWithTheGeneralFormatter) {
+  // They agree with the general formatter.
   const TFormatSettings gb = TFormatSettings::Create(u"en-GB");
   for (TDateTime v : {DT(1, 1, 1), DT(999, 12, 31, 23, 59, 59), DT(1899, 12, 29, 6), -1.75, 0.5, 45000.123456}) {
     EXPECT_EQ(GMTimeToHTTPDate(v), FormatDateTime(u"ddd, dd mmm yyyy hh':'nn':'ss 'GMT'", v, gb));
@@ -138,7 +137,7 @@ struct TReader {
   TDateTime (*Narrow)(std::string_view);
 };
 
-TEST(DateReaders, RejectedTextsAreNamedInTheMessage) {
+TEST(DateReaders, RejectedTextsAreNamedAndRFC822YearsAndZonesShift) {
   const struct {
     TReader Read;
     std::vector<const char*> Unreadable, WrongDay;
@@ -172,9 +171,8 @@ TEST(DateReaders, RejectedTextsAreNamedInTheMessage) {
         EXPECT_EQ(ConvertErrorOf([&] { r.Read.Wide(Utf8ToUtf16(bad)); }), message(bad)) << bad;
         EXPECT_EQ(ConvertErrorOf([&] { r.Read.Narrow(bad); }), message(bad)) << bad;
       }
-}
 
-TEST(RFC822Date, YearsShiftByTheEightyRuleAndZonesAddInTheDirectionOfTheirSign) {
+  // RFC 822: years shift by the eighty rule.
   const std::pair<const char*, TDateTime> years[] = {
       {"01 Jan 99 10:00 GMT", DT(1999, 1, 1, 10)},         {"01 Jan 05 10:00 GMT", DT(2005, 1, 1, 10)},
       {"01 Jan 80 10:00 UT", DT(1980, 1, 1, 10)},          {"01 Jan 79 10:00 Z", DT(2079, 1, 1, 10)},

@@ -46,7 +46,7 @@ class FolderNames : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(FolderNames, EncodingAndExpansionRules) {
+TEST_F(FolderNames, EncodingExpansionAndRegistrationRules) {
   RegisterFolderNameEncoding(u"/data", u"Data");                // wrapped
   RegisterFolderNameEncoding(u"\\data\\Deep\\", u"{:Deep:}");   // already wrapped, separators normalised
   RegisterFolderSegmentEncoding(u"MyApp", u"{:AppName:}");
@@ -75,9 +75,8 @@ TEST_F(FolderNames, EncodingAndExpansionRules) {
     EXPECT_EQ(out, expanded) << Utf16ToUtf8(encoded);
   }
   EXPECT_EQ(ExpandFolderName(std::string_view("{:Data:}/\xC3\xA9")), "/data/\xC3\xA9");  // UTF-8
-}
 
-TEST_F(FolderNames, LaterRegistrationsWinAndUnregisterNeedsAnExactMatch) {
+  // Later registrations win, and unregistering needs an exact match.
   RegisterFolderNameEncoding(u"/srv", u"One");
   RegisterFolderNameEncoding(u"/srv", u"Two");  // the folder now encodes as Two; both expand
   EXPECT_EQ(EncodeFolderName(u"/srv/a"), u"{:Two:}/a");

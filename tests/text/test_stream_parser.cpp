@@ -94,7 +94,7 @@ const TQUMAStreamedNodeDefinition::TNodeOptions kRoot{snd_CanBeRootNode};
 const TQUMAStreamedNodeDefinition::TNodeOptions kTextRoot{snd_CanBeRootNode, snd_AllowsText};
 const TQUMAStreamedNodeDefinition::TNodeOptions kNested{snd_CanBeRootNode, snd_AllowsText, snd_AllowsNodes};
 
-TEST_F(StreamParserTest, SinglePatternNodesCloseAtOnceAndTopLevelTextWaits) {
+TEST_F(StreamParserTest, SinglePatternNodesCloseAtOnceTopLevelTextWaitsValidPatternsMatchTheWholeNode) {
   Add({u"word", u"[a-z]+ ", u"", u"", u"", kRoot});
   Add({u"NUM", u"n[0-9]", u"", u"", u"", {snd_CanBeRootNode, snd_CaseInsensitiveOpen}});
   EXPECT_EQ(Events("ab N5cd  ?x"), (TEvents{"open:word:ab ", "close:word:ab ", "open:NUM:N5", "close:NUM:N5",
@@ -103,6 +103,12 @@ TEST_F(StreamParserTest, SinglePatternNodesCloseAtOnceAndTopLevelTextWaits) {
   Parser->Definition(0)->SetCanBeRootNode(false);
   Parser->Definition(1)->SetCanBeRootNode(false);
   EXPECT_TRUE(Events("ab ").empty());
+
+  // The valid text is the whole match less the open text; text after it closes the node.
+  Add({u"num", u"#", u"", u"", u"#[0-9]*", kTextRoot});
+  Add({u"word", u"[a-z]+;", u"", u"", u"", kRoot});
+  EXPECT_EQ(Events("#12ab;#7"),
+            (TEvents{"open:num:#", "close:num:#12", "open:word:ab;", "close:word:ab;", "open:num:#", "close:num:#7"}));
 }
 
 TEST_F(StreamParserTest, ContentCloseAndNesting) {
@@ -116,14 +122,6 @@ TEST_F(StreamParserTest, ContentCloseAndNesting) {
   // A node that takes neither text nor nodes closes before foreign text, which goes to its parent.
   Add({u"hr", u"<hr>", u"</hr>", u"", u"", {}});
   EXPECT_EQ(Events("<b><hr>q</b>"), (TEvents{"open:b:<b>", "open:hr:<hr>", "close:hr:<hr>", "close:b:<b>q</b>"}));
-}
-
-TEST_F(StreamParserTest, ValidPatternMatchesTheWholeNode) {
-  // The valid text is the whole match less the open text; text after it closes the node.
-  Add({u"num", u"#", u"", u"", u"#[0-9]*", kTextRoot});
-  Add({u"word", u"[a-z]+;", u"", u"", u"", kRoot});
-  EXPECT_EQ(Events("#12ab;#7"),
-            (TEvents{"open:num:#", "close:num:#12", "open:word:ab;", "close:word:ab;", "open:num:#", "close:num:#7"}));
 }
 
 TEST_F(StreamParserTest, FailuresNameLineCharacterAndNextCharacters) {

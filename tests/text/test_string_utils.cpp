@@ -23,7 +23,7 @@ int Sign(int v) { return v < 0 ? -1 : v > 0 ? 1 : 0; }
 
 }  // namespace
 
-TEST(UTF8CompareStr, OrdersByCodePointThenByStoredLengthInEveryForm) {
+TEST(UTF8CompareStr, OrdersByCodePointThenByStoredLengthInEveryFormAndReportsMalformedInput) {
   // U+00E9 (2 bytes) sorts after "z"; U+20AC (3 bytes) after U+00E9; U+1F600 (4 bytes) after both.
   // Equal code points written with different byte counts: the longer (an overlong "A") is greater.
   const std::tuple<std::string_view, std::string_view, int> cases[] = {
@@ -67,15 +67,14 @@ TEST(UTF8CompareStr, OrdersByCodePointThenByStoredLengthInEveryForm) {
     ASSERT_EQ(UTF8CompareStr(x, Utf8ToUtf16(y)), expected);
     ASSERT_EQ(UTF8CompareStr(Utf8ToUtf16(x), y), expected);
   }
-}
 
-TEST(UTF8CompareStr, MalformedInput) {
+  // Malformed input.
   // Octal escapes end after three digits, so "\303A" is a lead byte followed by "A".
   const std::string cut = "expected byte not found", noContinuation = "expected continuation byte not found";
-  const std::tuple<std::string_view, std::string_view, const std::string&> cases[] = {
+  const std::tuple<std::string_view, std::string_view, const std::string&> bad[] = {
       {"a\xC3", "ab", cut}, {"ab", "a\xE2\x82", cut}, {"\303A", "x", noContinuation},
       {"\xC3", "\303A", cut} /* A first */, {"\303A", "\xC3", noContinuation}};
-  for (const auto& [a, b, error] : cases) EXPECT_EQ(Utf8ErrorOf([&] { UTF8CompareStr(a, b); }), error) << a << " " << b;
+  for (const auto& [a, b, error] : bad) EXPECT_EQ(Utf8ErrorOf([&] { UTF8CompareStr(a, b); }), error) << a << " " << b;
   EXPECT_EQ(Utf8ErrorOf([] { UTF8CompareStr("\360\237\230A", u"x"); }), noContinuation);
   EXPECT_EQ(Utf8ErrorOf([] { UTF8CompareStr(u"x", "\342AB"); }), noContinuation);
   // Lead bytes that start nothing read as code point 0, without error; bad input after a difference is never read.

@@ -101,7 +101,7 @@ void ExpectViaCore(Cardinal start, T... values) {
   (check(values), ...);
 }
 
-TEST(CRC32, ValueOverloadsFeedTheirBytesInMemoryOrder) {
+TEST(CRC32, ValueOverloadsFeedTheirBytesArraysTheirReferenceAndResultsChain) {
   const Cardinal s = 0xFFFFFFFFu;
   ExpectViaCore(0x1234u, true, false, 'A', u'\u20AC', std::int8_t{-2}, std::uint8_t{200}, std::int16_t{-300},
                 std::uint16_t{60000}, Integer{1}, Cardinal{0xDEADBEEF}, Int64{-5}, UInt64{1} << 40, -5LL, 7ULL, 1.5f,
@@ -114,9 +114,8 @@ TEST(CRC32, ValueOverloadsFeedTheirBytesInMemoryOrder) {
   EXPECT_EQ(r.Exponent(), 0x3FFF);
   EXPECT_EQ(r.ToExtended(), -1.0L);
   EXPECT_EQ(CRC32(r, s), CRC32(-1.0L, s));
-}
 
-TEST(CRC32, ByteArrayFeedsItsReferenceTheCheckValueAndChaining) {
+  // A byte array feeds its reference, not its elements.
   const TBytes a{1, 2, 3}, b{1, 2, 3};
   EXPECT_NE(CRC32(a, 0xFFFFFFFFu), CRC32(b, 0xFFFFFFFFu));
   const Byte* ref = a.data();

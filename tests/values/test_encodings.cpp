@@ -21,7 +21,7 @@ namespace {
 
 using test::ErrorText;
 
-TEST(HexStrings, PlainFormIsLowerCasePairsAndTheLaidOutFormAddsSpacesAndSeparators) {
+TEST(HexStrings, WritesPairsWithSpacesAndSeparatorsAndReadsDigitsAcrossWhiteSpace) {
   EXPECT_EQ(BytesToHexString(TBytes{}), u"");
   EXPECT_EQ(BytesToHexString(TBytes{0x00, 0x0A, 0xFF, 0x7b}), u"000aff7b");
   EXPECT_EQ(BytesToHexStringUtf8(TBytes{0xDE, 0xAD}), "dead");
@@ -34,9 +34,8 @@ TEST(HexStrings, PlainFormIsLowerCasePairsAndTheLaidOutFormAddsSpacesAndSeparato
   EXPECT_EQ(BytesToHexString(five, -3, -1, u"|"), u"0102030405");
   EXPECT_EQ(BytesToHexString(TBytes{}, 1, 2, u"|"), u"");
   EXPECT_EQ(BytesToHexStringUtf8(five, 1, 2, "\n"), "01 02\n03 04\n05");
-}
 
-TEST(HexStrings, ReadsDigitsAcrossWhiteSpaceAndRejectsTheRest) {
+  // Reading takes digits across white space and rejects the rest.
   EXPECT_EQ(HexStringToBytes(u"0A 0b\r\n0C"), (TBytes{0x0A, 0x0B, 0x0C}));
   EXPECT_EQ(HexStringToBytes(u"0 A\t0\vb\f"), (TBytes{0x0A, 0x0B}));  // pairs form after cleaning
   EXPECT_EQ(HexStringToBytes(u"  \r\n\t "), TBytes{});
@@ -109,7 +108,7 @@ TEST(Base32, Rfc4648VectorsInEveryAlphabet) {
     }
 }
 
-TEST(Base32, DecodingStopsAtPaddingReadsCrockfordsSpellingsAndReportsTheFirstStranger) {
+TEST(Base32, DecodingStopsAtPaddingReadsCrockfordsSpellingsReportsStrangersAndRoundTrips) {
   const auto hex = MakeObject<TQUMABase32Encoding>(TQUMABase32Alphabet::ExtendedHex, false);
   const auto crock = MakeObject<TQUMABase32Encoding>(TQUMABase32Alphabet::Crockford);
   EXPECT_EQ(B32()->Decode(u"MZXW6===MZXW6YTB"), u"foo");  // anything after "=" is ignored
@@ -144,11 +143,8 @@ TEST(Base32, DecodingStopsAtPaddingReadsCrockfordsSpellingsAndReportsTheFirstStr
       EXPECT_EQ(B32()->Decode(stopped), B32()->Decode(text.substr(0, pos)));
     }
   }
-}
 
-TEST(Base32, RandomDataRoundTripsInEveryAlphabetAndForm) {
-  const auto hex = MakeObject<TQUMABase32Encoding>(TQUMABase32Alphabet::ExtendedHex, false);
-  const auto crock = MakeObject<TQUMABase32Encoding>(TQUMABase32Alphabet::Crockford);
+  // Random data round trips in every alphabet and form.
   std::mt19937 rng(21);
   for (int i = 0; i < 300; ++i) {
     TBytes bytes(rng() % 300);

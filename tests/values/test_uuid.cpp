@@ -36,7 +36,7 @@ TQUMA_Uuid FromBytes(std::initializer_list<int> bytes) {
   return u;
 }
 
-TEST(UuidValue, FieldViewsAreBigEndianAndSettersKeepTheOtherBits) {
+TEST(UuidValue, FieldViewsSettersConstructorsAndRandomise) {
   TQUMA_Uuid u = FromBytes({0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0x4D, 0xEF, 0xA1, 0x02, 1, 2, 3, 4, 5, 6});
   EXPECT_EQ(u._GetTimeLow(), 0x12345678u);
   EXPECT_EQ(u._GetTimeMid(), 0x9ABC);
@@ -79,9 +79,8 @@ TEST(UuidValue, FieldViewsAreBigEndianAndSettersKeepTheOtherBits) {
   EXPECT_EQ(FromBytes({0x41, 0x00, 0x42, 0x01}).AsString().substr(0, 3), UnicodeString(u"A\u0142\0", 3));
   raw._SetAsString(UnicodeString(7, u'x'));
   EXPECT_EQ(raw, u);
-}
 
-TEST(UuidValue, ZeroValueConstructorsAndRandomise) {
+  // The zero value, the constructors and Randomise.
   const TQUMA_Uuid z = TQUMA_Uuid::Create(true);
   EXPECT_TRUE(z.IsZero());
   // false seeds the general generator and does not fill the value.
