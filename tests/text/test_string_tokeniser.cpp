@@ -79,7 +79,7 @@ TEST(StringTokeniser, SplitsByTheDocumentedRules) {
   }
 }
 
-TEST(StringTokeniser, ConstructorsSettingsAndTokenIndexRange) {
+TEST(StringTokeniser, ConstructorsSettingsTokenIndexRangeAndValueForName) {
   // The separators, quotes and options of the split table are the defaults; true gives none.
   auto plain = MakeObject<TQUMAStringTokeniser>(true);
   plain->Tokenise(u" \"a\" b ");
@@ -94,6 +94,19 @@ TEST(StringTokeniser, ConstructorsSettingsAndTokenIndexRange) {
     EXPECT_THAT([&] { (void)defaults->Token(index); },
                 testing::ThrowsMessage<EArgumentOutOfRangeException>("TQUMAStringTokeniser._GetToken no such token"));
   EXPECT_EQ(MakeObject<TQUMAStringTokeniser>("a b")->TokenCount(), 2);  // UTF-8
+
+  // ValueForName finds the first pair, without case.
+  auto t = MakeObject<TQUMAStringTokeniser>(u"plain key=1 key=2 other=a=b");
+  UnicodeString v = u"stale";
+  EXPECT_TRUE(t->ValueForName(u"KEY", v));
+  EXPECT_EQ(v, u"1");
+  EXPECT_TRUE(t->ValueForName(u"other", v));
+  EXPECT_EQ(v, u"a=b");
+  EXPECT_FALSE(t->ValueForName(u"plain", v));
+  EXPECT_EQ(v, u"");
+  std::string v8;
+  EXPECT_TRUE(t->ValueForName(std::string_view("Key"), v8));
+  EXPECT_EQ(v8, "1");
 }
 
 // A descendant whose embedded-quote switch is always on: both virtual constructors create it,
@@ -115,20 +128,6 @@ TEST(StringTokeniser, VirtualConstructorsBuildTheRunTimeClass) {
   EXPECT_EQ(b->OpenQuotes(), u"");
   EXPECT_EQ(TokensOf(*MakeObject<TEmbeddingTokeniser>(u"a\"b c\"")), std::vector<UnicodeString>{u"ab c"});
   EXPECT_EQ(TQUMAStringTokeniser::Create(TQUMAStringTokeniserClass(), u"a b"), nullptr);  // no class, no tokeniser
-}
-
-TEST(StringTokeniser, ValueForNameFindsTheFirstPairWithoutCase) {
-  auto t = MakeObject<TQUMAStringTokeniser>(u"plain key=1 key=2 other=a=b");
-  UnicodeString v = u"stale";
-  EXPECT_TRUE(t->ValueForName(u"KEY", v));
-  EXPECT_EQ(v, u"1");
-  EXPECT_TRUE(t->ValueForName(u"other", v));
-  EXPECT_EQ(v, u"a=b");
-  EXPECT_FALSE(t->ValueForName(u"plain", v));
-  EXPECT_EQ(v, u"");
-  std::string v8;
-  EXPECT_TRUE(t->ValueForName(std::string_view("Key"), v8));
-  EXPECT_EQ(v8, "1");
 }
 
 TEST(StringTokeniser, EscapeAndQuoteThenTokeniseGivesTheValueBack) {

@@ -21,7 +21,7 @@ namespace {
 
 using test::ErrorText;
 
-TEST(HexStrings, WritesPairsWithSpacesAndSeparatorsAndReadsDigitsAcrossWhiteSpace) {
+TEST(HexStrings, WritesPairsWithSpacesAndSeparatorsReadsDigitsAcrossWhiteSpaceAndRoundTrips) {
   EXPECT_EQ(BytesToHexString(TBytes{}), u"");
   EXPECT_EQ(BytesToHexString(TBytes{0x00, 0x0A, 0xFF, 0x7b}), u"000aff7b");
   EXPECT_EQ(BytesToHexStringUtf8(TBytes{0xDE, 0xAD}), "dead");
@@ -52,9 +52,8 @@ TEST(HexStrings, WritesPairsWithSpacesAndSeparatorsAndReadsDigitsAcrossWhiteSpac
     EXPECT_EQ(target, TBytes{7});
   }
   EXPECT_EQ(ErrorText([] { HexStringToBytes("caf\xc3\xa9"); }), msg);
-}
 
-TEST(HexStrings, RandomRoundTripsThroughBothDirections) {
+  // Random round trips through both directions.
   std::mt19937 rng(99);
   for (int i = 0; i < 300; ++i) {
     TBytes data(rng() % 200);

@@ -222,7 +222,7 @@ struct TChangeCounter : TObject {
 };
 }  // namespace
 
-TEST(Bounds, EdgesNotifyOnlyRealChangesAndOlderPropertiesRead) {
+TEST(Bounds, NotifiesRealChangesStreamsNonDefaultEdgesAndReadsOlderProperties) {
   TObjectPtr<TBoundsD> b(New<TBoundsD>(TRectD(1, 2, 3, 4)));
   TObjectPtr<TChangeCounter> counter(New<TChangeCounter>());
   b->OnChange = Bind<&TChangeCounter::Changed>(counter.get());
@@ -277,18 +277,18 @@ TEST(Bounds, EdgesNotifyOnlyRealChangesAndOlderPropertiesRead) {
               u"Line 2, property " + UnicodeString(name) + u": Invalid property value");
     EXPECT_EQ(b->GetRect(), TRectD(1, 2, 3, 4));
   }
-}
 
-TEST(Bounds, StreamsOnlyEdgesThatDifferFromTheDefault) {
-  TObjectPtr<TBoundsD> b(New<TBoundsD>());
-  EXPECT_EQ(WritePropertiesToText(b.get()), u"");
+  // Only edges that differ from the default are streamed.
+  TObjectPtr<TBoundsD> d(New<TBoundsD>());
+  EXPECT_EQ(WritePropertiesToText(d.get()), u"");
   // Edges equal to the writer's default are not written, so a reader keeps its own there.
   TObjectPtr<TBoundsD> copy(New<TBoundsD>(TRectD(1, 1, 5, 5)));
-  b->SetRect({0, 3, 0, 0});
-  ReadPropertiesFromText(copy.get(), WritePropertiesToText(b.get()));
+  d->SetRect({0, 3, 0, 0});
+  ReadPropertiesFromText(copy.get(), WritePropertiesToText(d.get()));
   EXPECT_EQ(copy->GetRect(), TRectD(1, 3, 5, 5));
-  b->SetRect({0.1, -2.5, 1e300, 7});
-  EXPECT_EQ(WritePropertiesToText(b.get()), u"Left = 0.1\nTop = -2.5\nRight = 1e+300\nBottom = 7\n");
-  ReadPropertiesFromText(copy.get(), WritePropertiesToText(b.get()));
-  EXPECT_EQ(copy->GetRect(), b->GetRect());
+  d->SetRect({0.1, -2.5, 1e300, 7});
+  EXPECT_EQ(WritePropertiesToText(d.get()), u"Left = 0.1\nTop = -2.5\nRight = 1e+300\nBottom = 7\n");
+  ReadPropertiesFromText(copy.get(), WritePropertiesToText(d.get()));
+  EXPECT_EQ(copy->GetRect(), d->GetRect());
 }
+

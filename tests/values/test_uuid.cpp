@@ -104,7 +104,7 @@ TEST(UuidValue, FieldViewsSettersConstructorsAndRandomise) {
   }
 }
 
-TEST(UuidValue, GuidConversionsAndOrdering) {
+TEST(UuidValue, GuidConversionsOrderingByteAndVariantForms) {
   const TGUID g = TGUID::Parse("{12345678-9ABC-DEF0-1122-334455667788}");
   TQUMA_Uuid target = FromBytes({0xAA, 0xBB, 0xCC, 0xDD});
   target = g;  // assignment keeps bytes 0..3
@@ -144,10 +144,8 @@ TEST(UuidValue, GuidConversionsAndOrdering) {
   std::map<TQUMA_Uuid, int> m{{b, 2}, {a, 1}, {high, 3}};
   EXPECT_EQ(m.begin()->second, 1);
   EXPECT_EQ(m.rbegin()->second, 3);
-}
 
-TEST(UuidValue, ByteAndVariantFormsAndEightBitVariantText) {
-  std::mt19937 rng(5);
+  // The byte and variant forms, and 8-bit variant text.
   const TQUMA_Uuid u = RandomUuid(rng);
   TQUMA_Uuid v;
   v._SetAsBytes(u.AsBytes());
@@ -423,7 +421,7 @@ TEST(UuidVersions, Version5VectorsVersion4AndReadingVersion7TimeBack) {
     EXPECT_EQ(ErrorText([&] { (void)u.FormatSpec(bad); }), SUuidUnrecognisedFormat) << bad;
 }
 
-TEST(UuidVersions, Version7SortsInCreationOrderAcrossThreads) {
+TEST(UuidVersions, Version7SortsInCreationOrderAcrossThreadsAndForkedChildrenDrawFreshBits) {
   constexpr int kThreads = 8, kPerThread = 100000;
   std::vector<std::vector<TQUMA_Uuid>> made(kThreads, std::vector<TQUMA_Uuid>(kPerThread));
   std::vector<std::thread> threads;
@@ -440,10 +438,8 @@ TEST(UuidVersions, Version7SortsInCreationOrderAcrossThreads) {
   }
   std::sort(all.begin(), all.end(), std::less<TQUMA_Uuid>());
   EXPECT_EQ(std::adjacent_find(all.begin(), all.end()), all.end());
-}
 
-// A forked child draws fresh random bits: two children of one parent do not repeat each other.
-TEST(UuidVersions, ForkedChildrenDrawFreshRandomBits) {
+  // A forked child draws fresh random bits: two children of one parent do not repeat each other.
   (void)TQUMA_Uuid::CreateV7();  // the parent's pool is filled
   int fds[2];
   ASSERT_EQ(pipe(fds), 0);
