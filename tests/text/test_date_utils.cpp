@@ -204,7 +204,6 @@ TEST(DateReaders, RejectedTextsAreNamedAndRFC822YearsAndZonesShift) {
 
 TEST(DateReaders, HTTPNamesIgnoreCaseRFC5322HasNoDayNameXMLHasThreeLayouts) {
   // HTTP: names ignore case and must fit the date.
-  EXPECT_DOUBLE_EQ(HTTPDateToGMTime(u"Sun, 06 Nov 1994 08:49:37 GMT"), DT(1994, 11, 6, 8, 49, 37));
   EXPECT_DOUBLE_EQ(HTTPDateToGMTime(u"sUN, 06 nov 1994 08:49:37 GMT"), DT(1994, 11, 6, 8, 49, 37));
   EXPECT_DOUBLE_EQ(HTTPDateToGMTime("Sun, 06 Nov 1994 08:49:37 GMT\n"), DT(1994, 11, 6, 8, 49, 37));
   // An impossible date is the date encoder's own conversion error.
@@ -212,7 +211,6 @@ TEST(DateReaders, HTTPNamesIgnoreCaseRFC5322HasNoDayNameXMLHasThreeLayouts) {
   EXPECT_NE(impossible.find("is not a valid date and time"), std::string::npos) << impossible;
   EXPECT_NE(ConvertErrorOf([] { HTTPDateToGMTime(u"Sun, 06 Nov 1994 24:00:00 GMT"); }), "no error");
   // RFC 5322 reads only texts without a day name.
-  EXPECT_DOUBLE_EQ(RFC5322DateToGMTime(u"01 Jan 2024 10:00:00 +0000"), DT(2024, 1, 1, 10));
   EXPECT_DOUBLE_EQ(RFC5322DateToGMTime(u"01 Jan 2024 10:00 +0100"), DT(2024, 1, 1, 11));
   EXPECT_DOUBLE_EQ(RFC5322DateToGMTime("01 Jan 2024 10:00:00 -0230"), DT(2024, 1, 1, 7, 30));
   EXPECT_DOUBLE_EQ(RFC5322DateToGMTime(u"29 Feb 2000 23:59:59 +0000\n"), DT(2000, 2, 29, 23, 59, 59));
