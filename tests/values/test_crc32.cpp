@@ -72,6 +72,7 @@ TEST(CRC32, EveryKernelMatchesZlib) {
 // The kernels follow the bitwise definition, which the check value pins to the polynomial.
 TEST(CRC32C, EveryKernelMatchesTheBitwiseDefinition) {
   EXPECT_TRUE(CRC32CKernelSupported(CRC32CActiveKernel()));
+  EXPECT_FALSE(CRC32CKernelSupported(static_cast<TCRC32CKernel>(2)));  // no such kernel
   EXPECT_EQ(CRC32C(std::string_view("123456789")), 0xE3069283u);
   EXPECT_EQ(CRC32CTable()[1], 0xF26B8303u);
   ExpectKernelsMatch({TCRC32CKernel::Table, TCRC32CKernel::Crc32Instruction},

@@ -389,8 +389,7 @@ TEST(UuidVersions, Version5VectorsVersion4AndReadingVersion7TimeBack) {
   EXPECT_EQ(url.Version(), 5);
   EXPECT_TRUE(RfcVariant(url));
   EXPECT_EQ(QUMAUuidNamespaceX500, U("6ba7b814-9dad-11d1-80b4-00c04fd430c8"));
-  EXPECT_NE(TQUMA_Uuid::CreateV5(QUMAUuidNamespaceOID, std::string_view("x")),
-            TQUMA_Uuid::CreateV5(QUMAUuidNamespaceX500, std::string_view("x")));
+  EXPECT_EQ(QUMAUuidNamespaceOID, U("6ba7b812-9dad-11d1-80b4-00c04fd430c8"));
 
   const TQUMA_Uuid v4 = TQUMA_Uuid::CreateV4();
   EXPECT_EQ(v4.Version(), 4);
