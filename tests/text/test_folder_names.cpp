@@ -109,7 +109,7 @@ TEST_F(FolderNames, StandardFoldersComeFromTheXdgDirectoriesOrTheProcess) {
     std::ofstream dirs(home / "cfg" / "user-dirs.dirs");
     dirs << "# written by a test\n"
             "XDG_DESKTOP_DIR=\"${HOME}/Desk top\"\\\n"  // a backslash that ends the line: a separator
-            "XDG_DOCUMENTS_DIR=\"$DOCROOT9/Docs\"\n"
+            "XDG_DOCUMENTS_DIR=$DOCROOT9/'Do cs'\n"  // unquoted, then single quotes that keep the space
             "  XDG_PICTURES_DIR=\"$HOME/Pic\\\"s\\$\"\n"
             "XDG_PUBLICSHARE_DIR=\"$HOME/\"\n"  // the home itself: switched off
             "XDG_MUSIC_DIR=relative/Music\n";
@@ -127,7 +127,7 @@ TEST_F(FolderNames, StandardFoldersComeFromTheXdgDirectoriesOrTheProcess) {
   const std::string h = home.string();
   const std::pair<std::string, const char*> cases[] = {  // path, encoded
       {h + "/Desk top/a", "{:Desktop:}/a"},
-      {"/srv/docs/Docs/b", "{:Documents:}/b"},
+      {"/srv/docs/Do cs/b", "{:Documents:}/b"},
       {h + "/Pic\"s$", "{:Pictures:}"},  // in quotes a backslash escapes only $ ` " and itself
       {h + "/.cache/c", "{:Cache:}/c"},  // XDG_CACHE_HOME is not absolute: the default
       {h + "/.local/share/d", "{:Library:}/d"},
