@@ -26,9 +26,7 @@ std::string M2(const std::string& text) {
 }
 
 template <class F>
-std::string ConvertErrorOf(F&& f) {
-  return test::ErrorOf<EConvertError>(std::forward<F>(f));
-}
+std::string ConvertErrorOf(F&& f) { return test::ErrorOf<EConvertError>(std::forward<F>(f)); }
 
 TDateTime DT(int y, int m, int d, int h = 0, int n = 0, int s = 0) {
   return EncodeDateTime(static_cast<Word>(y), static_cast<Word>(m), static_cast<Word>(d), static_cast<Word>(h),
@@ -67,25 +65,23 @@ std::vector<std::time_t> Instants() {
   return out;
 }
 
-class ScopedTimeZone {
- public:
+// Sets the process time zone for its lifetime, then puts back what was there.
+struct ScopedTimeZone {
   explicit ScopedTimeZone(const char* tz) {
-    if (const char* old = std::getenv("TZ")) FOld = old;
+    if (const char* old = std::getenv("TZ")) Old = old;
     setenv("TZ", tz, 1);
     tzset();
   }
   ~ScopedTimeZone() {
-    FOld ? setenv("TZ", FOld->c_str(), 1) : unsetenv("TZ");
+    Old ? setenv("TZ", Old->c_str(), 1) : unsetenv("TZ");
     tzset();
   }
-
- private:
-  std::optional<std::string> FOld;
+  std::optional<std::string> Old;
 };
 
 }  // namespace
 
-TEST(DateWriters, MatchTheCLibraryInUtcAndReadBack) {
+TEST(DateWriters, MatchTheCLibraryInUtcReadBackAndAgreeWithTheGeneralFormatter) {
   for (std::time_t t : Instants()) {
     const TDateTime v = FromUnix(t);
     if (v == 0) continue;  // zero stands for "now"
@@ -100,16 +96,14 @@ TEST(DateWriters, MatchTheCLibraryInUtcAndReadBack) {
     ASSERT_DOUBLE_EQ(HTTPDateToGMTime(GMTimeToHTTPDateUtf8(v)), v);
     ASSERT_DOUBLE_EQ(XMLDateToGMTime(GMTimeToXMLDate(v)), v);
   }
-}
 
-TEST(DateWriters, AgreeWithTheGeneralFormatter) {
+  // They agree with the general formatter.
   const TFormatSettings gb = TFormatSettings::Create(u"en-GB");
   for (TDateTime v : {DT(1, 1, 1), DT(999, 12, 31, 23, 59, 59), DT(1899, 12, 29, 6), -1.75, 0.5, 45000.123456}) {
     EXPECT_EQ(GMTimeToHTTPDate(v), FormatDateTime(u"ddd, dd mmm yyyy hh':'nn':'ss 'GMT'", v, gb));
     EXPECT_EQ(GMTimeToRFC5322Date(v), FormatDateTime(u"ddd, dd mmm yyyy hh':'nn':'ss '+0000'", v, gb));
     EXPECT_EQ(GMTimeToXMLDate(v), FormatDateTime(u"yyyy'-'mm'-'dd'T'hh':'nn':'ss'Z'", v));
   }
-  EXPECT_EQ(GMTimeToXMLDate(DT(12, 3, 4, 5, 6, 7)), u"0012-03-04T05:06:07Z");
   // Writers round to the millisecond before dropping it, like the formatter.
   EXPECT_EQ(GMTimeToHTTPDate(DT(2024, 2, 29, 23, 59, 59) + 0.9994 / SecsPerDay), u"Thu, 29 Feb 2024 23:59:59 GMT");
   EXPECT_EQ(GMTimeToHTTPDate(DT(2024, 2, 29, 23, 59, 59) + 0.9996 / SecsPerDay), u"Fri, 01 Mar 2024 00:00:00 GMT");
@@ -121,7 +115,7 @@ TEST(DateWriters, AgreeWithTheGeneralFormatter) {
   EXPECT_EQ(GMTimeToHTTPDate(-0.999999999999), u"Sun, 31 Dec 1899 00:00:00 GMT");
 }
 
-TEST(DateWriters, ZeroMeansNow) {
+TEST(DateWriters, ZeroMeansNowAndUnwritableValuesRaise) {
   for (TDateTime zero : {0.0, 2e-9, -3e-9}) {
     const TDateTime before = NowUTC() - 1.0 / SecsPerDay;
     const TDateTime http = HTTPDateToGMTime(GMTimeToHTTPDate(zero)), xml = XMLDateToGMTime(GMTimeToXMLDate(zero));
@@ -130,9 +124,6 @@ TEST(DateWriters, ZeroMeansNow) {
   }
   // 4e-9 is just past the tolerance: 30 December 1899 itself.
   EXPECT_EQ(GMTimeToXMLDate(4e-9), u"1899-12-30T00:00:00Z");
-}
-
-TEST(DateWriters, UnwritableValuesRaise) {
   for (TDateTime bad : {1e10, -1e7, std::nan(""), HUGE_VAL}) {
     for (auto write : {GMTimeToHTTPDate, GMTimeToRFC822Date, LocalTimeToRFC5322Date})
       EXPECT_EQ(ConvertErrorOf([&] { write(bad); }), "Unable to create formatted string from TDateTime");
@@ -141,22 +132,12 @@ TEST(DateWriters, UnwritableValuesRaise) {
   }
 }
 
-TEST(HTTPDate, NamesIgnoreCaseAndMustFitTheDate) {
-  EXPECT_DOUBLE_EQ(HTTPDateToGMTime(u"Sun, 06 Nov 1994 08:49:37 GMT"), DT(1994, 11, 6, 8, 49, 37));
-  EXPECT_DOUBLE_EQ(HTTPDateToGMTime(u"sUN, 06 nov 1994 08:49:37 GMT"), DT(1994, 11, 6, 8, 49, 37));
-  EXPECT_DOUBLE_EQ(HTTPDateToGMTime("Sun, 06 Nov 1994 08:49:37 GMT\n"), DT(1994, 11, 6, 8, 49, 37));
-  // An impossible date is the date encoder's own conversion error.
-  const std::string impossible = ConvertErrorOf([] { HTTPDateToGMTime(u"Fri, 30 Feb 2024 10:00:00 GMT"); });
-  EXPECT_NE(impossible.find("is not a valid date and time"), std::string::npos) << impossible;
-  EXPECT_NE(ConvertErrorOf([] { HTTPDateToGMTime(u"Sun, 06 Nov 1994 24:00:00 GMT"); }), "no error");
-}
-
 struct TReader {
   TDateTime (*Wide)(UnicodeStringView);
   TDateTime (*Narrow)(std::string_view);
 };
 
-TEST(DateReaders, RejectedTextsAreNamedInTheMessage) {
+TEST(DateReaders, RejectedTextsAreNamedAndRFC822YearsAndZonesShift) {
   const struct {
     TReader Read;
     std::vector<const char*> Unreadable, WrongDay;
@@ -184,19 +165,14 @@ TEST(DateReaders, RejectedTextsAreNamedInTheMessage) {
         "12:60:00", "12:00:60"},
        {}},
   };
-  for (const auto& r : readers) {
-    for (const char* bad : r.Unreadable) {
-      EXPECT_EQ(ConvertErrorOf([&] { r.Read.Wide(Utf8ToUtf16(bad)); }), M1(bad)) << bad;
-      EXPECT_EQ(ConvertErrorOf([&] { r.Read.Narrow(bad); }), M1(bad)) << bad;
-    }
-    for (const char* bad : r.WrongDay) {
-      EXPECT_EQ(ConvertErrorOf([&] { r.Read.Wide(Utf8ToUtf16(bad)); }), M2(bad)) << bad;
-      EXPECT_EQ(ConvertErrorOf([&] { r.Read.Narrow(bad); }), M2(bad)) << bad;
-    }
-  }
-}
+  for (const auto& r : readers)
+    for (const auto& [texts, message] : {std::pair{&r.Unreadable, &M1}, {&r.WrongDay, &M2}})
+      for (const char* bad : *texts) {
+        EXPECT_EQ(ConvertErrorOf([&] { r.Read.Wide(Utf8ToUtf16(bad)); }), message(bad)) << bad;
+        EXPECT_EQ(ConvertErrorOf([&] { r.Read.Narrow(bad); }), message(bad)) << bad;
+      }
 
-TEST(RFC822Date, YearsShiftByTheEightyRuleAndZonesAddInTheDirectionOfTheirSign) {
+  // RFC 822: years shift by the eighty rule.
   const std::pair<const char*, TDateTime> years[] = {
       {"01 Jan 99 10:00 GMT", DT(1999, 1, 1, 10)},         {"01 Jan 05 10:00 GMT", DT(2005, 1, 1, 10)},
       {"01 Jan 80 10:00 UT", DT(1980, 1, 1, 10)},          {"01 Jan 79 10:00 Z", DT(2079, 1, 1, 10)},
@@ -226,8 +202,15 @@ TEST(RFC822Date, YearsShiftByTheEightyRuleAndZonesAddInTheDirectionOfTheirSign) 
   }
 }
 
-TEST(RFC5322Date, ReadsOnlyTextsWithoutADayName) {
-  EXPECT_DOUBLE_EQ(RFC5322DateToGMTime(u"01 Jan 2024 10:00:00 +0000"), DT(2024, 1, 1, 10));
+TEST(DateReaders, HTTPNamesIgnoreCaseRFC5322HasNoDayNameXMLHasThreeLayouts) {
+  // HTTP: names ignore case and must fit the date.
+  EXPECT_DOUBLE_EQ(HTTPDateToGMTime(u"sUN, 06 nov 1994 08:49:37 GMT"), DT(1994, 11, 6, 8, 49, 37));
+  EXPECT_DOUBLE_EQ(HTTPDateToGMTime("Sun, 06 Nov 1994 08:49:37 GMT\n"), DT(1994, 11, 6, 8, 49, 37));
+  // An impossible date is the date encoder's own conversion error.
+  const std::string impossible = ConvertErrorOf([] { HTTPDateToGMTime(u"Fri, 30 Feb 2024 10:00:00 GMT"); });
+  EXPECT_NE(impossible.find("is not a valid date and time"), std::string::npos) << impossible;
+  EXPECT_NE(ConvertErrorOf([] { HTTPDateToGMTime(u"Sun, 06 Nov 1994 24:00:00 GMT"); }), "no error");
+  // RFC 5322 reads only texts without a day name.
   EXPECT_DOUBLE_EQ(RFC5322DateToGMTime(u"01 Jan 2024 10:00 +0100"), DT(2024, 1, 1, 11));
   EXPECT_DOUBLE_EQ(RFC5322DateToGMTime("01 Jan 2024 10:00:00 -0230"), DT(2024, 1, 1, 7, 30));
   EXPECT_DOUBLE_EQ(RFC5322DateToGMTime(u"29 Feb 2000 23:59:59 +0000\n"), DT(2000, 2, 29, 23, 59, 59));
@@ -236,9 +219,7 @@ TEST(RFC5322Date, ReadsOnlyTextsWithoutADayName) {
   const UnicodeString written = GMTimeToRFC5322Date(v);
   EXPECT_EQ(ConvertErrorOf([&] { RFC5322DateToGMTime(written); }), M2(Utf16ToUtf8(written)));
   EXPECT_DOUBLE_EQ(RFC5322DateToGMTime(UnicodeStringView(written).substr(5)), v);
-}
-
-TEST(XMLDate, ThreeLayoutsAndAQuietZeroForOtherTexts) {
+  // XML: three layouts, and a quiet zero for other texts.
   EXPECT_DOUBLE_EQ(XMLDateToGMTime(u"2024-02-29T12:34:56Z"), DT(2024, 2, 29, 12, 34, 56));
   EXPECT_DOUBLE_EQ(XMLDateToGMTime(u"2024-02-29"), DT(2024, 2, 29));
   EXPECT_DOUBLE_EQ(XMLDateToGMTime(u"06:00:00"), 0.25);
@@ -264,7 +245,6 @@ TEST(LocalDates, ConvertThroughTheProcessTimeZone) {
   EXPECT_EQ(LocalTimeToRFC5322Date(DT(2024, 1, 1, 0, 30)), u"Sun, 31 Dec 2023 23:30:00 +0000");
   EXPECT_EQ(LocalTimeToXMLDate(DT(2024, 7, 15, 12)), u"2024-07-15T10:00:00Z");
   EXPECT_EQ(LocalTimeToXMLDateUtf8(DT(2024, 7, 15, 12)), "2024-07-15T10:00:00Z");
-  EXPECT_DOUBLE_EQ(HTTPDateToLocalTime(u"Mon, 15 Jul 2024 10:00:00 GMT"), DT(2024, 7, 15, 12));
   EXPECT_DOUBLE_EQ(HTTPDateToLocalTime("Mon, 15 Jan 2024 10:00:00 GMT"), DT(2024, 1, 15, 11));
   EXPECT_DOUBLE_EQ(RFC822DateToLocalTime(u"15 Jan 24 10:00 GMT"), DT(2024, 1, 15, 11));
   EXPECT_DOUBLE_EQ(RFC5322DateToLocalTime(u"15 Jan 2024 10:00 +0000"), DT(2024, 1, 15, 11));

@@ -46,7 +46,7 @@ class FolderNames : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(FolderNames, EncodingAndExpansionRules) {
+TEST_F(FolderNames, EncodingExpansionAndRegistrationRules) {
   RegisterFolderNameEncoding(u"/data", u"Data");                // wrapped
   RegisterFolderNameEncoding(u"\\data\\Deep\\", u"{:Deep:}");   // already wrapped, separators normalised
   RegisterFolderSegmentEncoding(u"MyApp", u"{:AppName:}");
@@ -75,9 +75,8 @@ TEST_F(FolderNames, EncodingAndExpansionRules) {
     EXPECT_EQ(out, expanded) << Utf16ToUtf8(encoded);
   }
   EXPECT_EQ(ExpandFolderName(std::string_view("{:Data:}/\xC3\xA9")), "/data/\xC3\xA9");  // UTF-8
-}
 
-TEST_F(FolderNames, LaterRegistrationsWinAndUnregisterNeedsAnExactMatch) {
+  // Later registrations win, and unregistering needs an exact match.
   RegisterFolderNameEncoding(u"/srv", u"One");
   RegisterFolderNameEncoding(u"/srv", u"Two");  // the folder now encodes as Two; both expand
   EXPECT_EQ(EncodeFolderName(u"/srv/a"), u"{:Two:}/a");
@@ -102,7 +101,7 @@ TEST_F(FolderNames, LaterRegistrationsWinAndUnregisterNeedsAnExactMatch) {
   EXPECT_EQ(ExpandFolderName(u"/a/<T>"), u"/a/<T>");
 }
 
-TEST_F(FolderNames, StandardFoldersComeFromTheXdgDirectories) {
+TEST_F(FolderNames, StandardFoldersComeFromTheXdgDirectoriesOrTheProcess) {
   const std::filesystem::path home =
       std::filesystem::temp_directory_path() / ("quma-folders-" + std::to_string(getpid()));
   std::filesystem::create_directories(home / "cfg");
@@ -110,7 +109,7 @@ TEST_F(FolderNames, StandardFoldersComeFromTheXdgDirectories) {
     std::ofstream dirs(home / "cfg" / "user-dirs.dirs");
     dirs << "# written by a test\n"
             "XDG_DESKTOP_DIR=\"${HOME}/Desk top\"\\\n"  // a backslash that ends the line: a separator
-            "XDG_DOCUMENTS_DIR=\"$DOCROOT9/Docs\"\n"
+            "XDG_DOCUMENTS_DIR=$DOCROOT9/'Do cs'\n"  // unquoted, then single quotes that keep the space
             "  XDG_PICTURES_DIR=\"$HOME/Pic\\\"s\\$\"\n"
             "XDG_PUBLICSHARE_DIR=\"$HOME/\"\n"  // the home itself: switched off
             "XDG_MUSIC_DIR=relative/Music\n";
@@ -128,7 +127,7 @@ TEST_F(FolderNames, StandardFoldersComeFromTheXdgDirectories) {
   const std::string h = home.string();
   const std::pair<std::string, const char*> cases[] = {  // path, encoded
       {h + "/Desk top/a", "{:Desktop:}/a"},
-      {"/srv/docs/Docs/b", "{:Documents:}/b"},
+      {"/srv/docs/Do cs/b", "{:Documents:}/b"},
       {h + "/Pic\"s$", "{:Pictures:}"},  // in quotes a backslash escapes only $ ` " and itself
       {h + "/.cache/c", "{:Cache:}/c"},  // XDG_CACHE_HOME is not absolute: the default
       {h + "/.local/share/d", "{:Library:}/d"},
@@ -143,9 +142,8 @@ TEST_F(FolderNames, StandardFoldersComeFromTheXdgDirectories) {
   // The base directories, the temporary folder and what the file refers to; nothing else.
   EXPECT_EQ(env.Asked, (std::set<std::string>{"HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_DATA_HOME",
                                               "TMPDIR", "DOCROOT9"}));
-}
 
-TEST_F(FolderNames, ProcessDefaultsUseThisExecutable) {
+  // The process defaults use this executable; registered later, they win.
   QUMARegisterStandardFolderNames(TQUMAFolderEnvironment());
   const std::string exe = TQUMAFolderEnvironment().ExecutablePath();
   ASSERT_FALSE(exe.empty());

@@ -96,7 +96,7 @@ TEST(StringParser, BuildsNodeTrees) {
   }
 }
 
-TEST(StringParser, DeclaredCharactersAndPairs) {
+TEST(StringParser, DeclaredCharactersPairsAndNodesThroughClassReferences) {
   auto p = MakeObject<TQUMAStringParser>();
   EXPECT_EQ(p->Whitespace(), u" \t\n\r");
   EXPECT_EQ(p->Separators(), u"");
@@ -120,6 +120,26 @@ TEST(StringParser, DeclaredCharactersAndPairs) {
   p->Parse(u"(a", &nodes);
   p->Parse(std::string_view("[b]"), &nodes);
   EXPECT_EQ(Dump(nodes), "?T[(a] B[T[b]]");
+
+  // Nodes through class references, and their parents.
+  const TQUMAParsedNodeClass text = TQUMASeparatorNode::StaticClass();
+  TObjectPtr<TQUMAParsedNode> sep(text.Create(u';'));
+  ASSERT_TRUE(sep);
+  EXPECT_TRUE(sep->Closed());  // complete when created
+  EXPECT_EQ(static_cast<TQUMASeparatorNode*>(sep.get())->Separator(), u';');
+  EXPECT_EQ(TQUMAParsedNodeClass(TQUMAParsedNode::StaticClass()).Create(u'x'), nullptr);  // abstract
+  EXPECT_FALSE(sep->TryAddChar(u'x', nullptr));
+
+  TObjectPtr<TQUMAParsedNode> group(TQUMAParsedNodeClass(TQUMABlockNode::StaticClass()).Create(u'{'));
+  auto* contents = static_cast<TQUMAContentsNode*>(group.get());
+  auto* child = New<TQUMATextNode>(u'c');
+  contents->ContentNodes()->Add(child);
+  EXPECT_EQ(child->Parent(), group.get());
+  EXPECT_FALSE(group->TryAddChar(u'x', MakeObject<TQUMAStringParser>().get()));
+  EXPECT_FALSE(group->TryAddChar(u'}', nullptr));  // no parser: no bracket pairs to close with
+  EXPECT_EQ(contents->ContentNodes()->ExtractAt(0), child);
+  EXPECT_EQ(child->Parent(), nullptr);
+  Free(child);
 }
 
 namespace {
@@ -173,27 +193,6 @@ TEST(StringParser, FactoriesLookAheadSlurpAndTranslateEscapes) {
   p->OnEscapeChar = Bind<&TProbeParser::Translate>(p.get());
   p->Parse(u"a\\nb \\t", &nodes);
   EXPECT_EQ(Dump(nodes), "T[a\nb] ?W[ ] ?T[t]");
-}
-
-TEST(StringParser, NodesThroughClassReferencesAndParents) {
-  const TQUMAParsedNodeClass text = TQUMASeparatorNode::StaticClass();
-  TObjectPtr<TQUMAParsedNode> sep(text.Create(u';'));
-  ASSERT_TRUE(sep);
-  EXPECT_TRUE(sep->Closed());  // complete when created
-  EXPECT_EQ(static_cast<TQUMASeparatorNode*>(sep.get())->Separator(), u';');
-  EXPECT_EQ(TQUMAParsedNodeClass(TQUMAParsedNode::StaticClass()).Create(u'x'), nullptr);  // abstract
-  EXPECT_FALSE(sep->TryAddChar(u'x', nullptr));
-
-  TObjectPtr<TQUMAParsedNode> group(TQUMAParsedNodeClass(TQUMABlockNode::StaticClass()).Create(u'{'));
-  auto* contents = static_cast<TQUMAContentsNode*>(group.get());
-  auto* child = New<TQUMATextNode>(u'c');
-  contents->ContentNodes()->Add(child);
-  EXPECT_EQ(child->Parent(), group.get());
-  EXPECT_FALSE(group->TryAddChar(u'x', MakeObject<TQUMAStringParser>().get()));
-  EXPECT_FALSE(group->TryAddChar(u'}', nullptr));  // no parser: no bracket pairs to close with
-  EXPECT_EQ(contents->ContentNodes()->ExtractAt(0), child);
-  EXPECT_EQ(child->Parent(), nullptr);
-  Free(child);
 }
 
 TEST(StringParser, DeeplyNestedTreesAreFreedWithoutDeepRecursion) {

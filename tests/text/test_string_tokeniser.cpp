@@ -79,7 +79,7 @@ TEST(StringTokeniser, SplitsByTheDocumentedRules) {
   }
 }
 
-TEST(StringTokeniser, ConstructorsAndSettings) {
+TEST(StringTokeniser, ConstructorsSettingsTokenIndexRangeAndValueForName) {
   // The separators, quotes and options of the split table are the defaults; true gives none.
   auto plain = MakeObject<TQUMAStringTokeniser>(true);
   plain->Tokenise(u" \"a\" b ");
@@ -90,7 +90,23 @@ TEST(StringTokeniser, ConstructorsAndSettings) {
   EXPECT_EQ(TokensOf(*defaults), (std::vector<UnicodeString>{u"x", u"y z"}));
   defaults->SetIgnoreEmptyTokens(false);  // settings never re-tokenise
   EXPECT_EQ(defaults->TokenCount(), 2);
+  for (Integer index : {-1, 2})
+    EXPECT_THAT([&] { (void)defaults->Token(index); },
+                testing::ThrowsMessage<EArgumentOutOfRangeException>("TQUMAStringTokeniser._GetToken no such token"));
   EXPECT_EQ(MakeObject<TQUMAStringTokeniser>("a b")->TokenCount(), 2);  // UTF-8
+
+  // ValueForName finds the first pair, without case.
+  auto t = MakeObject<TQUMAStringTokeniser>(u"plain key=1 key=2 other=a=b");
+  UnicodeString v = u"stale";
+  EXPECT_TRUE(t->ValueForName(u"KEY", v));
+  EXPECT_EQ(v, u"1");
+  EXPECT_TRUE(t->ValueForName(u"other", v));
+  EXPECT_EQ(v, u"a=b");
+  EXPECT_FALSE(t->ValueForName(u"plain", v));
+  EXPECT_EQ(v, u"");
+  std::string v8;
+  EXPECT_TRUE(t->ValueForName(std::string_view("Key"), v8));
+  EXPECT_EQ(v8, "1");
 }
 
 // A descendant whose embedded-quote switch is always on: both virtual constructors create it,
@@ -114,33 +130,7 @@ TEST(StringTokeniser, VirtualConstructorsBuildTheRunTimeClass) {
   EXPECT_EQ(TQUMAStringTokeniser::Create(TQUMAStringTokeniserClass(), u"a b"), nullptr);  // no class, no tokeniser
 }
 
-TEST(StringTokeniser, TokenIndexOutOfRangeRaises) {
-  auto t = MakeObject<TQUMAStringTokeniser>(u"a b");
-  for (Integer index : {-1, 2})
-    EXPECT_THAT([&] { (void)t->Token(index); },
-                testing::ThrowsMessage<EArgumentOutOfRangeException>("TQUMAStringTokeniser._GetToken no such token"));
-  EXPECT_EQ(TokensOf(*t), (std::vector<UnicodeString>{u"a", u"b"}));
-}
-
-TEST(StringTokeniser, ValueForNameFindsTheFirstPairWithoutCase) {
-  auto t = MakeObject<TQUMAStringTokeniser>(u"plain key=1 key=2 other=a=b");
-  UnicodeString v = u"stale";
-  EXPECT_TRUE(t->ValueForName(u"KEY", v));
-  EXPECT_EQ(v, u"1");
-  EXPECT_TRUE(t->ValueForName(u"other", v));
-  EXPECT_EQ(v, u"a=b");
-  EXPECT_FALSE(t->ValueForName(u"plain", v));
-  EXPECT_EQ(v, u"");
-  std::string v8;
-  EXPECT_TRUE(t->ValueForName(std::string_view("Key"), v8));
-  EXPECT_EQ(v8, "1");
-  t->Tokenise(u"");
-  v = u"stale";
-  EXPECT_FALSE(t->ValueForName(u"", v));
-  EXPECT_EQ(v, u"");
-}
-
-TEST(StringTokeniser, EscapeAndQuote) {
+TEST(StringTokeniser, EscapeAndQuoteThenTokeniseGivesTheValueBack) {
   auto t = MakeObject<TQUMAStringTokeniser>();
   EXPECT_EQ(t->EscapeAndQuote(u""), u"");
   EXPECT_EQ(t->EscapeAndQuote(u"a b"), u"\"a b\"");
@@ -151,26 +141,25 @@ TEST(StringTokeniser, EscapeAndQuote) {
   EXPECT_EQ(t->EscapeAndQuote(std::string_view("x y")), "\"x y\"");
   t->SetCloseQuotes(u"");  // a separator without both quotes: escaped text alone
   EXPECT_EQ(t->EscapeAndQuote(u"a b"), u"a b");
-}
 
-TEST(StringTokeniser, EscapeAndQuoteThenTokeniseGivesTheValueBack) {
+  // Followed by Tokenise it gives the value back.
   std::mt19937 rng(13);
   // Plain letters, every separator, quotes, escapes and a character above ASCII.
   const UnicodeString alphabet(u"ab \t\r\n\0\"\\'xy\u00e9", 14);
   for (const bool keepEmpty : {false, true}) {
-    auto t = MakeObject<TQUMAStringTokeniser>();
-    t->SetEscapes(u"\\'");
-    t->SetIgnoreEmptyTokens(!keepEmpty);
+    auto q = MakeObject<TQUMAStringTokeniser>();
+    q->SetEscapes(u"\\'");
+    q->SetIgnoreEmptyTokens(!keepEmpty);
     for (int round = 0; round < 2000; ++round) {
       UnicodeString value;
       const auto length = 1 + rng() % 12;
       for (unsigned i = 0; i < length; ++i) value += alphabet[rng() % alphabet.size()];
-      const UnicodeString line = t->EscapeAndQuote(value);
-      ASSERT_EQ(t->Tokenise(line), 1) << Utf16ToUtf8(line);
-      ASSERT_EQ(t->Token(0), value) << Utf16ToUtf8(line);
+      const UnicodeString line = q->EscapeAndQuote(value);
+      ASSERT_EQ(q->Tokenise(line), 1) << Utf16ToUtf8(line);
+      ASSERT_EQ(q->Token(0), value) << Utf16ToUtf8(line);
       // Two values side by side stay two tokens.
-      ASSERT_EQ(t->Tokenise(line + u' ' + line), 2);
-      ASSERT_EQ(t->Token(1), value);
+      ASSERT_EQ(q->Tokenise(line + u' ' + line), 2);
+      ASSERT_EQ(q->Token(1), value);
     }
   }
 }

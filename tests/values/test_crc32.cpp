@@ -72,18 +72,12 @@ TEST(CRC32, EveryKernelMatchesZlib) {
 // The kernels follow the bitwise definition, which the check value pins to the polynomial.
 TEST(CRC32C, EveryKernelMatchesTheBitwiseDefinition) {
   EXPECT_TRUE(CRC32CKernelSupported(CRC32CActiveKernel()));
+  EXPECT_FALSE(CRC32CKernelSupported(static_cast<TCRC32CKernel>(2)));  // no such kernel
   EXPECT_EQ(CRC32C(std::string_view("123456789")), 0xE3069283u);
   EXPECT_EQ(CRC32CTable()[1], 0xF26B8303u);
   ExpectKernelsMatch({TCRC32CKernel::Table, TCRC32CKernel::Crc32Instruction},
                      [](auto k, const Byte* p, Cardinal n, Cardinal seed) { return CRC32CWithKernel(k, p, n, seed); },
                      BitwiseCRC32C, QUMACRC32CStart);
-}
-
-TEST(CRC32, CheckValueEmptyAndChaining) {
-  EXPECT_EQ(CRC32("123456789", 9), 0xCBF43926u);  // the default start
-  EXPECT_EQ(CRC32(nullptr, 0, 0x12345678u), ~0x12345678u);
-  // Continuing needs NOT of the previous result (so the result unchanged does not chain).
-  EXPECT_EQ(CRC32("56789", 5, ~CRC32("1234", 4)), 0xCBF43926u);
 }
 
 // A pointer must not pass for a bool.
@@ -108,7 +102,7 @@ void ExpectViaCore(Cardinal start, T... values) {
   (check(values), ...);
 }
 
-TEST(CRC32, ValueOverloadsFeedTheirBytesInMemoryOrder) {
+TEST(CRC32, ValueOverloadsFeedTheirBytesArraysTheirReferenceAndResultsChain) {
   const Cardinal s = 0xFFFFFFFFu;
   ExpectViaCore(0x1234u, true, false, 'A', u'\u20AC', std::int8_t{-2}, std::uint8_t{200}, std::int16_t{-300},
                 std::uint16_t{60000}, Integer{1}, Cardinal{0xDEADBEEF}, Int64{-5}, UInt64{1} << 40, -5LL, 7ULL, 1.5f,
@@ -121,9 +115,8 @@ TEST(CRC32, ValueOverloadsFeedTheirBytesInMemoryOrder) {
   EXPECT_EQ(r.Exponent(), 0x3FFF);
   EXPECT_EQ(r.ToExtended(), -1.0L);
   EXPECT_EQ(CRC32(r, s), CRC32(-1.0L, s));
-}
 
-TEST(CRC32, ByteArrayFeedsItsReferenceNotItsElements) {
+  // A byte array feeds its reference, not its elements.
   const TBytes a{1, 2, 3}, b{1, 2, 3};
   EXPECT_NE(CRC32(a, 0xFFFFFFFFu), CRC32(b, 0xFFFFFFFFu));
   const Byte* ref = a.data();
@@ -132,6 +125,10 @@ TEST(CRC32, ByteArrayFeedsItsReferenceNotItsElements) {
   EXPECT_EQ(CRC32(TBytes{}, 0xFFFFFFFFu), CRC32(&none, sizeof none, 0xFFFFFFFFu));
   // The span overload is the one for contents.
   EXPECT_EQ(CRC32(std::span<const Byte>(a)), CRC32(std::span<const Byte>(b)));
+  EXPECT_EQ(CRC32("123456789", 9), 0xCBF43926u);  // the default start
+  EXPECT_EQ(CRC32(nullptr, 0, 0x12345678u), ~0x12345678u);
+  // Continuing needs NOT of the previous result (so the result unchanged does not chain).
+  EXPECT_EQ(CRC32("56789", 5, ~CRC32("1234", 4)), 0xCBF43926u);
 }
 
 }  // namespace

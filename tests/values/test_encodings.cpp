@@ -14,7 +14,6 @@
 #include <array>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace quma {
@@ -22,13 +21,12 @@ namespace {
 
 using test::ErrorText;
 
-TEST(HexStrings, PlainFormIsLowerCasePairsAndTheLaidOutFormAddsSpacesAndSeparators) {
+TEST(HexStrings, WritesPairsWithSpacesAndSeparatorsReadsDigitsAcrossWhiteSpaceAndRoundTrips) {
   EXPECT_EQ(BytesToHexString(TBytes{}), u"");
   EXPECT_EQ(BytesToHexString(TBytes{0x00, 0x0A, 0xFF, 0x7b}), u"000aff7b");
   EXPECT_EQ(BytesToHexStringUtf8(TBytes{0xDE, 0xAD}), "dead");
   const TBytes five{1, 2, 3, 4, 5};
   EXPECT_EQ(BytesToHexString(five, 1, 2, u"\r\n"), u"01 02\r\n03 04\r\n05");
-  EXPECT_EQ(BytesToHexString(five, 0, 0, u"|"), u"0102030405");
   EXPECT_EQ(BytesToHexString(five, 2, 0, u"|"), u"01  02  03  04  05");
   EXPECT_EQ(BytesToHexString(five, 0, 3, u"|"), u"010203|0405");
   EXPECT_EQ(BytesToHexString(five, 1, 1, u"|"), u"01|02|03|04|05");
@@ -36,9 +34,8 @@ TEST(HexStrings, PlainFormIsLowerCasePairsAndTheLaidOutFormAddsSpacesAndSeparato
   EXPECT_EQ(BytesToHexString(five, -3, -1, u"|"), u"0102030405");
   EXPECT_EQ(BytesToHexString(TBytes{}, 1, 2, u"|"), u"");
   EXPECT_EQ(BytesToHexStringUtf8(five, 1, 2, "\n"), "01 02\n03 04\n05");
-}
 
-TEST(HexStrings, ReadsDigitsAcrossWhiteSpace) {
+  // Reading takes digits across white space and rejects the rest.
   EXPECT_EQ(HexStringToBytes(u"0A 0b\r\n0C"), (TBytes{0x0A, 0x0B, 0x0C}));
   EXPECT_EQ(HexStringToBytes(u"0 A\t0\vb\f"), (TBytes{0x0A, 0x0B}));  // pairs form after cleaning
   EXPECT_EQ(HexStringToBytes(u"  \r\n\t "), TBytes{});
@@ -46,9 +43,7 @@ TEST(HexStrings, ReadsDigitsAcrossWhiteSpace) {
   TBytes target{9, 9, 9};
   HexStringToBytes(u"", target);
   EXPECT_TRUE(target.empty());
-}
-
-TEST(HexStrings, RejectsOtherCharactersAndOddLengthsLeavingTheTargetAlone) {
+  // Other characters and odd lengths are refused, leaving the target alone.
   const UnicodeString msg = SHexStringInvalidCharacters;
   for (UnicodeStringView bad : {u"ABC", u"AB0", u"0G", u"0x10", u"12\u00A034", u"12\u01303", u"-1",
                                 u"1234567890abcdef1234567890abcdeg", u"1234567890abcdef 1234567890abcdef1"}) {
@@ -57,9 +52,8 @@ TEST(HexStrings, RejectsOtherCharactersAndOddLengthsLeavingTheTargetAlone) {
     EXPECT_EQ(target, TBytes{7});
   }
   EXPECT_EQ(ErrorText([] { HexStringToBytes("caf\xc3\xa9"); }), msg);
-}
 
-TEST(HexStrings, RandomRoundTripsThroughBothDirections) {
+  // Random round trips through both directions.
   std::mt19937 rng(99);
   for (int i = 0; i < 300; ++i) {
     TBytes data(rng() % 200);
@@ -85,6 +79,9 @@ TQUMABase32Encoding* B32() { return TQUMANetEncoding::Base32Encoding(); }
 // RFC 4648 sections 10 (standard and extended hex) and the same data in Crockford's alphabet,
 // padded and not, in UTF-16 and UTF-8, decoded in either case.
 TEST(Base32, Rfc4648VectorsInEveryAlphabet) {
+  // The shared standard encoder is made once (by the runtime's shared-instance helper, tested under contention there).
+  EXPECT_EQ(TQUMANetEncoding::GetBase32Encoding(), B32());
+  EXPECT_EQ(B32()->ClassName(), u"TQUMABase32Encoding");
   const char16_t* plain[] = {u"", u"f", u"fo", u"foo", u"foob", u"fooba", u"foobar"};
   const std::pair<TQUMABase32Alphabet, std::array<const char16_t*, 7>> alphabets[] = {
       {TQUMABase32Alphabet::Standard,
@@ -110,7 +107,7 @@ TEST(Base32, Rfc4648VectorsInEveryAlphabet) {
     }
 }
 
-TEST(Base32, DecodingStopsAtPaddingReadsCrockfordsSpellingsAndReportsStrangers) {
+TEST(Base32, DecodingStopsAtPaddingReadsCrockfordsSpellingsReportsStrangersAndRoundTrips) {
   const auto hex = MakeObject<TQUMABase32Encoding>(TQUMABase32Alphabet::ExtendedHex, false);
   const auto crock = MakeObject<TQUMABase32Encoding>(TQUMABase32Alphabet::Crockford);
   EXPECT_EQ(B32()->Decode(u"MZXW6===MZXW6YTB"), u"foo");  // anything after "=" is ignored
@@ -129,9 +126,7 @@ TEST(Base32, DecodingStopsAtPaddingReadsCrockfordsSpellingsAndReportsStrangers) 
               Format(u"Invalid Base32 Input character: %s at offset %d of buffer", c.Stranger, c.Offset));
   EXPECT_EQ(ErrorText([] { B32()->Decode("MZ\xc3\xa9"); }),  // UTF-8: the character and its offset
             u"Invalid Base32 Input character: \u00e9 at offset 2 of buffer");
-}
-
-TEST(Base32, LongTextsReportTheFirstStrangerWherever) {
+  // Long texts report the first stranger wherever it is.
   const UnicodeString text = B32()->Encode(UnicodeString(100, u'x'));  // 160 characters
   for (std::size_t pos : {0u, 7u, 15u, 16u, 31u, 33u, 100u, 150u, 159u}) {
     for (char16_t bad : {u'1', u'8', u'@', u'\u0141', u'\uFF21'}) {
@@ -147,11 +142,8 @@ TEST(Base32, LongTextsReportTheFirstStrangerWherever) {
       EXPECT_EQ(B32()->Decode(stopped), B32()->Decode(text.substr(0, pos)));
     }
   }
-}
 
-TEST(Base32, RandomDataRoundTripsInEveryAlphabetAndForm) {
-  const auto hex = MakeObject<TQUMABase32Encoding>(TQUMABase32Alphabet::ExtendedHex, false);
-  const auto crock = MakeObject<TQUMABase32Encoding>(TQUMABase32Alphabet::Crockford);
+  // Random data round trips in every alphabet and form.
   std::mt19937 rng(21);
   for (int i = 0; i < 300; ++i) {
     TBytes bytes(rng() % 300);
@@ -173,27 +165,11 @@ TEST(Base32, RandomDataRoundTripsInEveryAlphabetAndForm) {
   }
 }
 
-TEST(Base32, SharedEncoderIsOneInstanceAcrossThreads) {
-  std::vector<std::thread> threads;
-  std::vector<TQUMABase32Encoding*> got(8);
-  for (int t = 0; t < 8; ++t)
-    threads.emplace_back([&, t] {
-      got[t] = TQUMANetEncoding::GetBase32Encoding();
-      EXPECT_EQ(got[t]->Encode(u"foobar"), u"MZXW6YTBOI======");
-    });
-  for (auto& th : threads) th.join();
-  for (auto* p : got) EXPECT_EQ(p, got[0]);
-  EXPECT_EQ(got[0]->ClassName(), u"TQUMABase32Encoding");
-}
-
 TEST(QUMAURLEncoding, QuerySetAddsAmpersandAndEquals) {
   TQUMAURLEncoding url;
   EXPECT_EQ(url.EncodeQuery(u"a=b&c"), u"a%3Db%26c");
-  EXPECT_EQ(url.Encode(u"a=b&c"), u"a%3Db%26c");
-  EXPECT_EQ(url.Decode(u"a%3Db%26c"), u"a=b&c");
-  TURLEncoding plain;
-  EXPECT_EQ(plain.EncodeQuery(u"a=b&c"), u"a=b&c");
   // The other sets are the runtime's.
+  TURLEncoding plain;
   EXPECT_EQ(url._GetUnsafeAuthChars(), plain._GetUnsafeAuthChars());
   EXPECT_EQ(url._GetUnsafeFormChars(), plain._GetUnsafeFormChars());
   EXPECT_EQ(url._GetUnsafePathChars(), plain._GetUnsafePathChars());
@@ -203,7 +179,7 @@ TEST(QUMAURLEncoding, QuerySetAddsAmpersandAndEquals) {
 
 // ---- the encoding registry and stream encodings ----
 
-TEST(EncodingRegistry, StandardEncodingsUnderTheirOwnNames) {
+TEST(EncodingRegistry, StandardEncodingsUnderTheirOwnNamesAndOthersByObject) {
   auto names = MakeObject<TStringList>();
   names->Add(u"kept");
   EXPECT_EQ(QUMAGetRegisteredEncodings(names.get()), 6);
@@ -217,9 +193,7 @@ TEST(EncodingRegistry, StandardEncodingsUnderTheirOwnNames) {
   EXPECT_EQ(QUMAGetRegisteredEncodings(nullptr), 0);
   EXPECT_EQ(QUMAGetEncoding(u"unicode (utf-8)"), nullptr);  // names are case-sensitive
   EXPECT_EQ(QUMAGetEncodingClass(u"none"), nullptr);
-}
-
-TEST(EncodingRegistry, RegisterReplaceAndUnregisterByObject) {
+  // Register, replace and unregister by object.
   QUMARegisterEncoding(u"", TEncoding::UTF8());
   QUMARegisterEncoding(u"x", nullptr);
   EXPECT_EQ(QUMAGetEncoding(u""), nullptr);
@@ -233,7 +207,7 @@ TEST(EncodingRegistry, RegisterReplaceAndUnregisterByObject) {
   EXPECT_EQ(QUMAGetEncoding(u"x"), nullptr);
 }
 
-TEST(StreamEncoding, MarkDetectionAndPosition) {
+TEST(StreamEncoding, MarkDetectionPositionAndFetchingWholeCharacters) {
   struct Case {
     TBytes Bytes;
     Int64 Position;
@@ -261,17 +235,16 @@ TEST(StreamEncoding, MarkDetectionAndPosition) {
     EXPECT_EQ(e, c.Encoding);
     EXPECT_EQ(s->Position(), c.After);
   }
-}
 
-// A character that is not whole at the end of the stream gives false, and its bytes stay consumed.
-TEST(StreamEncoding, FetchReadsWholeCharacters) {
-  struct Case {
+  // Fetching reads whole characters. One that is not whole at the end of the stream gives false, and its bytes stay
+  // consumed.
+  struct Fetch {
     const TEncoding* Encoding;
     TBytes Bytes;
     UnicodeString Text;  // empty: no whole character
     Integer ByteCount;
   };
-  const Case cases[] = {
+  const Fetch fetches[] = {
       {TEncoding::UTF8(), {0xE2, 0x82, 0xAC, 'x'}, u"\u20AC", 3},
       {TEncoding::UTF8(), {0xF0, 0x9F, 0x98, 0x80}, u"\U0001F600", 4},
       {TEncoding::Unicode(), {0x3D, 0xD8, 0x00, 0xDE}, u"\U0001F600", 4},  // a pair is not split
@@ -281,7 +254,7 @@ TEST(StreamEncoding, FetchReadsWholeCharacters) {
       {TEncoding::UTF8(), {0xE2, 0x82}, u"", 0},
       {TEncoding::UTF8(), {}, u"", 0},
   };
-  for (const Case& c : cases) {
+  for (const Fetch& c : fetches) {
     auto s = MakeObject<TBytesStream>(c.Bytes);
     WideChar ch = 0;
     UnicodeString text = u"old";

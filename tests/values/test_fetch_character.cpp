@@ -41,7 +41,4 @@ TEST(FetchEncodedCharacter, MemoryAndByteByByteReadingAgree) {
     auto byByte = MakeObject<TByteByByteStream>(input);
     ASSERT_EQ(ReadAll(memory.get()), ReadAll(byByte.get())) << ::testing::PrintToString(input);
   }
-  // A four-byte character is a surrogate pair whose first unit is the character reported.
-  auto s = MakeObject<TBytesStream>(TBytes{0xF0, 0x9F, 0x98, 0x80});
-  EXPECT_EQ(ReadAll(s.get()), "55357:2:56832:4@4 end@4");
 }

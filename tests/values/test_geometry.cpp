@@ -26,7 +26,7 @@ TRectD RandomRect(std::mt19937& rng) {
 }
 }  // namespace
 
-TEST(Geometry, DocumentedRectangleCases) {
+TEST(Geometry, DocumentedRectangleCasesAndMembers) {
   const double nan = std::numeric_limits<double>::quiet_NaN();
   EXPECT_TRUE(IsRectEmpty(TRectD(5, 0, 5, 10)));
   EXPECT_TRUE(TRectD(0, 0, nan, 10).IsEmpty());
@@ -55,14 +55,12 @@ TEST(Geometry, DocumentedRectangleCases) {
   EXPECT_EQ(TRectD(0, 0, 400, 100).PlaceInto(TRectD(0, 0, 100, 100), THorzRectAlign::Left, TVertRectAlign::Bottom),
             TRectD(0, 75, 100, 100));
   EXPECT_EQ(TRectD(0, 0, 10, 10).CenterAt(TRectD(0, 0, 30, 50)), TRectD(10, 20, 20, 30));
-  EXPECT_EQ(Text(TRectD(0, 0.5, 10, 20)), "(0,0.5,10,20)");
   for (const char16_t* bad : {u"(1,2,x,4)", u"(1,2,3)", u"", u"1,2,3,4"})
     EXPECT_EQ(Types::StringToRect(bad), TRectD()) << Utf16ToUtf8(bad);
   EXPECT_EQ(Utf16ToUtf8(RectToString(TRect64(-1, 2, INT64_MAX, 4))), "(-1,2,9223372036854775807,4)");
-}
 
-TEST(Geometry, RectangleMembers) {
-  TRectD r(TPointD(1, 2), 10, 20);
+  // The members.
+  r = TRectD(TPointD(1, 2), 10, 20);
   EXPECT_EQ(r, TRectD(1, 2, 11, 22));
   EXPECT_EQ(r.Size(), TSizeD(10, 20));
   r.SetLocation(5, 5);
@@ -104,7 +102,7 @@ TEST(Geometry, RectangleMembers) {
   EXPECT_EQ(TRectD(0, 0, 2, 2) * TRectD(1, 1, 3, 3), TRectD(1, 1, 2, 2));
 }
 
-TEST(Geometry, PointsAndSizes) {
+TEST(Geometry, PointsSizesHashAndText) {
   const TPointD p(3, 4);
   EXPECT_EQ(p.Length(), 5);
   EXPECT_EQ(p.Distance({0, 0}), 5);
@@ -158,9 +156,6 @@ TEST(Geometry, PointsAndSizes) {
   EXPECT_TRUE(TSize64().IsZero());
   EXPECT_EQ(static_cast<TSize>(TSize64(INT64_MAX, -1)), (TSize{INT32_MAX, -1}));
   EXPECT_EQ(static_cast<TPointF>(TSizeD(TPointF{1.5f, 2})), (TPointF{1.5f, 2}));
-}
-
-TEST(Geometry, HashAndText) {
   EXPECT_EQ(std::hash<TPointD>()({0.0, 1}), std::hash<TPointD>()({-0.0, 1}));
   EXPECT_NE(std::hash<TRect64>()({1, 2, 3, 4}), std::hash<TRect64>()({2, 1, 3, 4}));
   std::ostringstream os;
@@ -227,7 +222,7 @@ struct TChangeCounter : TObject {
 };
 }  // namespace
 
-TEST(Bounds, EdgesNotifyOnlyRealChanges) {
+TEST(Bounds, NotifiesRealChangesStreamsNonDefaultEdgesAndReadsOlderProperties) {
   TObjectPtr<TBoundsD> b(New<TBoundsD>(TRectD(1, 2, 3, 4)));
   TObjectPtr<TChangeCounter> counter(New<TChangeCounter>());
   b->OnChange = Bind<&TChangeCounter::Changed>(counter.get());
@@ -262,31 +257,9 @@ TEST(Bounds, EdgesNotifyOnlyRealChanges) {
   EXPECT_FALSE(b->MarginEmpty());
   b->SetRect({});
   EXPECT_TRUE(b->MarginEmpty() && b->Empty());
-}
 
-TEST(Bounds, StreamsOnlyEdgesThatDifferFromTheDefault) {
-  TObjectPtr<TBoundsD> b(New<TBoundsD>());
-  EXPECT_EQ(WritePropertiesToText(b.get()), u"");
-  b->SetLeft(1);
-  EXPECT_EQ(WritePropertiesToText(b.get()), u"Left = 1\n");
-  b->SetRect({0.1, -2.5, 1e300, 7});
-  const UnicodeString text = WritePropertiesToText(b.get());
-  EXPECT_EQ(text, u"Left = 0.1\nTop = -2.5\nRight = 1e+300\nBottom = 7\n");
-
-  TObjectPtr<TBoundsD> copy(New<TBoundsD>(TRectD(0, 0, 5, 5)));
-  ReadPropertiesFromText(copy.get(), text);
-  EXPECT_EQ(copy->GetRect(), b->GetRect());
-  // Edges equal to the writer's default are not written, so a reader keeps its own there.
-  copy->SetRect({0, 0, 5, 5});
-  b->SetRect({0, 3, 0, 0});
-  ReadPropertiesFromText(copy.get(), WritePropertiesToText(b.get()));
-  EXPECT_EQ(copy->GetRect(), TRectD(0, 3, 5, 5));
-}
-
-TEST(Bounds, ReadsOlderProperties) {
-  TObjectPtr<TBoundsD> b(New<TBoundsD>());
-  TObjectPtr<TChangeCounter> counter(New<TChangeCounter>());
-  b->OnChange = Bind<&TChangeCounter::Changed>(counter.get());
+  // Older properties: the integer edges, and the rectangle as text.
+  counter->Count = 0;
   ReadPropertiesFromText(b.get(), u"LeftI = 5\n  topi = -3\nRightI = 7\nBottomI = 8");
   EXPECT_EQ(b->GetRect(), TRectD(5, -3, 7, 8));
   EXPECT_EQ(counter->Count, 0);
@@ -304,4 +277,18 @@ TEST(Bounds, ReadsOlderProperties) {
               u"Line 2, property " + UnicodeString(name) + u": Invalid property value");
     EXPECT_EQ(b->GetRect(), TRectD(1, 2, 3, 4));
   }
+
+  // Only edges that differ from the default are streamed.
+  TObjectPtr<TBoundsD> d(New<TBoundsD>());
+  EXPECT_EQ(WritePropertiesToText(d.get()), u"");
+  // Edges equal to the writer's default are not written, so a reader keeps its own there.
+  TObjectPtr<TBoundsD> copy(New<TBoundsD>(TRectD(1, 1, 5, 5)));
+  d->SetRect({0, 3, 0, 0});
+  ReadPropertiesFromText(copy.get(), WritePropertiesToText(d.get()));
+  EXPECT_EQ(copy->GetRect(), TRectD(1, 3, 5, 5));
+  d->SetRect({0.1, -2.5, 1e300, 7});
+  EXPECT_EQ(WritePropertiesToText(d.get()), u"Left = 0.1\nTop = -2.5\nRight = 1e+300\nBottom = 7\n");
+  ReadPropertiesFromText(copy.get(), WritePropertiesToText(d.get()));
+  EXPECT_EQ(copy->GetRect(), d->GetRect());
 }
+
