@@ -119,6 +119,13 @@ TEST_F(StreamParserTest, ContentCloseAndNesting) {
             (TEvents{"open:b:<b>", "open:i:<i>", "close:i:<i>y</i>", "close:b:<b>xz</b>"}));
   // Near-misses of the close pattern (its search resumes as the subject grows) stay content.
   EXPECT_EQ(Events("<b>x</</bx</b>"), (TEvents{"open:b:<b>", "close:b:<b>x</</bx</b>"}));
+  // A close tied by \G to the start of content + candidate is searched from there: its match leaves
+  // the content as it was, and the close repeats it.
+  Parser->Definition(0)->SetCloseMatch(u"\\G[a-z]*</b>");
+  EXPECT_EQ(Events("<b>xy</b>"), (TEvents{"open:b:<b>", "close:b:<b>xyxy</b>"}));
+  EXPECT_FALSE(Parse("<b>x1>y</b>"));  // nowhere else may it start, also after the search resumed
+  EXPECT_EQ(Error().find("Unclosed nodes"), 0u) << Error();
+  Parser->Definition(0)->SetCloseMatch(u"</b>");
   // A node that takes neither text nor nodes closes before foreign text, which goes to its parent.
   Add({u"hr", u"<hr>", u"</hr>", u"", u"", {}});
   EXPECT_EQ(Events("<b><hr>q</b>"), (TEvents{"open:b:<b>", "open:hr:<hr>", "close:hr:<hr>", "close:b:<b>q</b>"}));
