@@ -30,6 +30,49 @@ std::atomic<UInt64> gClock{0};
 std::mutex gFreedLock;
 std::vector<int> gFreed;  // tags of the TTagged objects freed, in order
 
+class TProbe : public TObject {
+  QUMA_CLASS(TProbe, TObject)
+ public:
+  std::vector<TObject*> Seen;
+  std::atomic<bool> Ended{false};
+  void Hit(TObject* payload) {
+    EXPECT_TRUE(IsMainThread());
+    Seen.push_back(payload);
+  }
+  void Boom(TObject* payload) {
+    Seen.push_back(payload);
+    throw EConvertError("boom");
+  }
+  void End(TObject*) { Ended = true; }
+  void Take(TObject* payload) { Seen.push_back(payload); }  // on any thread
+};
+
+class TTally : public TObject {
+  QUMA_CLASS(TTally, TObject)
+ public:
+  std::vector<int> Counts = std::vector<int>(8);
+  int Cancelled = 0;
+  void Count(TObject* payload) { ++Counts[static_cast<std::size_t>(static_cast<TProbe*>(payload) - Slots)]; }
+  void Miss(TObject*) { ++Cancelled; }
+  TProbe* Slots = nullptr;
+};
+
+class TTagged : public TObject {
+  QUMA_CLASS(TTagged, TObject)
+ public:
+  explicit TTagged(int tag) : Tag(tag) {}
+  ~TTagged() override {
+    std::lock_guard lock(gFreedLock);
+    gFreed.push_back(Tag);
+  }
+  const int Tag;
+};
+
+std::vector<int> Freed() {
+  std::lock_guard lock(gFreedLock);
+  return gFreed;
+}
+
 // Freezes the tick source at a chosen moment for the test's lifetime.
 class ServiceThreads : public ::testing::Test {
  public:
@@ -61,33 +104,16 @@ class ServiceThreads : public ::testing::Test {
     CheckSynchronize();
   }
   // Ends the current worker (dropping its queue) and waits until it is gone.
-  static void Retire();
-};
-
-class TProbe : public TObject {
-  QUMA_CLASS(TProbe, TObject)
- public:
-  std::vector<TObject*> Seen;
-  std::atomic<bool> Ended{false};
-  void Hit(TObject* payload) {
-    EXPECT_TRUE(IsMainThread());
-    Seen.push_back(payload);
+  static void Retire() {
+    auto probe = MakeObject<TProbe>();
+    ForegroundSync()->OnTerminate = Bind<&TProbe::End>(probe.get());
+    FinalizeForegroundSync();
+    EXPECT_TRUE(Service([&] { return probe->Ended.load(); }));
   }
-  void Boom(TObject* payload) {
-    Seen.push_back(payload);
-    throw EConvertError("boom");
+  static bool WaitFreed(std::size_t n) {
+    return Service([n] { return Freed().size() >= n; }) && Freed().size() == n;
   }
-  void End(TObject*) { Ended = true; }
-  void Take(TObject* payload) { Seen.push_back(payload); }  // on any thread
 };
-
-void ServiceThreads::Retire() {
-  auto probe = MakeObject<TProbe>();
-  TQUMAForegroundSyncThread* worker = ForegroundSync();
-  worker->OnTerminate = Bind<&TProbe::End>(probe.get());
-  FinalizeForegroundSync();
-  EXPECT_TRUE(Service([&] { return probe->Ended.load(); }));
-}
 
 }  // namespace
 
@@ -169,18 +195,6 @@ TEST_F(ServiceThreads, ForegroundWorkerRetiresWhenIdleAndIsRecreated) {
   EXPECT_EQ(probe.Seen.size(), 1u);
 }
 
-namespace {
-class TTally : public TObject {
-  QUMA_CLASS(TTally, TObject)
- public:
-  std::vector<int> Counts = std::vector<int>(8);
-  int Cancelled = 0;
-  void Count(TObject* payload) { ++Counts[static_cast<std::size_t>(static_cast<TProbe*>(payload) - Slots)]; }
-  void Miss(TObject*) { ++Cancelled; }
-  TProbe* Slots = nullptr;
-};
-}  // namespace
-
 // Eight producers queue on a worker that, in the first round, keeps retiring: the clock jumps by
 // 1.5 s at a time (running the keep-alive entries) and every new worker gets MaxIdle 1 ms.
 TEST_F(ServiceThreads, ForegroundStressEveryCallbackRunsOnceOrIsCancelled) {
@@ -233,30 +247,6 @@ TEST_F(ServiceThreads, ForegroundStressEveryCallbackRunsOnceOrIsCancelled) {
 }
 
 // ---- deferred disposal ----
-
-namespace {
-
-class TTagged : public TObject {
-  QUMA_CLASS(TTagged, TObject)
- public:
-  explicit TTagged(int tag) : Tag(tag) {}
-  ~TTagged() override {
-    std::lock_guard lock(gFreedLock);
-    gFreed.push_back(Tag);
-  }
-  const int Tag;
-};
-
-std::vector<int> Freed() {
-  std::lock_guard lock(gFreedLock);
-  return gFreed;
-}
-
-bool WaitFreed(std::size_t n) {
-  return ServiceThreads::Service([n] { return Freed().size() >= n; }) && Freed().size() == n;
-}
-
-}  // namespace
 
 // Thousands of objects, many due at the same time, some rescheduled or cancelled, are freed in the
 // order of the plain list with its binary-search insert.
@@ -336,17 +326,6 @@ TEST_F(ServiceThreads, DisposalScheduleOperations) {
   Free(kept);
 }
 
-// A new first entry wakes the worker from its wait for a later one.
-TEST_F(ServiceThreads, DisposalEarlierEntryWakesTheWorker) {
-  SetTickSource(nullptr);
-  auto disposer = MakeObject<TQUMADeferredDisposalThread>();
-  disposer->DisposeAfterDelay(New<TTagged>(1), 600000);
-  std::this_thread::sleep_for(20ms);
-  disposer->DisposeAfterDelay(New<TTagged>(2), 0);
-  ASSERT_TRUE(WaitFreed(1));
-  EXPECT_EQ(Freed(), std::vector<int>{2});
-}
-
 TEST_F(ServiceThreads, DisposalMaxDelayAndSharedLock) {
   auto shared = MakeObject<TProbe>();
   auto disposer = MakeObject<TQUMADeferredDisposalThread>(true);
@@ -364,10 +343,15 @@ TEST_F(ServiceThreads, DisposalMaxDelayAndSharedLock) {
   EXPECT_EQ(Freed(), (std::vector<int>{2, 1}));
 }
 
-TEST_F(ServiceThreads, DisposalStressFreesEveryObjectOnce) {
+TEST_F(ServiceThreads, DisposalWakesForAnEarlierEntryAndUnderStressFreesEveryObjectOnce) {
   SetTickSource(nullptr);
   constexpr int Producers = 4, PerProducer = 250000 / StressScale;
   auto* disposer = New<TQUMADeferredDisposalThread>();
+  disposer->DisposeAfterDelay(New<TTagged>(-1), 600000);
+  std::this_thread::sleep_for(20ms);
+  disposer->DisposeAfterDelay(New<TTagged>(-2), 0);  // a new first entry wakes the worker
+  ASSERT_TRUE(WaitFreed(1));
+  EXPECT_EQ(Freed(), std::vector<int>{-2});
   std::vector<std::thread> producers;
   for (int p = 0; p < Producers; ++p)
     producers.emplace_back([&, p] {
@@ -377,8 +361,8 @@ TEST_F(ServiceThreads, DisposalStressFreesEveryObjectOnce) {
   for (auto& t : producers) t.join();
   std::this_thread::sleep_for(30ms);
   Free(disposer);  // whatever is still scheduled goes now
-  std::vector<int> freed = Freed(), all(Producers * PerProducer);
+  std::vector<int> freed = Freed(), all(Producers * PerProducer + 2);
   std::sort(freed.begin(), freed.end());
-  std::iota(all.begin(), all.end(), 0);
+  std::iota(all.begin(), all.end(), -2);
   EXPECT_TRUE(freed == all);
 }

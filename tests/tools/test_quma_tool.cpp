@@ -89,16 +89,13 @@ TEST(QumaTool, HelpVersionAndUsageErrors) {
   }
 }
 
-TEST(QumaTool, UuidFormsRoundTrip) {
+// The forms themselves are the UUID value's business; here: arguments, stdin lines, status.
+TEST(QumaTool, UuidArgumentsAndStandardInput) {
   const std::string id = "6ba7b810-9dad-11d1-80b4-00c04fd430c8", hex = "6ba7b8109dad11d180b400c04fd430c8";
   ExpectRuns({
-      {"uuid format ms " + id, "", 0, "{6BA7B810-9DAD-11D1-80B4-00C04FD430C8}\n"},
-      {"uuid format hex " + id, "", 0, hex + "\n"},
-      {"uuid format base64 " + id, "", 0, "a6e4EJ2tEdGAtADAT9QwyA==\n"},
-      {"uuid format standard " + id, "", 0, id + "\n"},
-      {"uuid parse '{6BA7B810-9DAD-11D1-80B4-00C04FD430C8}'", "", 0, id + "\n"},
+      {"uuid format ms " + id + " " + hex, "", 0,
+       "{6BA7B810-9DAD-11D1-80B4-00C04FD430C8}\n{6BA7B810-9DAD-11D1-80B4-00C04FD430C8}\n"},
       {"uuid parse " + hex, "", 0, id + "\n"},
-      {"uuid parse a6e4EJ2tEdGAtADAT9QwyA==", "", 0, id + "\n"},
       // Lines of standard input when no argument is given.
       {"uuid format hex", id + "\n\n{6BA7B810-9DAD-11D1-80B4-00C04FD430C8}\n", 0, hex + "\n" + hex + "\n"},
       {"uuid parse 6ba7b810-9dad-11d1-80b4", "", 1, "", "quma: Unrecognised Format\n"},
@@ -107,7 +104,6 @@ TEST(QumaTool, UuidFormsRoundTrip) {
   ASSERT_EQ(made.status, 0);
   ASSERT_EQ(made.out.size(), 3 * 37u);
   EXPECT_NE(made.out.substr(0, 36), made.out.substr(37, 36));
-  EXPECT_EQ(made.out[14], '4');  // version 4
 }
 
 TEST(QumaTool, Crc32MatchesZlibLikeCksum) {
@@ -137,20 +133,17 @@ TEST(QumaTool, Base32AndHexRoundTripLargeInputs) {
     ASSERT_EQ(dec.status, 0) << dec.err;
     EXPECT_TRUE(dec.out == data) << codec;
   }
-  const std::string badHex = "quma: HexStringToBytes: String contains invalid characters\n";
   ExpectRuns({
       {"base32", "foobar", 0, "MZXW6YTBOI======\n"},
-      {"base32 -d", "MZXW6YTBOI======\n", 0, "foobar"},
       {"base32 -d", "MZ!W6YTB", 1, "", "quma: Invalid Base32 Input character: ! at offset 2 of buffer\n"},
       {"hex -g 1 -l 2", std::string("\x01\x02\x03\x04\x05", 5), 0, "01 02\n03 04\n05\n"},
-      {"hex -d", "ABC", 1, "\xAB", badHex},  // streamed: whole pairs go out before the odd digit is refused
-      {"hex -d", "0G", 1, "", badHex},
+      // Streamed: whole pairs go out before the odd digit is refused.
+      {"hex -d", "ABC", 1, "\xAB", "quma: HexStringToBytes: String contains invalid characters\n"},
   });
 }
 
 TEST(QumaTool, DatesFormatAndParse) {
   ExpectRuns({
-      {"date http --at 784111777", "", 0, "Sun, 06 Nov 1994 08:49:37 GMT\n"},
       {"date xml --at 784111777", "", 0, "1994-11-06T08:49:37Z\n"},
       {"date http 'Sun, 06 Nov 1994 08:49:37 GMT'", "", 0, "1994-11-06T08:49:37Z\n"},
       {"date http --unix 'Sun, 06 Nov 1994 08:49:37 GMT'", "", 0, "784111777\n"},
