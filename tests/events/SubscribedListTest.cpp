@@ -134,7 +134,7 @@ TEST_F(SubscribedList, HandlerMayFreeTheListOutrightAndDeletionAskedForDuringDes
   EXPECT_EQ(destroyed, 1);
 }
 
-TEST_F(SubscribedList, ChangesWhileBlockedBecomeOneNotification) {
+TEST_F(SubscribedList, ChangesWhileBlockedBecomeOneNotificationAndSyncListMakesTheFewestChanges) {
   list->Notifications()->Unblock(-2, cnAdded);  // nothing suppressed: nothing fires
   {
     TQUMAScopedBlock block(*list->Notifications(), -1, cnExtracted);
@@ -142,9 +142,6 @@ TEST_F(SubscribedList, ChangesWhileBlockedBecomeOneNotification) {
     list->Delete(0);
   }
   EXPECT_EQ(log, (TLog{"+1", "+1 done", "-1", "-1 done", "h1 extracted -1"}));
-}
-
-TEST_F(SubscribedList, SyncListMakesTheFewestChanges) {
   for (int v : {1, 2, 3, 4}) list->Add(v);
   auto source = MakeObject<TList<int>>();
   for (int v : {1, 2, 3, 4}) source->Add(v);
