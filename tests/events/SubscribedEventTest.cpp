@@ -308,23 +308,15 @@ TEST_F(Event, ThrowingSubscriberEndsThePassAndReleasesTheMonitor) {
 // Other threads.
 
 TEST_F(Event, SubscribeFromAnotherThreadWaitsForThePass) {
-  std::atomic<bool> inPass{false}, otherStarting{false};
-  bool otherFinishedDuringPass = false;
-  a->Action = [&] {  // holds the pass open until the other thread is about to subscribe, then lingers
-    inPass = true;
-    while (!otherStarting) std::this_thread::yield();
+  std::thread other;
+  a->Action = [&] {  // starts the other thread inside the pass and gives it time to subscribe
+    other = std::thread([&] { event->Subscribe(d->OnA()); });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    otherFinishedDuringPass = event->IsSubscribed(d->OnA());
+    EXPECT_FALSE(event->IsSubscribed(d->OnA()));
   };
   event->Subscribe(a->OnA());
-  std::thread other([&] {
-    while (!inPass) std::this_thread::yield();
-    otherStarting = true;
-    event->Subscribe(d->OnA());
-  });
   event->FireCallbacks();
   other.join();
-  EXPECT_FALSE(otherFinishedDuringPass);
   EXPECT_EQ(log, (TLog{"a.A"}));  // the late subscriber arrived after the pass
 }
 

@@ -251,10 +251,8 @@ TEST(OpportunisticStringList, MovingTheReferencingObject) {
   EXPECT_TRUE(x->IsLockedBy(a));
   list->SetReferencingObject(b);
   ASSERT_FALSE(QUMAIsFreed(x));
-  EXPECT_FALSE(x->IsLockedBy(a));
-  EXPECT_TRUE(x->IsLockedBy(b));
-  // b's death removes its locks: x goes, and the list (not its holder) keeps a dead entry
-  // that it never touches again.
+  // b's death removes its locks: x goes (so b, not a, held it), and the list (not its holder)
+  // keeps a dead entry that it never touches again.
   Free(b);
   EXPECT_TRUE(QUMAIsFreed(x));
   list->SetOwnsObjects(true);

@@ -6,7 +6,7 @@
 
 using namespace omtest;
 
-TEST(LockCounts, LocksAreCountedPerLockerAndTheLastUnlockFreesUnlessSwitchedOff) {
+TEST(LockCounts, LocksAreCountedPerLockerAndTheLastUnlockFreesUnlessSwitchedOffOrHeldInTwilight) {
   auto* x = N("x");
   THolder a, b;  // plain objects: no link, they release their locks themselves
   bool deleted = true;
@@ -33,6 +33,26 @@ TEST(LockCounts, LocksAreCountedPerLockerAndTheLastUnlockFreesUnlessSwitchedOff)
   EXPECT_FALSE(z->FreeIfUnreferenced());
   z->SetFreeWhenUnreferenced(true);
   EXPECT_TRUE(z->FreeIfUnreferenced());
+
+  // A twilight handler keeps the object until a later unlock lets it go.
+  auto* t = N("t");
+  THolder h;
+  t->SetOnEnterTwilight(Bind<&THolder::Enter>(&h));
+  t->SetOnLeaveTwilight(Bind<&THolder::Leave>(&h));
+  t->AddMemLockReference(&a);
+  t->RemoveMemLockReference(&a, &deleted);
+  EXPECT_FALSE(deleted);
+  EXPECT_EQ(h.Entered, 1);
+  EXPECT_TRUE(t->RPState().Contains(_rpInTwilight));
+  t->AddMemLockReference(&a);
+  t->AddMemLockReference(&a);
+  EXPECT_EQ(h.Left, 1);  // only when leaving twilight
+  EXPECT_FALSE(t->RPState().Contains(_rpInTwilight));
+  h.KeepAlive = false;
+  t->RemoveMemLockReference(&a);
+  t->RemoveMemLockReference(&a, &deleted);
+  EXPECT_TRUE(deleted);
+  EXPECT_EQ(h.Entered, 2);
 }
 
 TEST(LockCounts, AReferencedLockerIsLinkedBackAndItsDeathRemovesAllItsLocks) {
@@ -70,28 +90,6 @@ TEST(LockCounts, MemLockGuardHoldsForItsScope) {
   Free(y);  // dies by other hands; the guard then releases nothing
   EXPECT_EQ(lock.Get(), nullptr);
   EXPECT_FALSE(lock.Release());
-}
-
-TEST(Twilight, HandlerKeepsTheObjectUntilALaterUnlockLetsItGo) {
-  auto* x = N("x");
-  THolder h, a;
-  x->SetOnEnterTwilight(Bind<&THolder::Enter>(&h));
-  x->SetOnLeaveTwilight(Bind<&THolder::Leave>(&h));
-  x->AddMemLockReference(&a);
-  bool deleted = true;
-  x->RemoveMemLockReference(&a, &deleted);
-  EXPECT_FALSE(deleted);
-  EXPECT_EQ(h.Entered, 1);
-  EXPECT_TRUE(x->RPState().Contains(_rpInTwilight));
-  x->AddMemLockReference(&a);
-  x->AddMemLockReference(&a);
-  EXPECT_EQ(h.Left, 1);  // only when leaving twilight
-  EXPECT_FALSE(x->RPState().Contains(_rpInTwilight));
-  h.KeepAlive = false;
-  x->RemoveMemLockReference(&a);
-  x->RemoveMemLockReference(&a, &deleted);
-  EXPECT_TRUE(deleted);
-  EXPECT_EQ(h.Entered, 2);
 }
 
 TEST(SilentReferences, NullOnlyVariablesStillHoldingTheObjectFollowMovesAndShowTheFreeState) {
