@@ -89,8 +89,7 @@ TEST(ReferencedList, ListFreedFromInsideARemovalHandler) {
   EXPECT_TRUE(QUMAIsFreed(z));
   watcher.FreeOnRemove = true;
   Free(list3);  // freed again by a handler while the list empties itself on the way out
-  EXPECT_TRUE(QUMAIsFreed(u));
-  EXPECT_TRUE(QUMAIsFreed(v));
+  EXPECT_TRUE(QUMAIsFreed(u) && QUMAIsFreed(v));
 }
 
 TEST(ReferencedList, NotifyListsOnlyWatchForANodeOrAComponentAndClearFromLastToFirst) {
@@ -115,7 +114,7 @@ TEST(ReferencedList, NotifyListsOnlyWatchForANodeOrAComponentAndClearFromLastToF
   FreeAll(list, clist, other, x, y, w, a, comp);
 }
 
-TEST(SafeBox, CreatedThroughItsClassAndKeepsObjectsAliveUntilRemoved) {
+TEST(SafeBox, CreatedThroughItsClassKeepsObjectsAliveUntilRemovedAndFreeAllObjectsFreesEachOnce) {
   auto* box = dynamic_cast<TQUMAReferencedPersistentSafeBox*>(
       TQUMAReferencedPersistentClass(TQUMAReferencedPersistentSafeBox::StaticClass()).Create(nullptr));
   ASSERT_NE(box, nullptr);
@@ -136,6 +135,25 @@ TEST(SafeBox, CreatedThroughItsClassAndKeepsObjectsAliveUntilRemoved) {
   EXPECT_FALSE(QUMAIsFreed(z));
   z->RemoveMemLockReference(&keeper);
   Free(box);
+
+  box = New<TQUMAReferencedPersistentSafeBox>(nullptr, true);
+  std::vector<TNode*> nodes;
+  bool flags[4] = {};
+  for (int i = 0; i < 4; ++i) {
+    box->Add(nodes.emplace_back(N("n" + std::to_string(i))));
+    nodes.back()->RegisterFreeIndicator(flags[i]);
+  }
+  nodes[1]->AddMemLockReference(&keeper);  // survives losing the box's lock, so the box frees it
+  nodes[2]->SetFreeWhenUnreferenced(false);
+  box->Add(nodes[3]);  // held twice
+  box->FreeAllObjects();
+  for (bool f : flags) EXPECT_TRUE(f);
+  EXPECT_EQ(box->Count(), 0);
+  auto* late = N("late");
+  late->SetFreeWhenUnreferenced(false);
+  box->Add(late);
+  Free(box);  // frees what it keeps before its holders (the kept objects among them) let go
+  EXPECT_TRUE(QUMAIsFreed(late));
 }
 
 TEST(SafeBox, ObjectFreedInsideLeavesAndIsReportedOnceAndTheBoxMayBeFreedThen) {
@@ -158,28 +176,6 @@ TEST(SafeBox, ObjectFreedInsideLeavesAndIsReportedOnceAndTheBoxMayBeFreedThen) {
   EXPECT_TRUE(QUMAIsFreed(w));
   EXPECT_EQ(z->MemLockReferenceCount(), 0);
   Free(z);
-}
-
-TEST(SafeBox, FreeAllObjectsFreesEachExactlyOnce) {
-  auto* box = New<TQUMAReferencedPersistentSafeBox>(nullptr, true);
-  THolder keeper;
-  std::vector<TNode*> nodes;
-  bool flags[4] = {};
-  for (int i = 0; i < 4; ++i) {
-    box->Add(nodes.emplace_back(N("n" + std::to_string(i))));
-    nodes.back()->RegisterFreeIndicator(flags[i]);
-  }
-  nodes[1]->AddMemLockReference(&keeper);  // survives losing the box's lock, so the box frees it
-  nodes[2]->SetFreeWhenUnreferenced(false);
-  box->Add(nodes[3]);  // held twice
-  box->FreeAllObjects();
-  for (bool f : flags) EXPECT_TRUE(f);
-  EXPECT_EQ(box->Count(), 0);
-  auto* late = N("late");
-  late->SetFreeWhenUnreferenced(false);
-  box->Add(late);
-  Free(box);  // frees what it keeps before its holders (the kept objects among them) let go
-  EXPECT_TRUE(QUMAIsFreed(late));
 }
 
 TEST(OpportunisticStringList, ReferencesOnlyReferencedPersistentsAndEmptiesEntriesFreedElsewhere) {
