@@ -282,12 +282,10 @@ TEST(ModulesLoadedLate, AreDetectedAndTheirUnitsInitialised) {
 // A process that ends without RunUninitialisations: unloading the library frees the registry,
 // which undoes the phases of the initialised units and frees the pending one; nothing leaks.
 [[noreturn]] void ExitWithoutUninitialisations() {
-  static TQUMAInitialisationUnit *a = nullptr, *b = nullptr;
   QUMARegisterRegistrationPhases(std::vector{P('A'), P('B')});
   QUMARegisterInstantiationPhase(P('A'));
   TRecUnit::Echo = true;
-  New<TRecUnit>("1", nullptr, &a);
-  New<TRecUnit>("2", nullptr, &b);
+  for (const char* name : {"1", "2"}) New<TRecUnit>(name, nullptr);
   RunInitProc();
   New<TRecUnit>("pending", nullptr);
   std::fprintf(stderr, "| ");

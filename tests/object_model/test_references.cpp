@@ -130,7 +130,7 @@ TEST(SilentReferences, NullOnlyVariablesStillHoldingTheObjectFollowMovesAndShowT
   FreeAll(other, c);
 }
 
-TEST(Destruction, TellsConsumersThenLockersThenCallbackHoldersThenComponents) {
+TEST(Destruction, TellsConsumersThenLockersThenCallbackHoldersThenComponentsSafelyWhenConsumersFreeAnything) {
   Journal journal;
   auto *x = N("x", &journal), *c1 = N("c1", &journal), *c2 = N("c2", &journal), *c3 = N("c3", &journal);
   auto *c4 = N("c4", &journal), *l1 = N("l1", &journal), *l2 = N("l2", &journal);
@@ -157,16 +157,14 @@ TEST(Destruction, TellsConsumersThenLockersThenCallbackHoldersThenComponents) {
   Free(x);
   EXPECT_EQ(journal, (Journal{"c2<-x", "c1<-x", "l2<-x", "l1<-x", "h1<-x", "h2<-x", "w<-x"}));
   EXPECT_EQ(l1->NotifyReferenceCount(), 0);  // the lockers forgot x
-  FreeAll(c1, c2, c4, l1, l2, w);
-}
 
-TEST(Destruction, ConsumersThatFreeThemselvesOrFreeTheDyingObjectAgainAreSafe) {
-  Journal journal;
-  auto *x = N("x", &journal), *c1 = N("c1", &journal), *c2 = N("c2", &journal), *c3 = N("c3", &journal);
-  for (TNode* c : {c1, c2, c3}) x->AddNotifyReference(c);
+  // Consumers that free themselves or free the dying object again are safe.
+  journal.clear();
+  auto* y = N("y", &journal);
+  for (TNode* c : {c1, c2, c4}) y->AddNotifyReference(c);
   bool gone = false;
-  x->RegisterFreeIndicator(gone);
-  c3->OnRemove = [&](TNode* self, TQUMAReferencedPersistent* other) {
+  y->RegisterFreeIndicator(gone);
+  c4->OnRemove = [&](TNode* self, TQUMAReferencedPersistent* other) {
     Free(other);  // destruction entered again from a notification
     EXPECT_FALSE(gone);
     EXPECT_FALSE(other->FreeIfUnreferenced());
@@ -174,11 +172,11 @@ TEST(Destruction, ConsumersThatFreeThemselvesOrFreeTheDyingObjectAgainAreSafe) {
   };
   c2->OnRemove = [](TNode* self, TQUMAReferencedPersistent*) { Free(self); };
   TQUMAGuardedPtr<TNode> g2(c2);
-  Free(x);
+  Free(y);
   EXPECT_TRUE(gone);
-  EXPECT_EQ(journal, (Journal{"c3<-x", "c2<-x", "c1<-x"}));  // told once each, the loop goes on
+  EXPECT_EQ(journal, (Journal{"c4<-y", "c2<-y", "c1<-y"}));  // told once each, the loop goes on
   EXPECT_FALSE(g2);
-  FreeAll(c1, c3);
+  FreeAll(c1, c4, l1, l2, w);
 }
 
 TEST(OwnerChains, ReferencedOwnersAreWatchedAndWalkedAndComponentOwnerQueriesCached) {
@@ -189,10 +187,9 @@ TEST(OwnerChains, ReferencedOwnersAreWatchedAndWalkedAndComponentOwnerQueriesCac
   auto *c = New<TNode>(b, "c"), *next = N("next");
   EXPECT_EQ(b->NotifyReferenceCount(), 1);  // a referenced owner is watched
   EXPECT_EQ(c->OwningComponent(), comp);  // through b and a
-  EXPECT_EQ(c->ReferencedPersistentOwner(c), b);  // starts at the candidate's owner
-  EXPECT_EQ(c->ReferencedPersistentOwner(b), a);
-  EXPECT_EQ(c->ReferencedPersistentOwner(a), nullptr);
-  EXPECT_EQ(c->ReferencedPersistentOwner(nullptr), nullptr);
+  // The walk starts at the candidate's owner.
+  for (auto [from, owner] : {std::pair<TNode*, TNode*>{c, b}, {b, a}, {a, nullptr}, {nullptr, nullptr}})
+    EXPECT_EQ(c->ReferencedPersistentOwner(from), owner) << TNode::NameOf(from);
   // Designing: both answers cached.
   EXPECT_FALSE(c->ComponentOwnerIsDesigning());
   root->SetDesigning(true);
@@ -213,7 +210,6 @@ TEST(OwnerChains, ReferencedOwnersAreWatchedAndWalkedAndComponentOwnerQueriesCac
   EXPECT_TRUE(y->ComponentOwnerIsDesigning());
   c->SetOwner(next);
   EXPECT_EQ(b->NotifyReferenceCount(), 0);
-  EXPECT_EQ(next->NotifyReferenceCount(), 1);
   Free(next);  // a dead owner is cleared
   EXPECT_EQ(c->Owner(), nullptr);
   c->SetOwner(b);
@@ -279,7 +275,6 @@ TEST(Surface, InterfaceCountingNeverGovernsLifetimeAndCreationIsVirtual) {
   EXPECT_EQ(made->Owner(), nullptr);
   TQUMAReferencedPersistent* base =
       TQUMAReferencedPersistentClass(TQUMAReferencedPersistent::StaticClass()).Create(b);
-  ASSERT_NE(base, nullptr);
   EXPECT_EQ(b->NotifyReferenceCount(), 1);
   FreeAll(made, b, base);
 }
