@@ -87,7 +87,7 @@ TEST_F(SubscribedList, HooksSurroundTheSubscribersOnEveryChangeAndOnNotifyIsOneO
   EXPECT_NE(std::find(log.begin(), log.end(), "h2 added 100"), log.end());
 }
 
-TEST_F(SubscribedList, PostNotifyCallbacksRunNewestFirstOnceAfterTheOutermostPass) {
+TEST_F(SubscribedList, PostNotifyCallbacksRunNewestFirstOnceAfterTheOutermostPassAndHandlersMayFreeTheList) {
   h1->Action = [&](TLoggingList* l, int, TCollectionNotification) {
     h1->Action = nullptr;
     l->CallMeBackWhenNotificationsComplete(h1->OnLater());
@@ -102,6 +102,16 @@ TEST_F(SubscribedList, PostNotifyCallbacksRunNewestFirstOnceAfterTheOutermostPas
   EXPECT_EQ(log, (TLog{"+7", "h1 added 7", "+2", "h1 added 2", "+2 done", "+7 done", "h2 later 2", "h1 later 2",  //
                        "+8", "h1 added 8", "+8 done", "+9", "h1 added 9", "+9 done"}));
   EXPECT_EQ(destroyed, 0);
+  // A handler may free the list outright: the removals its destruction announces must not free it
+  // again, not even by asking for deletion then.
+  h1->Action = [&](TLoggingList* l, int, TCollectionNotification What) {
+    if (What == cnAdded)
+      Free(l);
+    else
+      l->DeleteWhenNotificationsComplete();
+  };
+  list->Add(2);
+  EXPECT_EQ(destroyed, 1);
 }
 
 TEST_F(SubscribedList, DeleteWhenCompleteFreesOnceAfterEverythingElse) {
@@ -120,18 +130,6 @@ TEST_F(SubscribedList, DeleteWhenCompleteFreesOnceAfterEverythingElse) {
   EXPECT_EQ(log,
             (TLog{"+4", "h1 added 4", "h2 added 4", "+4 done",  //
                   "-3", "h1 removed 3", "h2 removed 3", "-3 done", "-4", "h1 removed 4", "h2 removed 4", "-4 done"}));
-}
-
-TEST_F(SubscribedList, HandlerMayFreeTheListOutrightAndDeletionAskedForDuringDestructionIsNotRepeated) {
-  list->Add(1);
-  h1->Action = [&](TLoggingList* l, int, TCollectionNotification What) {
-    if (What == cnAdded)
-      Free(l);  // the removals announced by the destruction must not free it again
-    else
-      l->DeleteWhenNotificationsComplete();
-  };
-  list->Add(2);
-  EXPECT_EQ(destroyed, 1);
 }
 
 TEST_F(SubscribedList, ChangesWhileBlockedBecomeOneNotificationAndSyncListMakesTheFewestChanges) {

@@ -35,7 +35,7 @@ class TBox : public TSize {
 
 }  // namespace
 
-TEST(ReferencedPropertySet, ABatchFiresSubscribersOnceAndRunsTheHooksOnlyWhenWired) {
+TEST(ReferencedPropertySet, BatchesFireOnceHooksRunWhenWiredDuplicatesKeepTheClassAndEqualsLooksOneWay) {
   auto* size = New<TSize>(nullptr);
   THolder sub;
   TQUMAScopedSubscription subscription(*size->ChangeEvent(), Bind<&THolder::Removed>(&sub));
@@ -58,10 +58,7 @@ TEST(ReferencedPropertySet, ABatchFiresSubscribersOnceAndRunsTheHooksOnlyWhenWir
   EXPECT_EQ(size->Hooks, hooks);
   EXPECT_EQ(sub.Senders.size(), 3u);  // one per batch
   subscription.Reset();
-  Free(size);
-}
 
-TEST(ReferencedPropertySet, DuplicatesKeepTheClassAndEqualsLooksOneWayOnly) {
   auto* owner = N("owner");
   auto* box = New<TBox>(owner);
   box->SetWidth(7);
@@ -69,7 +66,6 @@ TEST(ReferencedPropertySet, DuplicatesKeepTheClassAndEqualsLooksOneWayOnly) {
   EXPECT_EQ(copy->ClassType(), TBox::StaticClass());
   EXPECT_EQ(copy->Width, 7);
   EXPECT_EQ(TObjectPtr<TQUMAReferencedPropertySet>(box->Duplicate())->Owner(), owner);
-  auto* size = New<TSize>(nullptr);
   size->SetWidth(7);
   EXPECT_TRUE(size->Equals(box));  // a descendant instance: EqualTo decides
   EXPECT_EQ(size->EqualToCalls, 1);

@@ -157,8 +157,7 @@ TEST_F(ServiceThreads, ForegroundTicksWrapLateNotEarly) {
   const TNotifyEvent hit = Bind<&TProbe::Hit>(&probe);
   QUMAQueueForegroundCallback(hit, &early, 8);     // due at 0xFFFFFFF8
   QUMAQueueForegroundCallback(hit, &late, 0x20);   // due at 0x10, after the wrap
-  gClock += 0x20;  // now 0x10: the wrapped entry is due, the other compares as not yet due
-  ForegroundSync()->Poke();
+  Advance(0x20);  // now 0x10: the wrapped entry is due, the other compares as not yet due
   ASSERT_TRUE(Service([&] { return !probe.Seen.empty(); }));
   Settle();
   EXPECT_EQ(probe.Seen, std::vector<TObject*>{&late});  // the early entry goes with the worker
