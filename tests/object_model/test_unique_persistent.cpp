@@ -44,8 +44,7 @@ TEST(UniqueSwap, EveryKindOfHolderEndsUpOnTheReplacement) {
   TQUMAReferencedPersistent *silent = old, *elsewhere = old, *own = rep;
   bool gone = false;
   rep->RegisterSilentReference(&own);  // the replacement's own references stay beside the moved ones
-  old->RegisterSilentReference(&silent);
-  old->RegisterSilentReference(&elsewhere);
+  for (auto* v : {&silent, &elsewhere}) old->RegisterSilentReference(v);
   elsewhere = consumer;  // pointed elsewhere before the swap: the swap still sets it
   old->RegisterFreeIndicator(gone);
   for (TObject* locker : std::initializer_list<TObject*>{&plain, &plain, lockingNode, old, lockingComponent})

@@ -7,7 +7,7 @@
 
 using namespace omtest;
 
-TEST(ReferencedStack, LocksWhileOnTheStack) {
+TEST(ReferencedStackAndNamedLists, HoldTheirItemsWhileTheyKeepThemAndFindListsByName) {
   auto* stack = New<TQUMAReferencedPersistentStack<TNode>>();
   auto *a = N("a"), *b = N("b");
   THolder keeper;
@@ -22,9 +22,7 @@ TEST(ReferencedStack, LocksWhileOnTheStack) {
   a->RemoveMemLockReference(&keeper);
   EXPECT_TRUE(QUMAIsFreed(a));
   Free(stack);
-}
 
-TEST(NamedLists, FoundByNameAndHeldByTheOuterList) {
   auto* lists = New<TQUMAReferencedListOfNamedLists<TNode>>();
   auto* red = lists->ListByName(u"Red");
   EXPECT_EQ(lists->ListByName(u"RED"), red);
