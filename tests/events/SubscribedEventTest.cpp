@@ -194,7 +194,7 @@ TEST_F(Event, TypedEventsShareTheUntypedIdentityAndUnblockWithTheirOwnArgument) 
   EXPECT_EQ(log, (TLog{"b.Typed", "a.Typed", "b.Typed", "b.Typed", "c.Typed", "b.Typed", "b.Typed"}));
 }
 
-TEST_F(Event, BlockedFiringsAreDeliveredOnceAndThePendingCountIsNeverReset) {
+TEST_F(Event, BlockedFiringsAreDeliveredOnceThePendingCountIsNeverResetAndScopedBlocksUnblockAlways) {
   event->Subscribe(a->OnA());
   event->SetOnUnblocked(d->OnB());
   event->Unblock();  // surplus: the counter does not go below zero
@@ -226,6 +226,20 @@ TEST_F(Event, BlockedFiringsAreDeliveredOnceAndThePendingCountIsNeverReset) {
   EXPECT_EQ(log, (TLog{"d.B", "a.A"}));
   event->SetOnIsBlocked(nullptr);  // the counter is back, untouched by the Block above
   EXPECT_FALSE(event->Blocked());
+  // A scoped block unblocks on exit and on an exception.
+  log.clear();
+  a->Action = [] { throw std::runtime_error("subscriber failed"); };
+  try {
+    TQUMAScopedBlock block(*event);
+    event->FireCallbacks();
+    throw std::logic_error("scope failed");  // wins over the subscriber's exception
+  } catch (const std::logic_error&) {
+  }
+  EXPECT_FALSE(event->Blocked());
+  EXPECT_EQ(log, (TLog{"d.B", "a.A"}));
+  // Leaving normally, the subscriber's exception reaches the caller.
+  EXPECT_THROW({ TQUMAScopedBlock block(*event); }, std::runtime_error);
+  EXPECT_FALSE(event->Blocked());
 }
 
 TEST_F(Event, StopFlagEndsThePassAndWhenAlreadySetCallsNobodyButStillCounts) {
@@ -239,22 +253,6 @@ TEST_F(Event, StopFlagEndsThePassAndWhenAlreadySetCallsNobodyButStillCounts) {
   event->Block();
   event->FireCallbacksWhileFalse(stop);
   EXPECT_TRUE(event->CallbacksPending());
-}
-
-TEST_F(Event, ScopedBlockUnblocksOnExitAndOnException) {
-  event->Subscribe(a->OnA());
-  a->Action = [] { throw std::runtime_error("subscriber failed"); };
-  try {
-    TQUMAScopedBlock block(*event);
-    event->FireCallbacks();
-    throw std::logic_error("scope failed");  // wins over the subscriber's exception
-  } catch (const std::logic_error&) {
-  }
-  EXPECT_FALSE(event->Blocked());
-  EXPECT_EQ(log, (TLog{"a.A"}));
-  // Leaving normally, the subscriber's exception reaches the caller.
-  EXPECT_THROW({ TQUMAScopedBlock block(*event); }, std::runtime_error);
-  EXPECT_FALSE(event->Blocked());
 }
 
 // Re-entrancy: the pass walks the live list by index on the firing thread.

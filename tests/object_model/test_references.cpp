@@ -55,7 +55,7 @@ TEST(LockCounts, LocksAreCountedPerLockerAndTheLastUnlockFreesUnlessSwitchedOffO
   EXPECT_EQ(h.Entered, 2);
 }
 
-TEST(LockCounts, AReferencedLockerIsLinkedBackAndItsDeathRemovesAllItsLocks) {
+TEST(LockCounts, AReferencedLockerIsLinkedBackAndItsDeathRemovesAllItsLocksAndAGuardHoldsForItsScope) {
   auto *x = N("x"), *y = N("y"), *a = N("a"), *b = N("b"), *c = N("c");
   TQUMAGuardedPtr<TNode> gy(y), gb(b), gc(c);
   for (TNode* n : {x, x, y, y}) n->AddMemLockReference(a);
@@ -73,21 +73,20 @@ TEST(LockCounts, AReferencedLockerIsLinkedBackAndItsDeathRemovesAllItsLocks) {
   EXPECT_FALSE(gb);  // b lost a's lock and freed itself, which let c go too
   EXPECT_FALSE(gc);
   Free(x);
-}
 
-TEST(LockCounts, MemLockGuardHoldsForItsScope) {
-  auto *x = N("x"), *y = N("y");
+  // A lock guard holds for its scope.
+  auto *g = N("g"), *h = N("h");
   THolder holder;
-  TQUMAGuardedPtr<TNode> gx(x);
+  TQUMAGuardedPtr<TNode> gg(g);
   {
-    TQUMAMemLockGuard<TNode> lock(x, &holder);
+    TQUMAMemLockGuard<TNode> lock(g, &holder);
     TQUMAMemLockGuard<TNode> moved(std::move(lock));
-    EXPECT_EQ(moved.Get(), x);
-    EXPECT_EQ(x->LockCount(&holder), 1);
+    EXPECT_EQ(moved.Get(), g);
+    EXPECT_EQ(g->LockCount(&holder), 1);
   }
-  EXPECT_FALSE(gx);
-  TQUMAMemLockGuard<TNode> lock(y, &holder);
-  Free(y);  // dies by other hands; the guard then releases nothing
+  EXPECT_FALSE(gg);
+  TQUMAMemLockGuard<TNode> lock(h, &holder);
+  Free(h);  // dies by other hands; the guard then releases nothing
   EXPECT_EQ(lock.Get(), nullptr);
   EXPECT_FALSE(lock.Release());
 }
