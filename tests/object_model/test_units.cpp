@@ -66,8 +66,7 @@ TEST(OwnedCollection, TypedItemsWithOwnerIndexAndIds) {
   columns->Delete(0);
   Free(c);  // an item freed directly leaves its collection
   EXPECT_EQ(columns->Count(), 1);
-  copy->Add();
-  copy->Add();
+  for (int i = 0; i < 2; ++i) copy->Add();  // replaced by the assignment
   copy->Assign(columns.get());
   ASSERT_EQ(copy->Count(), 1);
   EXPECT_EQ(copy->Items(0)->Width, 7);
