@@ -281,10 +281,12 @@ TEST(ModulesLoadedLate, AreDetectedAndTheirUnitsInitialised) {
 // A process that ends without RunUninitialisations: unloading the library frees the registry,
 // which undoes the phases of the initialised units and frees the pending one; nothing leaks.
 [[noreturn]] void ExitWithoutUninitialisations() {
+  static TQUMAInitialisationUnit *a = nullptr, *b = nullptr;  // the initialised units stay reachable
   QUMARegisterRegistrationPhases(std::vector{P('A'), P('B')});
   QUMARegisterInstantiationPhase(P('A'));
   TRecUnit::Echo = true;
-  for (const char* name : {"1", "2"}) New<TRecUnit>(name, nullptr);
+  New<TRecUnit>("1", nullptr, &a);
+  New<TRecUnit>("2", nullptr, &b);
   RunInitProc();
   New<TRecUnit>("pending", nullptr);
   std::fprintf(stderr, "| ");
