@@ -192,8 +192,9 @@ TEST_F(ServiceThreads, ForegroundStressEveryCallbackRunsOnceOrIsCancelled) {
     SetTickSource(retiring ? FakeTicks : nullptr);
     constexpr int Producers = 8;
     const int perProducer = (retiring ? 10000 : 100000) / StressScale;
-    auto slots = std::make_unique<TProbe[]>(2 * Producers);  // each producer's own, then its doomed one
-    auto runs = [&](int from) {  // the calls each slot from `from` on has seen
+    // Each producer's own probe, then its doomed one; runs(from) gives the calls each has seen.
+    auto slots = std::make_unique<TProbe[]>(2 * Producers);
+    auto runs = [&](int from) {
       std::vector<std::size_t> n;
       for (int p = from; p < from + Producers; ++p) n.push_back(slots[static_cast<std::size_t>(p)].Seen.size());
       return n;
