@@ -138,7 +138,8 @@ TEST(UniqueStringList, EntriesFollowASwapWithTheListsReferencesMovedOnce) {
   auto *old = U(), *rep = U();
   own->AddObject(u"a", old);
   own->AddObject(u"b", old);
-  onBehalf->AddObject(u"c", old);
+  onBehalf->AddObject(u"c", nullptr);
+  onBehalf->PutObject(0, old);  // followed when put, too
   old->_SwapWith(rep);
   EXPECT_EQ(own->CountOfObject(rep), 2);
   EXPECT_EQ(onBehalf->Objects(0), rep);
