@@ -73,5 +73,7 @@ TEST(ReferencedPropertySet, BatchesFireOnceHooksRunWhenWiredDuplicatesKeepTheCla
   EXPECT_EQ(box->EqualToCalls, 0);
   EXPECT_TRUE(box->Equals(box));
   EXPECT_FALSE(box->Equals(nullptr));
-  FreeAll(size, box, owner);
+  auto *plain = New<TQUMAReferencedPropertySet>(nullptr), *other = New<TQUMAReferencedPropertySet>(nullptr);
+  EXPECT_FALSE(plain->Equals(other));  // the base knows no properties: distinct objects differ
+  FreeAll(size, box, owner, plain, other);
 }

@@ -150,8 +150,7 @@ TEST(QumaTool, DateTokeniseAndFolderOptions) {
   const std::string values = "plain\nwith space\nquote \" inside\n";
   auto quoted = Quma("tokenise --quote -e '\\'", values);
   EXPECT_EQ(Quma("tokenise -e '\\'", quoted.out).out, values);
-  const std::string home = std::getenv("HOME") ? std::getenv("HOME") : "";
-  ASSERT_FALSE(home.empty());
+  const std::string home = std::getenv("HOME") ? std::getenv("HOME") : "";  // without it nothing is encoded
   auto encoded = Quma("folder encode '" + home + "/some/file'");
   EXPECT_EQ(encoded.out.rfind("{:", 0), 0u) << encoded.out;
   EXPECT_EQ(Quma("folder expand", encoded.out).out, home + "/some/file\n");
