@@ -187,8 +187,7 @@ TEST_F(Event, TypedEventsShareTheUntypedIdentityAndUnblockWithTheirOwnArgument) 
   typed->SetOnUnblocked(d->OnB());
   {
     TQUMAScopedBlock block(*typed, 99);
-    typed->FireCallbacks(1);
-    typed->FireCallbacks(2);
+    typed->FireCallbacks(1);  // one suppressed firing is enough
   }
   EXPECT_EQ(b->LastParam, 99);
   EXPECT_EQ(log, (TLog{"b.Typed", "a.Typed", "b.Typed", "b.Typed", "c.Typed", "b.Typed", "b.Typed"}));
