@@ -63,7 +63,7 @@ class Event : public ::testing::Test {
                      c = MakeObject<TProbe>(log, "c"), d = MakeObject<TProbe>(log, "d");
 };
 
-TEST_F(Event, SubscribersAreCodeObjectPairsThatKeepTheirFirstPlace) {
+TEST_F(Event, SubscribersAreCodeObjectPairsThatKeepTheirFirstPlaceOrderedByObjectThenCode) {
   event->PrioritySubscribe(a->OnA());  // on an empty event: appended
   event->Subscribe(b->OnA());          // same code, other object
   event->Subscribe(a->OnB());          // same object, other method
@@ -76,9 +76,7 @@ TEST_F(Event, SubscribersAreCodeObjectPairsThatKeepTheirFirstPlace) {
   event->Unsubscribe(a->OnA());
   event->FireCallbacks();
   EXPECT_EQ(log, (TLog{"c.A", "b.A", "a.B"}));
-}
-
-TEST_F(Event, CompareOrdersByObjectThenCode) {
+  // Searches compare by object, then by code.
   TProbe* lo = std::min(a.get(), b.get());
   TProbe* hi = std::max(a.get(), b.get());
   const TNotifyEvent loA = lo->OnA(), loB = lo->OnB(), hiA = hi->OnA();
@@ -132,7 +130,7 @@ class TWatchedList : public TQUMACallbackList {
   bool* Freed;
 };
 
-TEST_F(Event, TransferAddsOnlyMissingSubscribersAndEmptiesTheSource) {
+TEST_F(Event, TransferAddsOnlyMissingSubscribersAndAPassStopsWhenTheEventDropsItsList) {
   auto target = MakeObject<TOpenEvent>();
   target->Subscribe(b->OnA());
   SubscribeA({a.get(), b.get(), c.get()});
@@ -144,6 +142,18 @@ TEST_F(Event, TransferAddsOnlyMissingSubscribersAndEmptiesTheSource) {
   event->Subscribe(a->OnA());
   for (auto* target : {static_cast<TQUMASubscribedEvent*>(nullptr), event}) event->TransferSubscriptions(target);
   EXPECT_EQ(event->SubscriberCount(), 1);
+  a->Action = [&] {
+    a->Action = nullptr;
+    target->SwapForEmptyList();  // frees the list the pass walks, monitor included
+  };
+  target->FireCallbacks();
+  target->Subscribe(d->OnA());
+  target->FireCallbacks();
+  EXPECT_EQ(log, (TLog{"b.A", "a.A", "c.A", "b.A", "a.A", "d.A"}));
+  bool freed = false;
+  target->SwapForEmptyList(New<TWatchedList>(&freed));
+  target.reset();
+  EXPECT_TRUE(freed);  // the event frees the list it holds
 }
 
 TEST_F(Event, TypedEventsShareTheUntypedIdentityAndUnblockWithTheirOwnArgument) {
@@ -165,7 +175,6 @@ TEST_F(Event, TypedEventsShareTheUntypedIdentityAndUnblockWithTheirOwnArgument) 
     TQUMAScopedSubscription kept(*event, b->OnA());
     kept.Release();
     TQUMAScopedSubscription typedSub(*typed, Bind<&TProbe::Typed>(c.get()));
-    EXPECT_TRUE(event->IsSubscribed(a->OnA()));
     typed->FireCallbacks(7);
   }
   EXPECT_FALSE(event->IsSubscribed(a->OnA()));
@@ -178,21 +187,19 @@ TEST_F(Event, TypedEventsShareTheUntypedIdentityAndUnblockWithTheirOwnArgument) 
   typed->SetOnUnblocked(d->OnB());
   {
     TQUMAScopedBlock block(*typed, 99);
-    typed->FireCallbacks(1);
-    typed->FireCallbacks(2);
+    typed->FireCallbacks(1);  // one suppressed firing is enough
   }
   EXPECT_EQ(b->LastParam, 99);
   EXPECT_EQ(log, (TLog{"b.Typed", "a.Typed", "b.Typed", "b.Typed", "c.Typed", "b.Typed", "b.Typed"}));
 }
 
-TEST_F(Event, BlockedFiringsAreDeliveredOnceAndThePendingCountIsNeverReset) {
+TEST_F(Event, BlockedFiringsAreDeliveredOnceThePendingCountIsNeverResetAndScopedBlocksUnblockAlways) {
   event->Subscribe(a->OnA());
   event->SetOnUnblocked(d->OnB());
   event->Unblock();  // surplus: the counter does not go below zero
   event->Unblock();
   event->Block();
   event->Unblock();  // nothing suppressed yet: nothing fires
-  EXPECT_FALSE(event->CallbacksPending());
   event->Block();
   event->Block();
   for (int i = 0; i < 3; ++i) event->FireCallbacks();
@@ -203,24 +210,34 @@ TEST_F(Event, BlockedFiringsAreDeliveredOnceAndThePendingCountIsNeverReset) {
   EXPECT_EQ(log, (TLog{"d.B", "a.A"}));
   EXPECT_EQ(d->LastSender, event);  // OnUnblocked always gets the event
   EXPECT_EQ(a->LastSender, c.get());
-  EXPECT_TRUE(event->CallbacksPending());
   event->Block();  // nothing fired in between, yet the pair fires again
   event->Unblock();
   EXPECT_EQ(log, (TLog{"d.B", "a.A", "d.B", "a.A"}));
-}
-
-TEST_F(Event, BlockCheckerReplacesTheCounter) {
-  event->Subscribe(a->OnA());
-  event->SetOnUnblocked(d->OnB());
-  event->SetOnIsBlocked(Bind<&TProbe::Check>(c.get()));
+  // A block checker replaces the counter.
+  log.clear();
+  event->SetOnIsBlocked(Bind<&TProbe::Check>(b.get()));
   event->FireCallbacks();
   EXPECT_TRUE(log.empty());
-  c->Answer = false;
+  b->Answer = false;
   event->Block();  // ignored while the checker decides
   EXPECT_FALSE(event->Blocked());
   event->Unblock();
   EXPECT_EQ(log, (TLog{"d.B", "a.A"}));
   event->SetOnIsBlocked(nullptr);  // the counter is back, untouched by the Block above
+  EXPECT_FALSE(event->Blocked());
+  // A scoped block unblocks on exit and on an exception.
+  log.clear();
+  a->Action = [] { throw std::runtime_error("subscriber failed"); };
+  try {
+    TQUMAScopedBlock block(*event);
+    event->FireCallbacks();
+    throw std::logic_error("scope failed");  // wins over the subscriber's exception
+  } catch (const std::logic_error&) {
+  }
+  EXPECT_FALSE(event->Blocked());
+  EXPECT_EQ(log, (TLog{"d.B", "a.A"}));
+  // Leaving normally, the subscriber's exception reaches the caller.
+  EXPECT_THROW({ TQUMAScopedBlock block(*event); }, std::runtime_error);
   EXPECT_FALSE(event->Blocked());
 }
 
@@ -237,34 +254,12 @@ TEST_F(Event, StopFlagEndsThePassAndWhenAlreadySetCallsNobodyButStillCounts) {
   EXPECT_TRUE(event->CallbacksPending());
 }
 
-TEST_F(Event, ScopedBlockUnblocksOnExitAndOnException) {
-  event->Subscribe(a->OnA());
-  a->Action = [] { throw std::runtime_error("subscriber failed"); };
-  try {
-    TQUMAScopedBlock block(*event);
-    event->FireCallbacks();
-    throw std::logic_error("scope failed");  // wins over the subscriber's exception
-  } catch (const std::logic_error&) {
-  }
-  EXPECT_FALSE(event->Blocked());
-  EXPECT_EQ(log, (TLog{"a.A"}));
-  // Leaving normally, the subscriber's exception reaches the caller.
-  EXPECT_THROW({ TQUMAScopedBlock block(*event); }, std::runtime_error);
-  EXPECT_FALSE(event->Blocked());
-}
-
 // Re-entrancy: the pass walks the live list by index on the firing thread.
 
-TEST_F(Event, SelfUnsubscribeSkipsTheSuccessorInThatPass) {
+TEST_F(Event, SubscribersRemovedOrAddedDuringThePass) {
   SubscribeA({a.get(), b.get(), c.get()});
-  a->Action = [&] { event->Unsubscribe(a->OnA()); };
+  a->Action = [&] { event->Unsubscribe(a->OnA()); };  // skips its successor in that pass
   event->FireCallbacks();
-  event->FireCallbacks();
-  EXPECT_EQ(log, (TLog{"a.A", "c.A", "b.A", "c.A"}));
-}
-
-TEST_F(Event, SubscribersAddedDuringThePass) {
-  SubscribeA({a.get(), b.get(), c.get()});
   b->Action = [&] {
     b->Action = [&] { event->PrioritySubscribe(d->OnA()); };
     event->Subscribe(d->OnA());  // appended: called in this pass
@@ -273,7 +268,7 @@ TEST_F(Event, SubscribersAddedDuringThePass) {
   event->Unsubscribe(d->OnA());
   // Inserting at the front moves the running subscriber on: it is reached again.
   event->FireCallbacks();
-  EXPECT_EQ(log, (TLog{"a.A", "b.A", "c.A", "d.A", "a.A", "b.A", "b.A", "c.A"}));
+  EXPECT_EQ(log, (TLog{"a.A", "c.A", "b.A", "c.A", "d.A", "b.A", "b.A", "c.A"}));
 }
 
 TEST_F(Event, BlockingOrFiringAgainDuringThePass) {
@@ -290,62 +285,27 @@ TEST_F(Event, BlockingOrFiringAgainDuringThePass) {
   EXPECT_EQ(log, (TLog{"a.A", "a.A", "b.A", "c.A", "b.A", "c.A"}));
   event->Unblock();
   EXPECT_EQ(log.size(), 9u);
-}
-
-TEST_F(Event, SubscriberMayFreeTheEvent) {
-  SubscribeA({a.get(), b.get(), c.get()});
+  log.clear();
   b->Action = [&] { FreeAndNil(event); };
   event->FireCallbacks();  // stops after b, touching nothing of the freed event
   EXPECT_EQ(log, (TLog{"a.A", "b.A"}));
 }
 
-TEST_F(Event, PassStopsWhenTheEventDropsItsList) {
-  auto swapping = MakeObject<TOpenEvent>();
-  for (auto* p : {a.get(), b.get()}) swapping->Subscribe(p->OnA());
-  a->Action = [&] {
-    a->Action = nullptr;
-    swapping->SwapForEmptyList();  // frees the list the pass walks, monitor included
-  };
-  swapping->FireCallbacks();
-  swapping->Subscribe(d->OnA());
-  swapping->FireCallbacks();
-  EXPECT_EQ(log, (TLog{"a.A", "d.A"}));
-  bool freed = false;
-  swapping->SwapForEmptyList(New<TWatchedList>(&freed));
-  swapping.reset();
-  EXPECT_TRUE(freed);  // the event frees the list it holds
-}
+// Other threads.
 
-TEST_F(Event, ThrowingSubscriberEndsThePassAndReleasesTheMonitor) {
+TEST_F(Event, SubscribeFromAnotherThreadWaitsForThePassWhichAThrowingSubscriberEnds) {
+  std::thread other;
+  a->Action = [&] {  // starts the other thread inside the pass and gives it time to subscribe
+    other = std::thread([&] { event->Subscribe(d->OnA()); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(event->IsSubscribed(d->OnA()));
+  };
   SubscribeA({a.get(), b.get(), c.get()});
   b->Action = [] { throw std::runtime_error("boom"); };
   EXPECT_THROW(event->FireCallbacks(), std::runtime_error);
+  other.join();  // would wait forever if the throw had kept the monitor
   EXPECT_EQ(log, (TLog{"a.A", "b.A"}));
-  std::thread([&] { event->Subscribe(d->OnA()); }).join();  // would wait forever otherwise
   EXPECT_TRUE(event->IsSubscribed(d->OnA()));
-}
-
-// Other threads.
-
-TEST_F(Event, SubscribeFromAnotherThreadWaitsForThePass) {
-  std::atomic<bool> inPass{false}, otherStarting{false};
-  bool otherFinishedDuringPass = false;
-  a->Action = [&] {  // holds the pass open until the other thread is about to subscribe, then lingers
-    inPass = true;
-    while (!otherStarting) std::this_thread::yield();
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    otherFinishedDuringPass = event->IsSubscribed(d->OnA());
-  };
-  event->Subscribe(a->OnA());
-  std::thread other([&] {
-    while (!inPass) std::this_thread::yield();
-    otherStarting = true;
-    event->Subscribe(d->OnA());
-  });
-  event->FireCallbacks();
-  other.join();
-  EXPECT_FALSE(otherFinishedDuringPass);
-  EXPECT_EQ(log, (TLog{"a.A"}));  // the late subscriber arrived after the pass
 }
 
 TEST_F(Event, ChurnAndFiringsFromSeveralThreads) {

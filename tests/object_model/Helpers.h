@@ -89,7 +89,6 @@ class TWatcher : public TComponent {
   void Notification(TComponent* AComponent, TOperation Operation) override {
     if (auto* w = dynamic_cast<TQUMAPersistentWrapper*>(AComponent); w && Operation == opRemove) {
       ++Removals;
-      LastPayload = w->Payload();
       if (Log) Log->push_back(Label + "<-" + TNode::NameOf(w->Payload()));
     }
     inherited::Notification(AComponent, Operation);
@@ -97,7 +96,6 @@ class TWatcher : public TComponent {
   Journal* Log;
   std::string Label;
   int Removals = 0;
-  TPersistent* LastPayload = nullptr;
 };
 
 }  // namespace omtest

@@ -6,11 +6,10 @@
 
 using namespace omtest;
 
-TEST(LockCounts, LocksAreCountedPerLockerAndTheLastUnlockFreesUnlessSwitchedOff) {
+TEST(LockCounts, LocksAreCountedPerLockerAndTheLastUnlockFreesUnlessSwitchedOffOrHeldInTwilight) {
   auto* x = N("x");
   THolder a, b;  // plain objects: no link, they release their locks themselves
-  bool gone = false, deleted = true;
-  x->RegisterFreeIndicator(gone);
+  bool deleted = true;
   for (THolder* locker : {&a, &a, &b}) x->AddMemLockReference(locker);
   EXPECT_EQ(x->LockCount(&a), 2);
   EXPECT_EQ(x->MemLockReferenceCount(), 2);  // lockers, not locks
@@ -20,11 +19,8 @@ TEST(LockCounts, LocksAreCountedPerLockerAndTheLastUnlockFreesUnlessSwitchedOff)
   EXPECT_EQ(x->LockCount(&a), 1);
   x->RemoveMemLockReference(&b);
   EXPECT_FALSE(x->IsLockedBy(&b));
-  EXPECT_FALSE(gone);
   x->RemoveMemLockReference(&a, &deleted);
   EXPECT_TRUE(deleted);
-  EXPECT_TRUE(gone);
-  EXPECT_TRUE(QUMAIsFreed(x));  // memory already released: answered from the registry
 
   auto *y = N("y"), *z = N("z");  // an unlock by a non-locker still frees an unreferenced object
   y->RemoveMemLockReference(&a, &deleted);
@@ -37,9 +33,29 @@ TEST(LockCounts, LocksAreCountedPerLockerAndTheLastUnlockFreesUnlessSwitchedOff)
   EXPECT_FALSE(z->FreeIfUnreferenced());
   z->SetFreeWhenUnreferenced(true);
   EXPECT_TRUE(z->FreeIfUnreferenced());
+
+  // A twilight handler keeps the object until a later unlock lets it go.
+  auto* t = N("t");
+  THolder h;
+  t->SetOnEnterTwilight(Bind<&THolder::Enter>(&h));
+  t->SetOnLeaveTwilight(Bind<&THolder::Leave>(&h));
+  t->AddMemLockReference(&a);
+  t->RemoveMemLockReference(&a, &deleted);
+  EXPECT_FALSE(deleted);
+  EXPECT_EQ(h.Entered, 1);
+  EXPECT_TRUE(t->RPState().Contains(_rpInTwilight));
+  t->AddMemLockReference(&a);
+  t->AddMemLockReference(&a);
+  EXPECT_EQ(h.Left, 1);  // only when leaving twilight
+  EXPECT_FALSE(t->RPState().Contains(_rpInTwilight));
+  h.KeepAlive = false;
+  t->RemoveMemLockReference(&a);
+  t->RemoveMemLockReference(&a, &deleted);
+  EXPECT_TRUE(deleted);
+  EXPECT_EQ(h.Entered, 2);
 }
 
-TEST(LockCounts, AReferencedLockerIsLinkedBackAndItsDeathRemovesAllItsLocks) {
+TEST(LockCounts, AReferencedLockerIsLinkedBackAndItsDeathRemovesAllItsLocksAndAGuardHoldsForItsScope) {
   auto *x = N("x"), *y = N("y"), *a = N("a"), *b = N("b"), *c = N("c");
   TQUMAGuardedPtr<TNode> gy(y), gb(b), gc(c);
   for (TNode* n : {x, x, y, y}) n->AddMemLockReference(a);
@@ -57,54 +73,28 @@ TEST(LockCounts, AReferencedLockerIsLinkedBackAndItsDeathRemovesAllItsLocks) {
   EXPECT_FALSE(gb);  // b lost a's lock and freed itself, which let c go too
   EXPECT_FALSE(gc);
   Free(x);
-}
 
-TEST(LockCounts, MemLockGuardHoldsForItsScope) {
-  auto *x = N("x"), *y = N("y");
+  // A lock guard holds for its scope.
+  auto *g = N("g"), *h = N("h");
   THolder holder;
-  TQUMAGuardedPtr<TNode> gx(x);
+  TQUMAGuardedPtr<TNode> gg(g);
   {
-    TQUMAMemLockGuard<TNode> lock(x, &holder);
+    TQUMAMemLockGuard<TNode> lock(g, &holder);
     TQUMAMemLockGuard<TNode> moved(std::move(lock));
-    EXPECT_EQ(moved.Get(), x);
-    EXPECT_EQ(x->LockCount(&holder), 1);
+    EXPECT_EQ(moved.Get(), g);
+    EXPECT_EQ(g->LockCount(&holder), 1);
   }
-  EXPECT_FALSE(gx);
-  TQUMAMemLockGuard<TNode> lock(y, &holder);
-  Free(y);  // dies by other hands; the guard then releases nothing
+  EXPECT_FALSE(gg);
+  TQUMAMemLockGuard<TNode> lock(h, &holder);
+  Free(h);  // dies by other hands; the guard then releases nothing
   EXPECT_EQ(lock.Get(), nullptr);
   EXPECT_FALSE(lock.Release());
-}
-
-TEST(Twilight, HandlerKeepsTheObjectUntilALaterUnlockLetsItGo) {
-  auto* x = N("x");
-  THolder h, a;
-  x->SetOnEnterTwilight(Bind<&THolder::Enter>(&h));
-  x->SetOnLeaveTwilight(Bind<&THolder::Leave>(&h));
-  x->AddMemLockReference(&a);
-  bool deleted = true;
-  x->RemoveMemLockReference(&a, &deleted);
-  EXPECT_FALSE(deleted);
-  EXPECT_EQ(h.Entered, 1);
-  EXPECT_TRUE(x->RPState().Contains(_rpInTwilight));
-  x->AddMemLockReference(&a);
-  x->AddMemLockReference(&a);
-  EXPECT_EQ(h.Left, 1);  // only when leaving twilight
-  EXPECT_FALSE(x->RPState().Contains(_rpInTwilight));
-  h.KeepAlive = false;
-  x->RemoveMemLockReference(&a);
-  x->RemoveMemLockReference(&a, &deleted);
-  EXPECT_TRUE(deleted);
-  EXPECT_EQ(h.Entered, 2);
 }
 
 TEST(SilentReferences, NullOnlyVariablesStillHoldingTheObjectFollowMovesAndShowTheFreeState) {
   auto *x = N("x"), *other = N("other"), *c = N("c");
   TQUMAReferencedPersistent *held = x, *moved = x, *dropped = x;
-  x->RegisterSilentReference(&held);
-  x->RegisterSilentReference(&held);  // once only
-  x->RegisterSilentReference(&moved);
-  x->RegisterSilentReference(&dropped);
+  for (auto* v : {&held, &held, &moved, &dropped}) x->RegisterSilentReference(v);  // held once only
   x->UnregisterSilentReference(&dropped);
   moved = other;
   bool a = false, b = false, sawFreeing = false, sawFreed = true;
@@ -139,7 +129,7 @@ TEST(SilentReferences, NullOnlyVariablesStillHoldingTheObjectFollowMovesAndShowT
   FreeAll(other, c);
 }
 
-TEST(Destruction, TellsConsumersThenLockersThenCallbackHoldersThenComponents) {
+TEST(Destruction, TellsConsumersThenLockersThenCallbackHoldersThenComponentsSafelyWhenConsumersFreeAnything) {
   Journal journal;
   auto *x = N("x", &journal), *c1 = N("c1", &journal), *c2 = N("c2", &journal), *c3 = N("c3", &journal);
   auto *c4 = N("c4", &journal), *l1 = N("l1", &journal), *l2 = N("l2", &journal);
@@ -166,16 +156,14 @@ TEST(Destruction, TellsConsumersThenLockersThenCallbackHoldersThenComponents) {
   Free(x);
   EXPECT_EQ(journal, (Journal{"c2<-x", "c1<-x", "l2<-x", "l1<-x", "h1<-x", "h2<-x", "w<-x"}));
   EXPECT_EQ(l1->NotifyReferenceCount(), 0);  // the lockers forgot x
-  FreeAll(c1, c2, c4, l1, l2, w);
-}
 
-TEST(Destruction, ConsumersThatFreeThemselvesOrFreeTheDyingObjectAgainAreSafe) {
-  Journal journal;
-  auto *x = N("x", &journal), *c1 = N("c1", &journal), *c2 = N("c2", &journal), *c3 = N("c3", &journal);
-  for (TNode* c : {c1, c2, c3}) x->AddNotifyReference(c);
+  // Consumers that free themselves or free the dying object again are safe.
+  journal.clear();
+  auto* y = N("y", &journal);
+  for (TNode* c : {c1, c2, c4}) y->AddNotifyReference(c);
   bool gone = false;
-  x->RegisterFreeIndicator(gone);
-  c3->OnRemove = [&](TNode* self, TQUMAReferencedPersistent* other) {
+  y->RegisterFreeIndicator(gone);
+  c4->OnRemove = [&](TNode* self, TQUMAReferencedPersistent* other) {
     Free(other);  // destruction entered again from a notification
     EXPECT_FALSE(gone);
     EXPECT_FALSE(other->FreeIfUnreferenced());
@@ -183,11 +171,11 @@ TEST(Destruction, ConsumersThatFreeThemselvesOrFreeTheDyingObjectAgainAreSafe) {
   };
   c2->OnRemove = [](TNode* self, TQUMAReferencedPersistent*) { Free(self); };
   TQUMAGuardedPtr<TNode> g2(c2);
-  Free(x);
+  Free(y);
   EXPECT_TRUE(gone);
-  EXPECT_EQ(journal, (Journal{"c3<-x", "c2<-x", "c1<-x"}));  // told once each, the loop goes on
+  EXPECT_EQ(journal, (Journal{"c4<-y", "c2<-y", "c1<-y"}));  // told once each, the loop goes on
   EXPECT_FALSE(g2);
-  FreeAll(c1, c3);
+  FreeAll(c1, c4, l1, l2, w);
 }
 
 TEST(OwnerChains, ReferencedOwnersAreWatchedAndWalkedAndComponentOwnerQueriesCached) {
@@ -198,10 +186,9 @@ TEST(OwnerChains, ReferencedOwnersAreWatchedAndWalkedAndComponentOwnerQueriesCac
   auto *c = New<TNode>(b, "c"), *next = N("next");
   EXPECT_EQ(b->NotifyReferenceCount(), 1);  // a referenced owner is watched
   EXPECT_EQ(c->OwningComponent(), comp);  // through b and a
-  EXPECT_EQ(c->ReferencedPersistentOwner(c), b);  // starts at the candidate's owner
-  EXPECT_EQ(c->ReferencedPersistentOwner(b), a);
-  EXPECT_EQ(c->ReferencedPersistentOwner(a), nullptr);
-  EXPECT_EQ(c->ReferencedPersistentOwner(nullptr), nullptr);
+  // The walk starts at the candidate's owner.
+  for (auto [from, owner] : {std::pair<TNode*, TNode*>{c, b}, {b, a}, {a, nullptr}, {nullptr, nullptr}})
+    EXPECT_EQ(c->ReferencedPersistentOwner(from), owner) << TNode::NameOf(from);
   // Designing: both answers cached.
   EXPECT_FALSE(c->ComponentOwnerIsDesigning());
   root->SetDesigning(true);
@@ -222,7 +209,6 @@ TEST(OwnerChains, ReferencedOwnersAreWatchedAndWalkedAndComponentOwnerQueriesCac
   EXPECT_TRUE(y->ComponentOwnerIsDesigning());
   c->SetOwner(next);
   EXPECT_EQ(b->NotifyReferenceCount(), 0);
-  EXPECT_EQ(next->NotifyReferenceCount(), 1);
   Free(next);  // a dead owner is cleared
   EXPECT_EQ(c->Owner(), nullptr);
   c->SetOwner(b);
@@ -288,7 +274,6 @@ TEST(Surface, InterfaceCountingNeverGovernsLifetimeAndCreationIsVirtual) {
   EXPECT_EQ(made->Owner(), nullptr);
   TQUMAReferencedPersistent* base =
       TQUMAReferencedPersistentClass(TQUMAReferencedPersistent::StaticClass()).Create(b);
-  ASSERT_NE(base, nullptr);
   EXPECT_EQ(b->NotifyReferenceCount(), 1);
   FreeAll(made, b, base);
 }
@@ -308,8 +293,6 @@ TEST(Threads, ObjectsOfDifferentThreadsLiveAndDieIndependently) {
   {
     std::jthread t0(work, &dead[0]), t1(work, &dead[1]);
   }
-  std::size_t reportedFreed = 0;
   for (auto& died : dead)
-    for (auto* p : died) reportedFreed += QUMAIsFreed(p);
-  EXPECT_EQ(reportedFreed, dead[0].size() + dead[1].size());
+    for (auto* p : died) ASSERT_TRUE(QUMAIsFreed(p));  // memory already released: answered from the registry
 }

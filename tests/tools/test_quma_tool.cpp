@@ -47,13 +47,6 @@ TRun Quma(const std::string& args, const std::string& input = {}) {
   return {WIFEXITED(rc) ? WEXITSTATUS(rc) : -1, Slurp(dir / "out"), Slurp(dir / "err")};
 }
 
-std::string RandomBytes(std::size_t n, unsigned seed) {
-  std::mt19937 gen(seed);
-  std::string s(n, '\0');
-  for (auto& c : s) c = static_cast<char>(gen());
-  return s;
-}
-
 // Runs each case and compares status, output and error output exactly.
 struct TCase {
   std::string args, input;
@@ -89,29 +82,27 @@ TEST(QumaTool, HelpVersionAndUsageErrors) {
   }
 }
 
-TEST(QumaTool, UuidFormsRoundTrip) {
+// The forms themselves are the UUID value's business; here: arguments, stdin lines, status.
+TEST(QumaTool, UuidArgumentsAndStandardInput) {
   const std::string id = "6ba7b810-9dad-11d1-80b4-00c04fd430c8", hex = "6ba7b8109dad11d180b400c04fd430c8";
   ExpectRuns({
-      {"uuid format ms " + id, "", 0, "{6BA7B810-9DAD-11D1-80B4-00C04FD430C8}\n"},
-      {"uuid format hex " + id, "", 0, hex + "\n"},
-      {"uuid format base64 " + id, "", 0, "a6e4EJ2tEdGAtADAT9QwyA==\n"},
-      {"uuid format standard " + id, "", 0, id + "\n"},
-      {"uuid parse '{6BA7B810-9DAD-11D1-80B4-00C04FD430C8}'", "", 0, id + "\n"},
+      {"uuid format ms " + id + " " + hex, "", 0,
+       "{6BA7B810-9DAD-11D1-80B4-00C04FD430C8}\n{6BA7B810-9DAD-11D1-80B4-00C04FD430C8}\n"},
       {"uuid parse " + hex, "", 0, id + "\n"},
-      {"uuid parse a6e4EJ2tEdGAtADAT9QwyA==", "", 0, id + "\n"},
       // Lines of standard input when no argument is given.
       {"uuid format hex", id + "\n\n{6BA7B810-9DAD-11D1-80B4-00C04FD430C8}\n", 0, hex + "\n" + hex + "\n"},
       {"uuid parse 6ba7b810-9dad-11d1-80b4", "", 1, "", "quma: Unrecognised Format\n"},
   });
   auto made = Quma("uuid new -n 3");
-  ASSERT_EQ(made.status, 0);
   ASSERT_EQ(made.out.size(), 3 * 37u);
   EXPECT_NE(made.out.substr(0, 36), made.out.substr(37, 36));
-  EXPECT_EQ(made.out[14], '4');  // version 4
 }
 
-TEST(QumaTool, Crc32MatchesZlibLikeCksum) {
-  const std::string a = RandomBytes(200000, 1), b = "123456789";
+// Large inputs go through in blocks: the CRC chains across them, the codecs' lines and groups too.
+TEST(QumaTool, Crc32Base32AndHexStreamLargeInputs) {
+  std::mt19937 random(2);
+  std::string a(300001, '\0'), b = "123456789";
+  for (auto& c : a) c = static_cast<char>(random());
   const std::string fileA = (Scratch() / "a.bin").string(), fileB = (Scratch() / "b.txt").string();
   Spit(fileA, a);
   Spit(fileB, b);
@@ -125,66 +116,44 @@ TEST(QumaTool, Crc32MatchesZlibLikeCksum) {
       // A missing file is reported and the others still get their line.
       {"crc32 /nonexistent/x " + fileB, "", 1, "cbf43926 9 " + fileB + "\n",
        "quma: /nonexistent/x: No such file or directory\nquma: some files could not be read\n"},
-  });
-}
-
-TEST(QumaTool, Base32AndHexRoundTripLargeInputs) {
-  const std::string data = RandomBytes(300001, 2);
-  for (const std::string codec : {"base32", "base32 -w 0", "base32 -w 7", "hex", "hex -g 1 -l 16", "hex -g 2", "hex -l 3"}) {
-    auto enc = Quma(codec, data);
-    ASSERT_EQ(enc.status, 0);
-    auto dec = Quma(codec.substr(0, codec.find(' ')) + " -d", enc.out);
-    ASSERT_EQ(dec.status, 0) << dec.err;
-    EXPECT_TRUE(dec.out == data) << codec;
-  }
-  const std::string badHex = "quma: HexStringToBytes: String contains invalid characters\n";
-  ExpectRuns({
       {"base32", "foobar", 0, "MZXW6YTBOI======\n"},
-      {"base32 -d", "MZXW6YTBOI======\n", 0, "foobar"},
       {"base32 -d", "MZ!W6YTB", 1, "", "quma: Invalid Base32 Input character: ! at offset 2 of buffer\n"},
       {"hex -g 1 -l 2", std::string("\x01\x02\x03\x04\x05", 5), 0, "01 02\n03 04\n05\n"},
-      {"hex -d", "ABC", 1, "\xAB", badHex},  // streamed: whole pairs go out before the odd digit is refused
-      {"hex -d", "0G", 1, "", badHex},
+      // Streamed: whole pairs go out before the odd digit is refused.
+      {"hex -d", "ABC", 1, "\xAB", "quma: HexStringToBytes: String contains invalid characters\n"},
   });
+  for (const std::string codec : {"base32", "base32 -w 0", "base32 -w 7", "hex", "hex -g 1 -l 16", "hex -g 2", "hex -l 3"}) {
+    auto enc = Quma(codec, a);
+    auto dec = Quma(codec.substr(0, codec.find(' ')) + " -d", enc.out);
+    ASSERT_EQ(dec.status, 0) << dec.err;
+    EXPECT_TRUE(dec.out == a) << codec;
+  }
 }
 
-TEST(QumaTool, DatesFormatAndParse) {
+// Dates, tokenising and folder names: each option reaches the library call it stands for.
+TEST(QumaTool, DateTokeniseAndFolderOptions) {
   ExpectRuns({
-      {"date http --at 784111777", "", 0, "Sun, 06 Nov 1994 08:49:37 GMT\n"},
       {"date xml --at 784111777", "", 0, "1994-11-06T08:49:37Z\n"},
       {"date http 'Sun, 06 Nov 1994 08:49:37 GMT'", "", 0, "1994-11-06T08:49:37Z\n"},
       {"date http --unix 'Sun, 06 Nov 1994 08:49:37 GMT'", "", 0, "784111777\n"},
       {"date xml --to http 1994-11-06T08:49:37Z", "", 0, "Sun, 06 Nov 1994 08:49:37 GMT\n"},
       {"date http 'Sun, 06 Nov 1994'", "", 1, "", "quma: Unable to convert \"Sun, 06 Nov 1994\" to TDateTime\n"},
-  });
-  auto now = Quma("date http");
-  EXPECT_EQ(now.status, 0);
-  EXPECT_EQ(now.out.size(), 30u) << now.out;
-}
-
-TEST(QumaTool, TokeniseSplitsLooksUpAndQuotes) {
-  const std::string values = "plain\nwith space\nquote \" inside\n";
-  ExpectRuns({
       {"tokenise", "a \"b c\"  d\n\nx\ty\n", 0, "a\tb c\td\n\nx\ty\n"},
       {"tokenise --keep-empty -s ,", "a,,b\n", 0, "a\t\tb\n"},
       {"tokenise -q '()' --keep-quotes", "(a b) c\n", 0, "(a b)\tc\n"},
       {"tokenise -n KEY --embedded-quotes", "name=x key=\"v w\"\nnothing here\n", 0, "v w\n\n"},
       {"tokenise -q '(' ", "", 1, "", "quma: --quotes: open and close characters must come in pairs\n"},
+      {"folder expand /plain/path", "", 0, "/plain/path\n"},
   });
+  EXPECT_EQ(Quma("date http").out.size(), 30u);  // now
   // --quote writes each line so that tokenising gives it back as one token.
+  const std::string values = "plain\nwith space\nquote \" inside\n";
   auto quoted = Quma("tokenise --quote -e '\\'", values);
-  ASSERT_EQ(quoted.status, 0);
   EXPECT_EQ(Quma("tokenise -e '\\'", quoted.out).out, values);
-}
-
-TEST(QumaTool, FolderNamesRoundTrip) {
-  const std::string home = std::getenv("HOME") ? std::getenv("HOME") : "";
-  ASSERT_FALSE(home.empty());
+  const std::string home = std::getenv("HOME") ? std::getenv("HOME") : "";  // without it nothing is encoded
   auto encoded = Quma("folder encode '" + home + "/some/file'");
-  ASSERT_EQ(encoded.status, 0);
   EXPECT_EQ(encoded.out.rfind("{:", 0), 0u) << encoded.out;
   EXPECT_EQ(Quma("folder expand", encoded.out).out, home + "/some/file\n");
-  EXPECT_EQ(Quma("folder expand /plain/path").out, "/plain/path\n");
 }
 
 TEST(QumaTool, ParsePrintsTheNodeTreeOrTheParsersError) {
