@@ -110,12 +110,14 @@ class ServiceThreads : public ::testing::Test {
 TEST_F(ServiceThreads, ForegroundCancellingAndExceptions) {
   TProbe probe, other, a, b, e;
   const TNotifyEvent hit = Bind<&TProbe::Hit>(&probe);
+  TQUMAForegroundSyncThread* worker = ForegroundSync();
   QUMAQueueForegroundCallback(hit, &e, 10);
   QUMAQueueForegroundCallback(Bind<&TProbe::Hit>(&other), &e, 10);  // same payload, other callback
+  EXPECT_EQ(worker->QueuedCount(), 3u);  // with a keep-alive entry: the head falls due within a second
   QUMAQueueForegroundCallback(hit, &b, 20ms);
   QUMAQueueForegroundCallback(hit, &a, 20);
   QUMAQueueForegroundCallback(Bind<&TProbe::Boom>(&probe), &a, 20);  // first of its batch; throws
-  ForegroundSync()->CancelSyncCallback(hit, &e, 999);                // the delay takes no part
+  worker->CancelSyncCallback(hit, &e, 999);                          // the delay takes no part
   Advance(10);
   ASSERT_TRUE(Service([&] { return other.Seen.size() == 1; }));
   Advance(10);
