@@ -85,6 +85,8 @@ TEST(BcdArithmetic, AddSubtractCompareAndNormalize) {
   EXPECT_FALSE(NormalizeBcd(B(u"1"), untouched, 65, 0));
   ASSERT_TRUE(NormalizeBcd(B(u"-0.5"), out, 1, 1));
   EXPECT_EQ(S(out), "-0.5");
+  ASSERT_TRUE(NormalizeBcd(B(u"0.5"), out, 64, 63));  // the most places there are
+  EXPECT_EQ(out.Places(), 63);
   // A digit rounded away gives false: one rounding from the first dropped digit, half away from
   // zero; carries run through every digit.
   const struct {

@@ -126,8 +126,9 @@ TEST(StringList, ChangeEventsBracketEachChangeAndUpdates) {
   events.clear();
   list->Clear();
   list->Clear();  // already empty: no change
-  list->SetCommaText(u"a,b,c");
-  EXPECT_EQ(events, "<><>");  // one bracket for the whole text
+  list->SetCommaText(u"c,b,a");
+  list->Sort();
+  EXPECT_EQ(events, "<><><>");  // one bracket for the whole text, one for the sort
 }
 
 TEST(StringList, SortedListsApplyDuplicatesAndAssignCopiesStringsObjectsAndSettings) {
