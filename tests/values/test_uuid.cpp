@@ -264,6 +264,8 @@ TEST(UuidText, ShapesOfTheFormsAndTheirRecognition) {
   ref._SetAsString(u"QUMA-Ref");
   EXPECT_EQ(ref.Format(), u"Internal Reference: " + UnicodeString(u"Q\0U\0M\0A\0-\0R\0e\0f\0", 16));
   EXPECT_EQ(ref.Format(u"hex").substr(0, 10), u"510055004d");  // named forms are unaffected
+  const UnicodeString nearly = u"00112200-4d55-6677-8899-aabbccddeeff";  // the last two bytes only
+  EXPECT_EQ(TQUMA_Uuid::Create(nearly).Format(), nearly);
 
   // Recognition by length and punctuation.
   // The MS form with its closing brace missing (37 units) is still the MS form.
