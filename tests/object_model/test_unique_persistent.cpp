@@ -38,7 +38,7 @@ TEST(UniqueSwap, EveryKindOfHolderEndsUpOnTheReplacement) {
   auto *old = U(), *rep = U();
   old->_SwapWith(nullptr);
   old->_SwapWith(old);
-  THolder plain("plain", &log), callbackHolder("callback", &log), twilight;
+  THolder plain("plain", &log), callbackHolder("callback", &log), twilight, even;
   auto *lockingNode = N("lockingNode"), *consumer = N("consumer", &log);
   auto *watcher = New<TWatcher>(nullptr, &log), *lockingComponent = New<TWatcher>(nullptr, &log, "lockingComponent");
   TQUMAReferencedPersistent *silent = old, *elsewhere = old, *own = rep;
@@ -50,6 +50,8 @@ TEST(UniqueSwap, EveryKindOfHolderEndsUpOnTheReplacement) {
   for (TObject* locker : std::initializer_list<TObject*>{&plain, &plain, lockingNode, old, lockingComponent})
     old->AddMemLockReference(locker);
   rep->AddMemLockReference(&plain);  // two locks on the old object, one here: two afterwards
+  old->AddMemLockReference(&even);
+  rep->AddMemLockReference(&even);  // as many here as there: no more afterwards
   old->AddMemLockReference(&callbackHolder, callbackHolder.Callback());
   old->AddNotifyReference(consumer);
   old->AddNotifyReference(watcher);
@@ -61,7 +63,7 @@ TEST(UniqueSwap, EveryKindOfHolderEndsUpOnTheReplacement) {
   EXPECT_FALSE(gone);
   EXPECT_EQ(elsewhere, rep);
   for (auto [locker, count] : std::initializer_list<std::pair<TObject*, int>>{
-           {&plain, 2}, {lockingNode, 1}, {rep, 1}, {lockingComponent, 1}, {&callbackHolder, 1}})
+           {&plain, 2}, {&even, 1}, {lockingNode, 1}, {rep, 1}, {lockingComponent, 1}, {&callbackHolder, 1}})
     EXPECT_EQ(rep->LockCount(locker), count);
   EXPECT_EQ(log, (Journal{"watcher<-?"}));  // the old wrapper's links went, naming the old object
   EXPECT_EQ(rep->OnEnterTwilight(), Bind<&THolder::Enter>(&twilight));
