@@ -136,6 +136,11 @@ TEST(BcdFromString, FindsTheFirstNumberWithThePatternOfTheSettings) {
   EXPECT_EQ(FromString(u"1'234.5"), "1");
   EXPECT_EQ(ErrorOf<EConvertError>([&] { FromString(u"1'234.5", apostrophe); }),
             "Unable to convert \"1'234.5\" to TBcd");
+  // ...nor for one that differs in the decimal separator only.
+  TFormatSettings semicolon = TFormatSettings::Create(u"en-GB");
+  semicolon.DecimalSeparator = u';';
+  EXPECT_EQ(FromString(u"7;5"), "7");
+  EXPECT_EQ(ErrorOf<EConvertError>([&] { FromString(u"7;5", semicolon); }), "Unable to convert \"7;5\" to TBcd");
   // A different pair on many threads at once: one compiled pattern per pair, shared safely.
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t)

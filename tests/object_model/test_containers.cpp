@@ -181,6 +181,9 @@ TEST(SafeBox, ObjectFreedInsideLeavesAndIsReportedOnceAndTheBoxMayBeFreedThen) {
 TEST(OpportunisticStringList, ReferencesOnlyReferencedPersistentsAndEmptiesEntriesFreedElsewhere) {
   int frees = 0;
   auto* list = New<TOppList>();
+  list->SetReferenceAction(_raNotify);  // taken while empty
+  EXPECT_EQ(list->ReferenceAction(), _raNotify);
+  list->SetReferenceAction(_raMemLock);
   auto *x = N("x"), *y = N("y");
   auto* plain = New<TFreeCounter>(&frees);
   list->AddObject(u"x", x);

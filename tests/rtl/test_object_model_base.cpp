@@ -261,10 +261,10 @@ TEST(GenericContainers, ListOrderIndexesComparerObjectListDictionaryAndStack) {
   int frees = 0;
   {
     auto owning = MakeObject<TObjectList<TFreeCounter>>();
-    owning->Add(New<TFreeCounter>(&frees));
     auto* kept = New<TFreeCounter>(&frees);
     owning->Add(kept);
-    ASSERT_TRUE(owning->Extract(kept).has_value());  // extraction hands it back
+    owning->Add(New<TFreeCounter>(&frees));
+    ASSERT_TRUE(owning->Extract(kept).has_value());  // extraction hands it back, also from the front
     EXPECT_EQ(frees, 0);
     Free(kept);
   }
