@@ -14,9 +14,9 @@ using namespace quma;
 using quma::test::ErrorOf;
 
 TEST(Strings, UtfRoundTripsRepairsExceptionMessagesAsciiCaseMappingAndIntegers) {
-  const std::string text = "A\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80";  // A é € 😀
+  const std::string text = "A\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80\xF0\x90\x80\x80";  // A é € 😀 U+10000
   const UnicodeString u = Utf8ToUtf16(text);
-  EXPECT_EQ(u, u"A\u00E9\u20AC\U0001F600");
+  EXPECT_EQ(u, u"A\u00E9\u20AC\U0001F600\U00010000");
   EXPECT_EQ(Utf16ToUtf8(u), text);
   EXPECT_TRUE(IsValidUtf8(text));
   EXPECT_FALSE(IsValidUtf8("\xC0\xAF"));  // overlong
